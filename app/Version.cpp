@@ -1,0 +1,3 @@
+#include "Version.h"
+
+const char* const Version::version = "1.0.8";

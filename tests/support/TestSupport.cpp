@@ -1,0 +1,77 @@
+#include "TestSupport.h"
+
+#include <QProcess>
+#include <QSettings>
+
+namespace TestSupport {
+namespace {
+
+constexpr int kFfmpegTimeoutMs = 180000;
+
+QStringList baseArguments()
+{
+    return {"-hide_banner", "-loglevel", "error", "-nostdin", "-y"};
+}
+
+bool finish(QProcess& process, QString* error)
+{
+    const bool finished = process.waitForFinished(kFfmpegTimeoutMs);
+    const bool ok = finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    if (!ok && error)
+        *error += QString::fromLocal8Bit(process.readAllStandardError());
+    if (!finished)
+        process.kill();
+    return ok;
+}
+
+} // namespace
+
+bool runFfmpeg(const QStringList& args, QString* error)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::SeparateChannels);
+    process.start("ffmpeg", baseArguments() + args);
+    if (!process.waitForStarted()) {
+        if (error)
+            *error += QStringLiteral("ffmpeg did not start");
+        return false;
+    }
+    return finish(process, error);
+}
+
+bool writeRawClip(const QString& path, int width, int height, const std::vector<QByteArray>& frames,
+                  const QStringList& outputArgs, const QString& inputPixelFormat, int fps)
+{
+    QStringList args = baseArguments();
+    args << "-f" << "rawvideo" << "-pix_fmt" << inputPixelFormat
+         << "-s" << QStringLiteral("%1x%2").arg(width).arg(height)
+         << "-r" << QString::number(fps) << "-i" << "-";
+    args += outputArgs;
+    args << path;
+
+    QProcess process;
+    process.start("ffmpeg", args);
+    if (!process.waitForStarted())
+        return false;
+    for (const QByteArray& frame : frames) {
+        process.write(frame);
+        while (process.bytesToWrite() > 0)
+            process.waitForBytesWritten(kFfmpegTimeoutMs);
+    }
+    process.closeWriteChannel();
+    return finish(process, nullptr);
+}
+
+QByteArray grayFrame(int width, int height, unsigned char value)
+{
+    return QByteArray(width * height, static_cast<char>(value));
+}
+
+ScopedSettings::ScopedSettings()
+{
+    for (QSettings::Format format : {QSettings::NativeFormat, QSettings::IniFormat})
+        for (QSettings::Scope scope : {QSettings::UserScope, QSettings::SystemScope})
+            QSettings::setPath(format, scope, m_dir.path());
+}
+
+} // namespace TestSupport

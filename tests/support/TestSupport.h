@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <vector>
+
+// Helpers shared by the test executables: generating clips with the ffmpeg command and
+// keeping settings away from the user's own. Called from test code on the test's thread.
+namespace TestSupport {
+
+// Runs `ffmpeg -hide_banner -loglevel error -nostdin -y ARGS`; true when it exits 0.
+// On failure the command's error output is appended to *error when given.
+bool runFfmpeg(const QStringList& args, QString* error = nullptr);
+
+// Encodes raw frames (each width*height*bytes-per-pixel bytes of `inputPixelFormat`)
+// into `path` with `outputArgs` (for example {"-c:v", "ffv1"}), `fps` frames a second.
+bool writeRawClip(const QString& path, int width, int height,
+                  const std::vector<QByteArray>& frames,
+                  const QStringList& outputArgs = {"-c:v", "ffv1"},
+                  const QString& inputPixelFormat = QStringLiteral("gray"), int fps = 25);
+
+// A grey frame of one value, the building block of exact-count clips.
+QByteArray grayFrame(int width, int height, unsigned char value);
+
+// Points QSettings (native and ini formats, user and system scope) at a fresh temporary
+// folder for as long as the object lives, so a test never reads or writes real settings.
+class ScopedSettings {
+public:
+    ScopedSettings();
+    QString path() const { return m_dir.path(); }
+
+private:
+    QTemporaryDir m_dir;
+};
+
+} // namespace TestSupport
