@@ -1,0 +1,1 @@
+#include "MpegFrame.h"

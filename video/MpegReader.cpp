@@ -1,0 +1,1 @@
+#include "MpegReader.h"
