@@ -1,1 +1,66 @@
 #pragma once
+
+#include <cstdint>
+#include <vector>
+
+struct AVFrame;
+struct SwsContext;
+
+// One decoded picture: its brightness as an 8-bit grey plane, and converted, scaled RGB
+// copies on request.
+//
+// Made by MpegReader::read (and by callers that build a picture for MpegWriter); the
+// receiver owns it. A frame is used by one thread at a time; distinct frames are independent.
+class MpegFrame {
+public:
+    // Takes ownership of `frame`, a picture of any pixel format swscale understands. When
+    // its first plane is not already 8-bit luma, the grey picture is converted here, once.
+    explicit MpegFrame(AVFrame* frame);
+
+    // As above, for MpegReader, which keeps one scaler for a whole file: `*grayScaler` is
+    // reused while it fits the picture and replaced when it does not. The caller frees it
+    // with sws_freeContext.
+    MpegFrame(AVFrame* frame, SwsContext** grayScaler);
+
+    ~MpegFrame();
+
+    MpegFrame(const MpegFrame&) = delete;
+    MpegFrame& operator=(const MpegFrame&) = delete;
+
+    // The picture's brightness, 8 bits a pixel, width() x height() pixels, rows step()
+    // bytes apart (step() > 0). For 8-bit YUV and grey pictures this is the first plane
+    // itself, for any other format an own converted copy. Writable when the frame came from
+    // MpegReader::read(true) or owns its buffers; for read(false) it belongs to the decoder
+    // and must only be read.
+    uint8_t* data();
+    const uint8_t* data() const;
+    int step() const;
+
+    int width() const;
+    int height() const;
+
+    // Scaled, converted copies into the caller's buffer of dstHeight rows, dstStride bytes
+    // apart (dstStride >= dstWidth * bytes a pixel). Bilinear when the size differs, a plain
+    // conversion when it is the same. Nothing outside dstWidth * bytes a pixel of each row is
+    // written. Invalid arguments or an unsupported source leave the buffer untouched.
+    void rgb16(void* dst, int dstStride, int dstWidth, int dstHeight) const; // RGB565 little-endian
+    void rgb24(void* dst, int dstStride, int dstWidth, int dstHeight) const; // bytes R, G, B
+    void rgb32(void* dst, int dstStride, int dstWidth, int dstHeight) const; // bytes B, G, R, A
+
+    // The decoded picture itself, still owned by this frame (MpegWriter encodes it).
+    AVFrame* avFrame() const;
+
+    // Seconds: the decode timestamp of the packet that completed the picture times the
+    // stream's time base. Set by MpegReader::read, 0.0 for frames made otherwise.
+    double m_time = 0.0;
+
+private:
+    void makeGray(SwsContext** grayScaler);
+    void convert(int dstFormat, int bytesPerPixel, void* dst, int dstStride, int dstWidth,
+                 int dstHeight) const;
+
+    AVFrame* m_frame;
+    // Empty while the first plane of m_frame is the grey picture itself.
+    std::vector<uint8_t> m_gray;
+    int m_grayStep = 0;
+};

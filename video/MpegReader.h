@@ -1,1 +1,64 @@
 #pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+class MpegFrame;
+struct MpegReaderState;
+
+// Reads the first video stream of a local file and hands out its decoded pictures one at a
+// time. Only the local file system is reached: names that look like URLs are file names,
+// and playlists or lists naming network addresses fail to open.
+//
+// A reader is closed (no state), open (a decoder is ready) or half-open (a failed open()
+// left its state until close()). Every operation is safe in every state.
+//
+// Not thread-safe: one thread at a time per reader; different readers may run on different
+// threads. The analysis pass holds ffmpegMutex around open() and close() (and destruction).
+class MpegReader {
+public:
+    MpegReader();
+    ~MpegReader(); // as close()
+
+    MpegReader(const MpegReader&) = delete;
+    MpegReader& operator=(const MpegReader&) = delete;
+
+    // Closes the previous file, then opens `url` (a UTF-8 file path) and readies the decoder
+    // of its first video stream. False when the file cannot be opened or probed, has no
+    // video stream, or its decoder is missing or does not open; FFmpeg's log tells why.
+    bool open(const char* url);
+
+    // The next decoded picture of the chosen stream, owned by the caller; null at the end of
+    // input, on a read error, and when no decoder is ready. With `clone` the picture's
+    // pixels are the caller's own (they may be overwritten); without, they belong to the
+    // decoder and must only be read. Pictures the decoder still holds back at the end of
+    // input are not returned.
+    MpegFrame* read(bool clone);
+
+    // Byte position up to which the file has been read into the input buffer; it grows in
+    // steps of that buffer, not per picture. -1 when unknown or closed.
+    int64_t pos() const;
+
+    // The decoder's picture size; -1 without a decoder context (closed, or no video stream).
+    int width() const;
+    int height() const;
+
+    // The stream's frame rate; 0.0 when unknown, -1.0 without a decoder context.
+    double fps() const;
+
+    // True for the motion-JPEG family (MJPEG, MJPEG-B, MxPEG).
+    bool isMJPEG() const;
+
+    // Releases everything; safe in every state and repeatedly.
+    void close();
+
+    // Index of the chosen video stream in the file; -1 when none was chosen or closed.
+    int streamIndex() const;
+
+    // Pictures returned by all readers since start; a rough throughput total.
+    static std::atomic<int> m_processedFrameCount;
+
+private:
+    std::unique_ptr<MpegReaderState> m_state;
+};
