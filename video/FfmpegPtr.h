@@ -49,3 +49,15 @@ struct SwsContextDeleter {
     void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
 using SwsContextPtr = std::unique_ptr<SwsContext, SwsContextDeleter>;
+
+// An output context owns its I/O context only when its muxer writes to a file the writer
+// opened; avformat_free_context leaves that file open, so this deleter closes it first.
+struct OutputContextDeleter {
+    void operator()(AVFormatContext* context) const
+    {
+        if (context->pb && !(context->oformat->flags & AVFMT_NOFILE))
+            avio_closep(&context->pb);
+        avformat_free_context(context);
+    }
+};
+using OutputContextPtr = std::unique_ptr<AVFormatContext, OutputContextDeleter>;

@@ -1,1 +1,180 @@
 #include "MpegWriter.h"
+
+#include "FfmpegPtr.h"
+#include "MpegFrame.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
+// Members are declared so that destruction releases the packet, then the encoder, then the
+// output context with its file.
+struct MpegWriterState {
+    AVStream* stream = nullptr;
+    const AVOutputFormat* outputFormat = nullptr;
+    OutputContextPtr formatContext;
+    const AVCodec* codec = nullptr;
+    int width = 0;
+    int height = 0;
+    CodecContextPtr codecContext;
+    PacketPtr packet;
+    bool headerWritten = false;
+};
+
+namespace {
+
+constexpr int kGopSize = 25;
+constexpr int kMaxTimeBaseTerm = 65535;
+const char* const kFallbackFormat = "mpeg";
+
+OutputContextPtr allocateOutputContext(const char* path)
+{
+    AVFormatContext* context = nullptr;
+    if (avformat_alloc_output_context2(&context, nullptr, nullptr, path) < 0 || !context) {
+        // No muxer claims the extension (or there is none): fall back to MPEG program stream.
+        context = nullptr;
+        avformat_alloc_output_context2(&context, nullptr, kFallbackFormat, path);
+    }
+    return OutputContextPtr(context);
+}
+
+bool setUpEncoder(MpegWriterState& state, int bitRate, double fps)
+{
+    state.codecContext.reset(avcodec_alloc_context3(state.codec));
+    AVCodecContext* context = state.codecContext.get();
+    if (!context)
+        return false;
+    const AVRational timeBase = av_d2q(1.0 / fps, kMaxTimeBaseTerm);
+    state.stream->time_base = timeBase;
+    context->codec_id = state.outputFormat->video_codec;
+    context->bit_rate = bitRate;
+    context->width = state.width;
+    context->height = state.height;
+    context->time_base = timeBase;
+    context->gop_size = kGopSize;
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    if (state.outputFormat->flags & AVFMT_GLOBALHEADER)
+        context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    if (avcodec_open2(context, state.codec, nullptr) < 0)
+        return false;
+    // The stream's parameters are taken after opening so that the extradata of a global
+    // header reaches the muxer.
+    return avcodec_parameters_from_context(state.stream->codecpar, context) >= 0;
+}
+
+bool openOutputFile(MpegWriterState& state, const char* path)
+{
+    AVFormatContext* context = state.formatContext.get();
+    av_dump_format(context, 0, path, 1);
+    if (!(state.outputFormat->flags & AVFMT_NOFILE) && avio_open(&context->pb, path, AVIO_FLAG_WRITE) < 0)
+        return false;
+    state.headerWritten = avformat_write_header(context, nullptr) >= 0;
+    return state.headerWritten;
+}
+
+// Writes one packet the encoder handed back; the muxer takes its data and leaves it blank.
+bool writePacket(MpegWriterState& state)
+{
+    AVPacket* packet = state.packet.get();
+    av_packet_rescale_ts(packet, state.codecContext->time_base, state.stream->time_base);
+    packet->stream_index = state.stream->index;
+    return av_interleaved_write_frame(state.formatContext.get(), packet) >= 0;
+}
+
+} // namespace
+
+MpegWriter::MpegWriter() = default;
+
+MpegWriter::~MpegWriter()
+{
+    close();
+}
+
+bool MpegWriter::open(const char* path, int bitRate, int width, int height, double fps)
+{
+    close();
+    m_state = std::make_unique<MpegWriterState>();
+    MpegWriterState& state = *m_state;
+    state.width = width;
+    state.height = height;
+
+    state.formatContext = allocateOutputContext(path);
+    if (!state.formatContext)
+        return false;
+    state.outputFormat = state.formatContext->oformat;
+
+    state.codec = avcodec_find_encoder(state.outputFormat->video_codec);
+    if (!state.codec)
+        return false;
+    state.stream = avformat_new_stream(state.formatContext.get(), state.codec);
+    if (!state.stream)
+        return false;
+    state.stream->id = static_cast<int>(state.formatContext->nb_streams) - 1;
+
+    if (!setUpEncoder(state, bitRate, fps))
+        return false;
+    state.packet.reset(av_packet_alloc());
+    if (!state.packet)
+        return false;
+    return openOutputFile(state, path);
+}
+
+bool MpegWriter::write(MpegFrame* frame)
+{
+    if (!isOpen() || !frame || !frame->avFrame())
+        return false;
+    MpegWriterState& state = *m_state;
+    if (avcodec_send_frame(state.codecContext.get(), frame->avFrame()) < 0)
+        return false;
+
+    bool anyWritten = false;
+    bool allWritten = true;
+    for (;;) {
+        const int received = avcodec_receive_packet(state.codecContext.get(), state.packet.get());
+        // EAGAIN: the encoder wants more pictures before it hands back another packet.
+        if (received == AVERROR(EAGAIN))
+            break;
+        // Any other failure (EOF cannot happen, the encoder is never flushed) is an error.
+        if (received < 0)
+            return false;
+        // A packet: into the file, whether or not an earlier one failed.
+        const bool written = writePacket(state);
+        anyWritten = anyWritten || written;
+        allWritten = allWritten && written;
+    }
+    return anyWritten && allWritten;
+}
+
+void MpegWriter::close()
+{
+    if (!m_state)
+        return;
+    if (m_state->headerWritten)
+        av_write_trailer(m_state->formatContext.get());
+    m_state.reset();
+}
+
+bool MpegWriter::isOpen() const
+{
+    return m_state && m_state->headerWritten;
+}
+
+int MpegWriter::timeBaseNumerator() const
+{
+    return m_state && m_state->codecContext ? m_state->codecContext->time_base.num : 0;
+}
+
+int MpegWriter::timeBaseDenominator() const
+{
+    return m_state && m_state->codecContext ? m_state->codecContext->time_base.den : 1;
+}
+
+const char* MpegWriter::formatName() const
+{
+    return m_state && m_state->outputFormat ? m_state->outputFormat->name : "";
+}
+
+const char* MpegWriter::codecName() const
+{
+    return m_state && m_state->codec ? m_state->codec->name : "";
+}
