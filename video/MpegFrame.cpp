@@ -1,1 +1,195 @@
 #include "MpegFrame.h"
+
+#include "FfmpegPtr.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+}
+
+namespace {
+
+// swscale's SIMD code writes a few dozen bytes past the last pixel of a row (24 bytes for a
+// 568 pixel wide RGB24 picture), so every conversion lands in rows with this much slack
+// first and only the pixels are copied on.
+constexpr int kRowSlack = 64;
+constexpr int kRowAlignment = 64;
+
+int paddedStride(int rowBytes)
+{
+    return FFALIGN(rowBytes + kRowSlack, kRowAlignment);
+}
+
+// Formats whose first component is luma (or grey) stored as plain integers.
+bool isLumaFirstFormat(const AVPixFmtDescriptor& descriptor)
+{
+    constexpr uint64_t notLuma = AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BITSTREAM
+                                 | AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_FLOAT | AV_PIX_FMT_FLAG_BAYER;
+    return descriptor.nb_components > 0 && (descriptor.flags & notLuma) == 0 && descriptor.comp[0].plane == 0
+           && descriptor.comp[0].offset == 0;
+}
+
+// The first plane is 8-bit luma, one byte a pixel, rows top to bottom: the grey picture as
+// it is, no copy needed.
+bool hasGrayFirstPlane(const AVFrame& frame)
+{
+    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    return descriptor && isLumaFirstFormat(*descriptor) && descriptor->comp[0].depth == 8
+           && descriptor->comp[0].step == 1 && descriptor->comp[0].shift == 0 && frame.linesize[0] >= frame.width;
+}
+
+struct GrayFormat {
+    int depth;
+    AVPixelFormat littleEndian;
+    AVPixelFormat bigEndian;
+};
+
+constexpr GrayFormat kGrayFormats[] = {
+    {9, AV_PIX_FMT_GRAY9LE, AV_PIX_FMT_GRAY9BE},    {10, AV_PIX_FMT_GRAY10LE, AV_PIX_FMT_GRAY10BE},
+    {12, AV_PIX_FMT_GRAY12LE, AV_PIX_FMT_GRAY12BE}, {14, AV_PIX_FMT_GRAY14LE, AV_PIX_FMT_GRAY14BE},
+    {16, AV_PIX_FMT_GRAY16LE, AV_PIX_FMT_GRAY16BE},
+};
+
+// For luma of 9 to 16 bits in a plane of its own (yuv420p10le, p010, gray16 ...), the grey
+// format that describes that plane alone. Converting the plane as grey keeps the values of
+// limited-range video where a conversion of the whole YUV picture would stretch them to full
+// range. AV_PIX_FMT_NONE for every other format.
+AVPixelFormat grayFormatOfLumaPlane(const AVFrame& frame)
+{
+    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    if (!descriptor || !isLumaFirstFormat(*descriptor) || descriptor->comp[0].step != 2)
+        return AV_PIX_FMT_NONE;
+    const int depth = descriptor->comp[0].depth;
+    const int shift = descriptor->comp[0].shift;
+    if (depth <= 8 || depth + shift > 16)
+        return AV_PIX_FMT_NONE;
+    // Samples aligned to the top bit (p010) read as 16-bit grey.
+    const int grayDepth = shift == 0 ? depth : 16;
+    const bool bigEndian = (descriptor->flags & AV_PIX_FMT_FLAG_BE) != 0;
+    for (const GrayFormat& gray : kGrayFormats) {
+        if (gray.depth == grayDepth)
+            return bigEndian ? gray.bigEndian : gray.littleEndian;
+    }
+    return AV_PIX_FMT_NONE;
+}
+
+} // namespace
+
+MpegFrame::MpegFrame(AVFrame* frame)
+    : m_frame(frame)
+{
+    SwsContext* scaler = nullptr;
+    makeGray(&scaler);
+    sws_freeContext(scaler);
+}
+
+MpegFrame::MpegFrame(AVFrame* frame, SwsContext** grayScaler)
+    : m_frame(frame)
+{
+    makeGray(grayScaler);
+}
+
+MpegFrame::~MpegFrame()
+{
+    av_frame_free(&m_frame);
+}
+
+void MpegFrame::makeGray(SwsContext** grayScaler)
+{
+    if (!m_frame || m_frame->width <= 0 || m_frame->height <= 0 || hasGrayFirstPlane(*m_frame))
+        return;
+    const int width = m_frame->width;
+    const int height = m_frame->height;
+    m_grayStep = paddedStride(width);
+    // Zero-filled, so a picture swscale cannot convert comes out black rather than undefined.
+    m_gray.assign(static_cast<size_t>(m_grayStep) * static_cast<size_t>(height), 0);
+
+    const AVPixelFormat planeFormat = grayFormatOfLumaPlane(*m_frame);
+    const AVPixelFormat sourceFormat = planeFormat != AV_PIX_FMT_NONE ? planeFormat
+                                                                      : static_cast<AVPixelFormat>(m_frame->format);
+    *grayScaler = sws_getCachedContext(*grayScaler, width, height, sourceFormat, width, height, AV_PIX_FMT_GRAY8,
+                                       SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (!*grayScaler)
+        return;
+    uint8_t* planes[4] = {m_gray.data(), nullptr, nullptr, nullptr};
+    const int strides[4] = {m_grayStep, 0, 0, 0};
+    sws_scale(*grayScaler, m_frame->data, m_frame->linesize, 0, height, planes, strides);
+}
+
+uint8_t* MpegFrame::data()
+{
+    if (!m_gray.empty())
+        return m_gray.data();
+    return m_frame ? m_frame->data[0] : nullptr;
+}
+
+const uint8_t* MpegFrame::data() const
+{
+    if (!m_gray.empty())
+        return m_gray.data();
+    return m_frame ? m_frame->data[0] : nullptr;
+}
+
+int MpegFrame::step() const
+{
+    if (!m_gray.empty())
+        return m_grayStep;
+    return m_frame ? m_frame->linesize[0] : 0;
+}
+
+int MpegFrame::width() const
+{
+    return m_frame ? m_frame->width : 0;
+}
+
+int MpegFrame::height() const
+{
+    return m_frame ? m_frame->height : 0;
+}
+
+void MpegFrame::rgb16(void* dst, int dstStride, int dstWidth, int dstHeight) const
+{
+    convert(AV_PIX_FMT_RGB565LE, 2, dst, dstStride, dstWidth, dstHeight);
+}
+
+void MpegFrame::rgb24(void* dst, int dstStride, int dstWidth, int dstHeight) const
+{
+    convert(AV_PIX_FMT_RGB24, 3, dst, dstStride, dstWidth, dstHeight);
+}
+
+void MpegFrame::rgb32(void* dst, int dstStride, int dstWidth, int dstHeight) const
+{
+    convert(AV_PIX_FMT_BGRA, 4, dst, dstStride, dstWidth, dstHeight);
+}
+
+AVFrame* MpegFrame::avFrame() const
+{
+    return m_frame;
+}
+
+void MpegFrame::convert(int dstFormat, int bytesPerPixel, void* dst, int dstStride, int dstWidth,
+                        int dstHeight) const
+{
+    if (!m_frame || m_frame->width <= 0 || m_frame->height <= 0 || !dst)
+        return;
+    if (dstWidth <= 0 || dstHeight <= 0 || av_image_check_size(static_cast<unsigned>(dstWidth),
+                                                               static_cast<unsigned>(dstHeight), 0, nullptr) < 0)
+        return;
+    const int rowBytes = dstWidth * bytesPerPixel;
+    if (dstStride < rowBytes)
+        return;
+
+    const SwsContextPtr scaler(sws_getContext(m_frame->width, m_frame->height,
+                                              static_cast<AVPixelFormat>(m_frame->format), dstWidth, dstHeight,
+                                              static_cast<AVPixelFormat>(dstFormat), SWS_BILINEAR, nullptr, nullptr,
+                                              nullptr));
+    if (!scaler)
+        return;
+    const int stagingStride = paddedStride(rowBytes);
+    std::vector<uint8_t> staging(static_cast<size_t>(stagingStride) * static_cast<size_t>(dstHeight));
+    uint8_t* planes[4] = {staging.data(), nullptr, nullptr, nullptr};
+    const int strides[4] = {stagingStride, 0, 0, 0};
+    if (sws_scale(scaler.get(), m_frame->data, m_frame->linesize, 0, m_frame->height, planes, strides) <= 0)
+        return;
+    av_image_copy_plane(static_cast<uint8_t*>(dst), dstStride, staging.data(), stagingStride, rowBytes, dstHeight);
+}

@@ -1,1 +1,204 @@
 #include "MpegReader.h"
+
+#include "FfmpegPtr.h"
+#include "MpegFrame.h"
+
+#include <string>
+
+std::atomic<int> MpegReader::m_processedFrameCount{0};
+
+// Everything of one open file; members are released in reverse order, the decoder before
+// the demuxer.
+struct MpegReaderState {
+    FormatContextPtr formatContext;
+    int streamIndex = -1;
+    CodecContextPtr codecContext;
+    const AVCodec* codec = nullptr;
+    PacketPtr packet;
+    bool decoderOpen = false;
+    // The packet sent to the decoder last is the one that completed the picture it hands
+    // out next.
+    int64_t lastDts = AV_NOPTS_VALUE;
+    // Converts pictures without an 8-bit luma plane to grey; kept while format and size stay.
+    SwsContextPtr grayScaler;
+};
+
+namespace {
+
+bool openLocalFile(MpegReaderState& state, const char* path)
+{
+    // With the "file:" prefix the whole path is a file name, even one that starts like a
+    // URL ("http:", "concat:").
+    const std::string url = std::string("file:") + path;
+    // Only local files, for the file itself and for every input it names: playlists and
+    // concat lists open their entries with the same whitelist.
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file", 0);
+    AVFormatContext* context = nullptr;
+    const int opened = avformat_open_input(&context, url.c_str(), nullptr, &options);
+    av_dict_free(&options);
+    state.formatContext.reset(context);
+    return opened >= 0;
+}
+
+int firstVideoStream(const AVFormatContext& context)
+{
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        if (context.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+bool openDecoder(MpegReaderState& state)
+{
+    const AVStream* stream = state.formatContext->streams[state.streamIndex];
+    state.codecContext.reset(avcodec_alloc_context3(nullptr));
+    if (!state.codecContext || avcodec_parameters_to_context(state.codecContext.get(), stream->codecpar) < 0)
+        return false;
+    state.codecContext->pkt_timebase = stream->time_base;
+    state.codec = avcodec_find_decoder(state.codecContext->codec_id);
+    if (!state.codec)
+        return false;
+    state.decoderOpen = avcodec_open2(state.codecContext.get(), state.codec, nullptr) >= 0;
+    return state.decoderOpen;
+}
+
+// Reads packets up to the next one of the chosen stream and hands it to the decoder. False
+// at the end of input or on a read error, which are not told apart.
+bool sendNextPacket(MpegReaderState& state)
+{
+    AVPacket* packet = state.packet.get();
+    for (;;) {
+        if (av_read_frame(state.formatContext.get(), packet) < 0)
+            return false;
+        if (packet->stream_index == state.streamIndex)
+            break;
+        // A packet of another stream (audio, subtitles, a later video stream).
+        av_packet_unref(packet);
+    }
+    state.lastDts = packet->dts;
+    // An error here means a broken packet; the decoder has dropped it and takes the next.
+    avcodec_send_packet(state.codecContext.get(), packet);
+    av_packet_unref(packet);
+    return true;
+}
+
+// The next picture of the chosen stream, null at the end of input. The decoder is never
+// drained: pictures it holds back when the input ends are not returned.
+FramePtr nextPicture(MpegReaderState& state)
+{
+    FramePtr picture(av_frame_alloc());
+    while (picture) {
+        const int received = avcodec_receive_frame(state.codecContext.get(), picture.get());
+        // A finished picture, completed by the packet sent last.
+        if (received >= 0)
+            return picture;
+        // The decoder has been drained; nothing will come any more.
+        if (received == AVERROR_EOF)
+            return nullptr;
+        // EAGAIN: the decoder needs more input. Any other error is a broken packet that the
+        // decoder has dropped: go on with the next one.
+        if (!sendNextPacket(state))
+            return nullptr;
+    }
+    return nullptr;
+}
+
+double secondsOf(int64_t timestamp, AVRational timeBase)
+{
+    const double unit = timeBase.den != 0 ? static_cast<double>(timeBase.num) / timeBase.den : 0.0;
+    return static_cast<double>(timestamp) * unit;
+}
+
+} // namespace
+
+MpegReader::MpegReader() = default;
+
+MpegReader::~MpegReader()
+{
+    close();
+}
+
+bool MpegReader::open(const char* url)
+{
+    close();
+    m_state = std::make_unique<MpegReaderState>();
+    m_state->packet.reset(av_packet_alloc());
+    if (!url || !m_state->packet || !openLocalFile(*m_state, url))
+        return false;
+    AVFormatContext* context = m_state->formatContext.get();
+    if (avformat_find_stream_info(context, nullptr) < 0)
+        return false;
+    av_dump_format(context, 0, url, 0);
+    m_state->streamIndex = firstVideoStream(*context);
+    if (m_state->streamIndex < 0)
+        return false;
+    return openDecoder(*m_state);
+}
+
+MpegFrame* MpegReader::read(bool clone)
+{
+    if (!m_state || !m_state->decoderOpen)
+        return nullptr;
+    FramePtr picture = nextPicture(*m_state);
+    // The decoder keeps reading its output pictures as references for later ones: the
+    // caller's own copy must not share their buffers.
+    if (!picture || (clone && av_frame_make_writable(picture.get()) < 0))
+        return nullptr;
+
+    SwsContext* scaler = m_state->grayScaler.release();
+    auto* frame = new MpegFrame(picture.release(), &scaler);
+    m_state->grayScaler.reset(scaler);
+    const AVStream* stream = m_state->formatContext->streams[m_state->streamIndex];
+    frame->m_time = secondsOf(m_state->lastDts, stream->time_base);
+    ++m_processedFrameCount;
+    return frame;
+}
+
+int64_t MpegReader::pos() const
+{
+    if (!m_state || !m_state->formatContext || !m_state->formatContext->pb)
+        return -1;
+    return m_state->formatContext->pb->pos;
+}
+
+int MpegReader::width() const
+{
+    return m_state && m_state->codecContext ? m_state->codecContext->width : -1;
+}
+
+int MpegReader::height() const
+{
+    return m_state && m_state->codecContext ? m_state->codecContext->height : -1;
+}
+
+double MpegReader::fps() const
+{
+    if (!m_state || !m_state->codecContext)
+        return -1.0;
+    AVFormatContext* context = m_state->formatContext.get();
+    const AVRational rate = av_guess_frame_rate(context, context->streams[m_state->streamIndex], nullptr);
+    return rate.den != 0 ? static_cast<double>(rate.num) / rate.den : 0.0;
+}
+
+bool MpegReader::isMJPEG() const
+{
+    if (!m_state || !m_state->codecContext)
+        return false;
+    const AVCodecDescriptor* descriptor = avcodec_descriptor_get(m_state->codecContext->codec_id);
+    if (!descriptor)
+        return false;
+    return descriptor->id == AV_CODEC_ID_MJPEG || descriptor->id == AV_CODEC_ID_MJPEGB
+           || descriptor->id == AV_CODEC_ID_MXPEG;
+}
+
+void MpegReader::close()
+{
+    m_state.reset();
+}
+
+int MpegReader::streamIndex() const
+{
+    return m_state ? m_state->streamIndex : -1;
+}
