@@ -72,6 +72,14 @@ bool openOutputFile(MpegWriterState& state, const char* path)
     return state.headerWritten;
 }
 
+// The encoder reads the picture's planes as if they had the size it was opened with, so a
+// picture of another size or layout is refused rather than read out of bounds.
+bool fitsEncoder(const MpegWriterState& state, const AVFrame* picture)
+{
+    return picture && picture->format == AV_PIX_FMT_YUV420P && picture->width == state.width
+           && picture->height == state.height;
+}
+
 // Writes one packet the encoder handed back; the muxer takes its data and leaves it blank.
 bool writePacket(MpegWriterState& state)
 {
@@ -121,7 +129,7 @@ bool MpegWriter::open(const char* path, int bitRate, int width, int height, doub
 
 bool MpegWriter::write(MpegFrame* frame)
 {
-    if (!isOpen() || !frame || !frame->avFrame())
+    if (!isOpen() || !frame || !fitsEncoder(*m_state, frame->avFrame()))
         return false;
     MpegWriterState& state = *m_state;
     if (avcodec_send_frame(state.codecContext.get(), frame->avFrame()) < 0)

@@ -35,8 +35,9 @@ public:
     // one or several). True when at least one packet came back and every one of them was
     // written. False for a picture the encoder holds back (encoders with a look-ahead or
     // reordering answer false for their first pictures; that is not a fatal error), for an
-    // encoding or writing error, for a null frame and when no file is open. The frame stays
-    // the caller's.
+    // encoding or writing error, for a null frame, for a picture that is not YUV420P of the
+    // size given to open() (it is refused, not converted) and when no file is open. The frame
+    // stays the caller's.
     bool write(MpegFrame* frame);
 
     // Writes the trailer if the header was written and releases everything. Safe in every

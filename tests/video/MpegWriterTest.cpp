@@ -134,6 +134,7 @@ private slots:
 
     void heldBackPictureReturnsFalseAndIsNotFlushedAtClose();
     void writeWithoutOpenFileReturnsFalse();
+    void pictureOfOtherSizeOrFormatIsRefused();
 
     void unwritablePathFailsAndCloseIsSafe();
     void containerWithoutVideoCodecFailsBeforeStreamExists();
@@ -328,6 +329,27 @@ void MpegWriterTest::writeWithoutOpenFileReturnsFalse()
     QVERIFY(writePictures(writer, 3) > 0);
     writer.close();
     QVERIFY(!writer.write(picture.get()));
+}
+
+void MpegWriterTest::pictureOfOtherSizeOrFormatIsRefused()
+{
+    MpegWriter writer;
+    QVERIFY(writer.open(path("clip.mpg").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    int accepted = writePictures(writer, 4);
+    QVERIFY(accepted > 0);
+
+    const std::unique_ptr<MpegFrame> smaller = makePicture(80, 4, kWidth / 2, kHeight / 2);
+    QVERIFY(!writer.write(smaller.get()));
+    const std::unique_ptr<MpegFrame> packed = makePicture(80, 4);
+    packed->avFrame()->format = AV_PIX_FMT_GRAY8;
+    QVERIFY(!writer.write(packed.get()));
+
+    // Refused pictures never reach the encoder: the next fitting one is taken as usual.
+    const std::unique_ptr<MpegFrame> fitting = makePicture(80, 4);
+    QVERIFY(writer.write(fitting.get()));
+    ++accepted;
+    writer.close();
+    QCOMPARE(probePacketCount(path("clip.mpg")), accepted);
 }
 
 void MpegWriterTest::unwritablePathFailsAndCloseIsSafe()
