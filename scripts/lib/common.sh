@@ -10,6 +10,7 @@ TREMORA_PACKAGES=(
   libopencv-dev
   ffmpeg
   fonts-dejavu-core
+  time
 )
 
 # Installs whatever of the list is missing; prints nothing when everything is present.
