@@ -53,6 +53,8 @@ protected:
     void resizeEvent(QResizeEvent* event) override;
 
 private:
+    // Deletes the removed jobs whose pass has ended; called by the tick.
+    void reapRemovedJobs();
     void exportMap(Tremora* job);
     void openVideo(const Tremora& job);
 
