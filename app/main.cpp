@@ -1,0 +1,22 @@
+#include "MainWindow.h"
+#include "Startup.h"
+#include "TerminationSignals.h"
+
+#include <QApplication>
+
+int main(int argc, char** argv)
+{
+    QApplication application(argc, argv);
+    Startup::setSettingsIdentity();
+
+    // Declared before the window so that it outlives it: a signal during the window's
+    // destruction then still finds a valid socket to write to.
+    TerminationSignals terminationSignals;
+    QObject::connect(&terminationSignals, &TerminationSignals::received,
+                     &application, &QCoreApplication::quit);
+
+    MainWindow window;
+    Startup::queueCommandLineFiles(window, argc, argv);
+    window.show();
+    return application.exec();
+}
