@@ -1,0 +1,3 @@
+#include "FfmpegMutex.h"
+
+QMutex ffmpegMutex;

@@ -1,0 +1,107 @@
+#include "MotionMap.h"
+
+#include <algorithm>
+
+namespace {
+
+using ColorTable = std::array<unsigned char, 256>;
+
+// The scale is piecewise linear with slope 4 per step; the odd offsets of the red rise and
+// the blue fall are part of it.
+constexpr unsigned char red(int i)
+{
+    if (i < 96)
+        return 0;
+    if (i < 160)
+        return static_cast<unsigned char>(4 * (i - 96) + 1);
+    if (i < 224)
+        return 255;
+    return static_cast<unsigned char>(251 - 4 * (i - 224));
+}
+
+constexpr unsigned char green(int i)
+{
+    if (i < 32)
+        return 0;
+    if (i < 96)
+        return static_cast<unsigned char>(4 * (i - 32));
+    if (i < 160)
+        return 255;
+    if (i < 224)
+        return static_cast<unsigned char>(252 - 4 * (i - 160));
+    return 0;
+}
+
+constexpr unsigned char blue(int i)
+{
+    if (i < 32)
+        return static_cast<unsigned char>(127 + 4 * i);
+    if (i < 96)
+        return 255;
+    if (i < 160)
+        return static_cast<unsigned char>(253 - 4 * (i - 96));
+    return 0;
+}
+
+template <typename Channel>
+constexpr ColorTable makeTable(Channel channel)
+{
+    ColorTable table{};
+    for (int i = 0; i < 256; ++i)
+        table[static_cast<std::size_t>(i)] = channel(i);
+    return table;
+}
+
+bool holdsData(const cv::Mat& matrix)
+{
+    return matrix.data != nullptr && matrix.total() > 0;
+}
+
+bool matches(const cv::Mat& motionCount, const cv::Mat& background)
+{
+    return motionCount.type() == CV_8UC1 && background.type() == CV_8UC3
+        && motionCount.size() == background.size();
+}
+
+unsigned char lift(unsigned char scale, int grey)
+{
+    return static_cast<unsigned char>(std::min(scale + grey, 255));
+}
+
+void renderRow(const unsigned char* counts, const unsigned char* background, unsigned char* out, int width)
+{
+    for (int x = 0; x < width; ++x, background += 3, out += 3) {
+        const int i = MotionMap::intensity(counts[x]);
+        const int grey = (background[0] + background[1] + background[2]) / 6;
+        if (i == 0) {
+            out[0] = out[1] = out[2] = static_cast<unsigned char>(grey);
+        } else {
+            out[0] = lift(ColorMap_R[i], grey);
+            out[1] = lift(ColorMap_G[i], grey);
+            out[2] = lift(ColorMap_B[i], grey);
+        }
+    }
+}
+
+} // namespace
+
+const std::array<unsigned char, 256> ColorMap_R = makeTable(red);
+const std::array<unsigned char, 256> ColorMap_G = makeTable(green);
+const std::array<unsigned char, 256> ColorMap_B = makeTable(blue);
+
+int MotionMap::intensity(int eventCount)
+{
+    return std::min(eventCount * 30, 255);
+}
+
+QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
+{
+    if (!holdsData(motionCount) || !holdsData(background) || !matches(motionCount, background))
+        return {};
+    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    if (map.isNull())
+        return {};
+    for (int y = 0; y < background.rows; ++y)
+        renderRow(motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y), background.cols);
+    return map;
+}

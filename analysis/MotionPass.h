@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QByteArray>
+
+#include <opencv2/core/mat.hpp>
+
+#include <cstdint>
+
+// One analysis pass over a whole video: decode every frame, count per pixel how many
+// separate times motion was seen there, and learn the scene's background from the first
+// pairs. The window's job and the command-line map tool both run their passes through
+// runMotionPass, so the same video gives the same counts, background and map in both.
+
+// What a caller plugs into a pass. Every call comes from the thread running the pass.
+class MotionPassHooks {
+public:
+    enum class Refresh {
+        Milestone, // after pair 1, after the last learning pair, at the end of the video;
+                   // the background has just been fetched
+        Periodic,  // every `updateInterval` pairs
+    };
+
+    virtual ~MotionPassHooks() = default;
+
+    // Polled once before the file is opened, once before the first pair, and once after
+    // every pair (after the refreshes). Any true answer ends the pass as canceled.
+    virtual bool cancelRequested() = 0;
+    // The matrices are set up (zeroed, at the video's size) and the loop is about to begin.
+    virtual void started() = 0;
+    // The reader's byte position in the file after each read in the loop (-1 when unknown).
+    virtual void positionChanged(std::int64_t bytes) = 0;
+    // One more frame pair has been analysed and counted.
+    virtual void pairAnalysed() = 0;
+    // The counts (and at milestones the background) are worth showing now. At the end of
+    // the video both kinds may come, milestone first.
+    virtual void refresh(Refresh kind) = 0;
+};
+
+struct MotionPassSettings {
+    // Smooth frames before comparing them (and compare with the lower threshold).
+    bool blur = true;
+    // Pairs between two periodic refreshes; 0 or less means none.
+    int updateInterval = 300;
+};
+
+enum class MotionPassOutcome {
+    OpenFailed, // the file could not be opened as video; nothing was set up or counted
+    Finished,   // the video ended (or could not be read further, or changed its frame size)
+    Canceled,   // cancelRequested() answered true, before the start or during the loop
+};
+
+namespace MotionPass {
+
+// Frame pairs whose second frame teaches the background model (pairs 0 to 99).
+constexpr int kLearningPairs = 100;
+
+// Runs the pass over the video at `utf8Path`, writing into `motionCount` (8-bit 1-channel,
+// per-pixel event count, wrapping after 255) and `background` (8-bit 3-channel R,G,B).
+// Both are reset to zero at the video's size before the loop (to 0 x 0 when canceled
+// before opening) and left untouched when the file cannot be opened. The video's size is
+// that of its first frame (the reader's when it yields none). The file is opened and
+// closed under ffmpegMutex; everything else runs unlocked. Blocks until the pass ends.
+// Reentrant: passes over different matrices may run on several threads at once.
+MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,
+                      cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks);
+
+} // namespace MotionPass

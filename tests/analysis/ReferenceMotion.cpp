@@ -1,0 +1,109 @@
+#include "ReferenceMotion.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace Reference {
+namespace {
+
+int reflect101(int p, int n)
+{
+    if (n == 1)
+        return 0;
+    while (p < 0 || p >= n) {
+        if (p < 0)
+            p = -p;
+        if (p >= n)
+            p = 2 * n - 2 - p;
+    }
+    return p;
+}
+
+} // namespace
+
+cv::Mat boxBlur7(const cv::Mat& grey)
+{
+    cv::Mat out(grey.size(), CV_8UC1);
+    for (int y = 0; y < grey.rows; ++y) {
+        for (int x = 0; x < grey.cols; ++x) {
+            int sum = 0;
+            for (int dy = -3; dy <= 3; ++dy)
+                for (int dx = -3; dx <= 3; ++dx)
+                    sum += grey.at<uchar>(reflect101(y + dy, grey.rows), reflect101(x + dx, grey.cols));
+            out.at<uchar>(y, x) = static_cast<uchar>((2 * sum + 49) / 98);
+        }
+    }
+    return out;
+}
+
+cv::Mat thresholdedDifference(const cv::Mat& a, const cv::Mat& b, double threshold)
+{
+    cv::Mat out(a.size(), CV_8UC1);
+    for (int y = 0; y < a.rows; ++y)
+        for (int x = 0; x < a.cols; ++x)
+            out.at<uchar>(y, x) = std::abs(a.at<uchar>(y, x) - b.at<uchar>(y, x)) > threshold ? 255 : 0;
+    return out;
+}
+
+Analysis::Analysis(int width, int height, bool blur)
+    : m_blur(blur)
+    , m_counts(height, width, CV_8UC1, cv::Scalar(0))
+    , m_lastMotion(static_cast<size_t>(width) * static_cast<size_t>(height), -1000)
+{
+}
+
+void Analysis::addFrame(const cv::Mat& grey)
+{
+    const cv::Mat frame = m_blur ? boxBlur7(grey) : grey.clone();
+    if (m_previous.empty()) {
+        m_previous = frame;
+        return;
+    }
+    const cv::Mat moved = thresholdedDifference(m_previous, frame, m_blur ? 20.0 : 40.0);
+    for (int y = 0; y < frame.rows; ++y) {
+        for (int x = 0; x < frame.cols; ++x) {
+            if (moved.at<uchar>(y, x) == 0)
+                continue;
+            int& last = m_lastMotion[static_cast<size_t>(y) * static_cast<size_t>(frame.cols) + static_cast<size_t>(x)];
+            if (m_pairs - last >= 51)
+                m_counts.at<uchar>(y, x) = static_cast<uchar>((m_counts.at<uchar>(y, x) + 1) % 256);
+            last = m_pairs;
+        }
+    }
+    m_previous = frame;
+    ++m_pairs;
+}
+
+Rgb scale(int i)
+{
+    if (i <= 31)
+        return {0, 0, 127 + 4 * i};
+    if (i <= 95)
+        return {0, 4 * (i - 32), 255};
+    if (i <= 159)
+        return {4 * (i - 96) + 1, 255, 253 - 4 * (i - 96)};
+    if (i <= 223)
+        return {255, 252 - 4 * (i - 160), 0};
+    return {251 - 4 * (i - 224), 0, 0};
+}
+
+QImage renderMap(const cv::Mat& counts, const cv::Mat& background)
+{
+    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    for (int y = 0; y < background.rows; ++y) {
+        for (int x = 0; x < background.cols; ++x) {
+            const cv::Vec3b bg = background.at<cv::Vec3b>(y, x);
+            const int grey = (bg[0] + bg[1] + bg[2]) / 6;
+            const int i = std::min(counts.at<uchar>(y, x) * 30, 255);
+            QRgb colour = qRgb(grey, grey, grey);
+            if (i != 0) {
+                const Rgb c = scale(i);
+                colour = qRgb(std::min(c.r + grey, 255), std::min(c.g + grey, 255), std::min(c.b + grey, 255));
+            }
+            map.setPixel(x, y, colour);
+        }
+    }
+    return map;
+}
+
+} // namespace Reference
