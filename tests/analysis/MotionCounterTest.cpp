@@ -1,3 +1,4 @@
+#include "ClipMaking.h"
 #include "MotionCounter.h"
 #include "ReferenceMotion.h"
 
@@ -6,13 +7,13 @@
 #include <opencv2/imgproc.hpp>
 
 #include <functional>
-#include <random>
 #include <vector>
 
 namespace {
 
-constexpr uchar kBackground = 50;
-constexpr uchar kObject = 200;
+using ClipMaking::kBackground;
+using ClipMaking::kObject;
+using ClipMaking::speckledNoise;
 
 // Frames of `size` where pixel (x 2, y 1) is bright in the frames for which `bright` is true.
 std::vector<cv::Mat> blinkingPixel(cv::Size size, int frameCount, const std::function<bool(int)>& bright)
@@ -50,28 +51,6 @@ cv::Mat referenceCounts(const std::vector<cv::Mat>& frames, bool blur)
 bool equal(const cv::Mat& a, const cv::Mat& b)
 {
     return a.size() == b.size() && a.type() == b.type() && cv::countNonZero(a != b) == 0;
-}
-
-// Noise that changes every pixel a little every frame, plus speckles that flip single pixels
-// between dark and bright now and then, so that gaps below and above 51 pairs both occur.
-std::vector<cv::Mat> speckledNoise(cv::Size size, int frameCount, unsigned seed)
-{
-    std::mt19937 random(seed);
-    std::vector<cv::Mat> frames;
-    cv::Mat state(size, CV_8UC1, cv::Scalar(kBackground));
-    for (int i = 0; i < frameCount; ++i) {
-        cv::Mat frame(size, CV_8UC1);
-        for (int y = 0; y < size.height; ++y) {
-            for (int x = 0; x < size.width; ++x) {
-                if (random() % 40 == 0)
-                    state.at<uchar>(y, x) = state.at<uchar>(y, x) == kBackground ? kObject : kBackground;
-                const int noise = static_cast<int>(random() % 31) - 15;
-                frame.at<uchar>(y, x) = cv::saturate_cast<uchar>(state.at<uchar>(y, x) + noise);
-            }
-        }
-        frames.push_back(frame);
-    }
-    return frames;
 }
 
 } // namespace

@@ -1,0 +1,583 @@
+#include "ClipMaking.h"
+#include "MotionMap.h"
+#include "MotionPass.h"
+#include "MpegFrame.h"
+#include "MpegReader.h"
+#include "ReferenceMotion.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <opencv2/video/background_segm.hpp>
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+using namespace ClipMaking;
+
+namespace {
+
+using Refresh = MotionPassHooks::Refresh;
+
+// Records what a pass reports, and cancels on request.
+class RecordingHooks : public MotionPassHooks {
+public:
+    explicit RecordingHooks(const cv::Mat* background = nullptr)
+        : m_background(background)
+    {
+    }
+
+    bool cancelAtStart = false;
+    int cancelAfterPairs = -1;
+
+    int startedCount = 0;
+    int pairs = 0;
+    int cancelPolls = 0;
+    std::vector<std::int64_t> positions;
+    std::vector<std::pair<Refresh, int>> refreshes;
+    std::vector<cv::Mat> milestoneBackgrounds;
+
+    bool cancelRequested() override
+    {
+        ++cancelPolls;
+        return cancelAtStart || (cancelAfterPairs >= 0 && pairs >= cancelAfterPairs);
+    }
+    void started() override { ++startedCount; }
+    void positionChanged(std::int64_t bytes) override { positions.push_back(bytes); }
+    void pairAnalysed() override { ++pairs; }
+    void refresh(Refresh kind) override
+    {
+        refreshes.emplace_back(kind, pairs);
+        if (kind == Refresh::Milestone && m_background)
+            milestoneBackgrounds.push_back(m_background->clone());
+    }
+
+private:
+    const cv::Mat* m_background;
+};
+
+struct PassResult {
+    MotionPassOutcome outcome;
+    cv::Mat counts;
+    cv::Mat background;
+    int framesRead;
+};
+
+PassResult runPass(const QString& path, RecordingHooks& hooks, bool blur = true, int updateInterval = 300)
+{
+    PassResult result{MotionPassOutcome::OpenFailed, cv::Mat(), cv::Mat(), 0};
+    const int before = MpegReader::m_processedFrameCount.load();
+    result.outcome = MotionPass::run(path.toUtf8(), MotionPassSettings{blur, updateInterval}, result.counts, result.background, hooks);
+    result.framesRead = MpegReader::m_processedFrameCount.load() - before;
+    return result;
+}
+
+bool equal(const cv::Mat& a, const cv::Mat& b)
+{
+    return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
+}
+
+cv::Mat referenceCounts(const std::vector<cv::Mat>& frames, bool blur)
+{
+    Reference::Analysis reference(frames.front().cols, frames.front().rows, blur);
+    for (const cv::Mat& frame : frames)
+        reference.addFrame(frame);
+    return reference.counts();
+}
+
+// Everything a reference needs from a decoded file: grey pictures and R,G,B conversions.
+struct Decoded {
+    std::vector<cv::Mat> grey;
+    std::vector<cv::Mat> rgb;
+};
+
+Decoded decodeAll(const QString& path)
+{
+    Decoded decoded;
+    MpegReader reader;
+    if (!reader.open(path.toUtf8().constData()))
+        return decoded;
+    while (std::unique_ptr<MpegFrame> frame{reader.read(true)}) {
+        const cv::Mat view(frame->height(), frame->width(), CV_8UC1, frame->data(), static_cast<size_t>(frame->step()));
+        decoded.grey.push_back(view.clone());
+        cv::Mat rgb(frame->height(), frame->width(), CV_8UC3);
+        frame->rgb24(rgb.data, static_cast<int>(rgb.step), rgb.cols, rgb.rows);
+        decoded.rgb.push_back(rgb);
+    }
+    reader.close();
+    return decoded;
+}
+
+// The background a default model learns from the second to the 101st frame.
+cv::Mat referenceBackground(const std::vector<cv::Mat>& rgbFrames)
+{
+    cv::Ptr<cv::BackgroundSubtractorMOG2> model = cv::createBackgroundSubtractorMOG2();
+    cv::Mat mask, background;
+    for (size_t i = 1; i < rgbFrames.size() && i <= 100; ++i)
+        model->apply(rgbFrames[i], mask, -1.0);
+    if (rgbFrames.size() > 1)
+        model->getBackgroundImage(background);
+    return background;
+}
+
+cv::Mat expectedCounts(cv::Size size, const std::vector<std::pair<cv::Point, int>>& squaresAndCounts)
+{
+    cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+    for (const auto& [corner, count] : squaresAndCounts)
+        counts(square(corner)).setTo(cv::Scalar(count));
+    return counts;
+}
+
+const cv::Size kSize(64, 48);
+const cv::Point kA(8, 8);
+const cv::Point kB(40, 8);
+const cv::Point kC(8, 32);
+
+} // namespace
+
+Q_DECLARE_METATYPE(MotionPassOutcome)
+
+class MotionPassTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+
+    QString clip(const QString& name, const std::vector<cv::Mat>& frames)
+    {
+        const QString path = m_dir.filePath(name);
+        if (!QFile::exists(path) && !writeGray(path, frames))
+            return {};
+        return path;
+    }
+
+private slots:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void unopenableFileFailsWithoutReadingAFrame()
+    {
+        RecordingHooks hooks;
+        PassResult result{MotionPassOutcome::Finished, cv::Mat(2, 2, CV_8UC1, cv::Scalar(7)), cv::Mat(), 0};
+        const uchar* countData = result.counts.data;
+        const int before = MpegReader::m_processedFrameCount.load();
+        result.outcome = MotionPass::run(m_dir.filePath("missing.mkv").toUtf8(), MotionPassSettings{}, result.counts,
+                                         result.background, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::OpenFailed);
+        QCOMPARE(MpegReader::m_processedFrameCount.load() - before, 0);
+        QCOMPARE(hooks.startedCount, 0);
+        QCOMPARE(hooks.pairs, 0);
+        QVERIFY(hooks.positions.empty());
+        QVERIFY(hooks.refreshes.empty());
+        QCOMPARE(result.counts.data, countData);
+        QVERIFY(result.background.empty());
+    }
+
+    void badInputNeverCrashes_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<MotionPassOutcome>("outcome");
+        const QByteArray words = QByteArray("just some words, not a video\n").repeated(50);
+        QTest::newRow("zero-byte file") << "empty.mkv" << QByteArray() << MotionPassOutcome::OpenFailed;
+        QTest::newRow("text file") << "notes.dat" << words << MotionPassOutcome::OpenFailed;
+        // The library shows files named like text as pictures of their characters.
+        QTest::newRow("text file read as ANSI art") << "notes.txt" << words << MotionPassOutcome::Finished;
+        QTest::newRow("repeated byte") << "noise.mp4" << QByteArray(4096, '\x5a') << MotionPassOutcome::OpenFailed;
+    }
+
+    void badInputNeverCrashes()
+    {
+        QFETCH(QString, name);
+        QFETCH(QByteArray, content);
+        QFETCH(MotionPassOutcome, outcome);
+        const QString path = m_dir.filePath(name);
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        file.close();
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, outcome);
+        QCOMPARE(result.counts.size(), result.background.size());
+    }
+
+    void emptyPathAndFolderFailToOpen()
+    {
+        RecordingHooks hooks;
+        QCOMPARE(runPass(QString(), hooks).outcome, MotionPassOutcome::OpenFailed);
+        QCOMPARE(runPass(m_dir.path(), hooks).outcome, MotionPassOutcome::OpenFailed);
+        QCOMPARE(hooks.startedCount, 0);
+    }
+
+    void audioOnlyFileFailsToOpen()
+    {
+        const QString path = m_dir.filePath("tone.m4a");
+        QString error;
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "sine=frequency=440:duration=1", "-c:a", "aac", path}, &error),
+                 qPrintable(error));
+        RecordingHooks hooks;
+        QCOMPARE(runPass(path, hooks).outcome, MotionPassOutcome::OpenFailed);
+    }
+
+    void truncatedClipEndsDoneWithWhatWasCounted()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(kSize, 60, 3);
+        const QString full = clip("whole.mkv", frames);
+        QVERIFY(!full.isEmpty());
+        QFile source(full);
+        QVERIFY(source.open(QIODevice::ReadOnly));
+        const QByteArray bytes = source.readAll();
+        const QString cut = m_dir.filePath("cut.mkv");
+        QFile target(cut);
+        QVERIFY(target.open(QIODevice::WriteOnly));
+        target.write(bytes.left(bytes.size() / 2));
+        target.close();
+
+        RecordingHooks hooks;
+        const PassResult result = runPass(cut, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QVERIFY(hooks.pairs > 0 && hooks.pairs < 59);
+        const std::vector<cv::Mat> counted(frames.begin(), frames.begin() + hooks.pairs + 1);
+        QVERIFY(equal(result.counts, referenceCounts(counted, true)));
+    }
+
+    void corruptedClipEndsDoneWithoutCrashing()
+    {
+        const QString full = clip("whole.mkv", speckledNoise(kSize, 60, 3));
+        QVERIFY(!full.isEmpty());
+        QFile source(full);
+        QVERIFY(source.open(QIODevice::ReadOnly));
+        QByteArray bytes = source.readAll();
+        for (int i = bytes.size() / 4; i < bytes.size(); i += 97)
+            bytes[i] = static_cast<char>(bytes[i] ^ 0x5a);
+        const QString broken = m_dir.filePath("broken.mkv");
+        QFile target(broken);
+        QVERIFY(target.open(QIODevice::WriteOnly));
+        target.write(bytes);
+        target.close();
+
+        RecordingHooks hooks;
+        const PassResult result = runPass(broken, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(result.counts.size(), kSize);
+        QCOMPARE(result.background.size(), kSize);
+    }
+
+    void canceledBeforeStartNeverOpensTheFile()
+    {
+        // The file does not exist: had the pass tried to open it, it would have failed.
+        RecordingHooks hooks;
+        hooks.cancelAtStart = true;
+        cv::Mat counts(3, 3, CV_8UC1, cv::Scalar(5));
+        cv::Mat background;
+        const int before = MpegReader::m_processedFrameCount.load();
+        const MotionPassOutcome outcome =
+            MotionPass::run(m_dir.filePath("missing.mkv").toUtf8(), MotionPassSettings{}, counts, background, hooks);
+        QCOMPARE(outcome, MotionPassOutcome::Canceled);
+        QCOMPARE(MpegReader::m_processedFrameCount.load() - before, 0);
+        QCOMPARE(hooks.startedCount, 1);
+        QCOMPARE(hooks.pairs, 0);
+        QVERIFY(hooks.refreshes.empty());
+        QVERIFY(counts.empty());
+        QVERIFY(background.empty());
+    }
+
+    void canceledBeforeStartOnARealClipReadsNothing()
+    {
+        const QString path = clip("noise.mkv", speckledNoise(kSize, 20, 5));
+        RecordingHooks hooks;
+        hooks.cancelAtStart = true;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Canceled);
+        QCOMPARE(result.framesRead, 0);
+        QVERIFY(hooks.positions.empty());
+    }
+
+    void cancelDuringTheVideoStopsAfterTheCurrentPair()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(kSize, 40, 5);
+        const QString path = clip("noise40.mkv", frames);
+        RecordingHooks hooks;
+        hooks.cancelAfterPairs = 10;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Canceled);
+        QCOMPARE(hooks.pairs, 10);
+        QCOMPARE(result.framesRead, 11);
+        const std::vector<cv::Mat> counted(frames.begin(), frames.begin() + 11);
+        QVERIFY(equal(result.counts, referenceCounts(counted, true)));
+    }
+
+    void singleFrameVideoKeepsTheBackgroundZero()
+    {
+        const QString path = clip("single.mkv", speckledNoise(kSize, 1, 5));
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, 0);
+        QCOMPARE(result.background.size(), kSize);
+        QCOMPARE(result.background.type(), CV_8UC3);
+        QCOMPARE(cv::countNonZero(result.background.reshape(1)), 0);
+        QCOMPARE(cv::countNonZero(result.counts), 0);
+        // End of video at pair 0: the milestone, and the periodic refresh since 0 divides.
+        const std::vector<std::pair<Refresh, int>> expected = {{Refresh::Milestone, 0}, {Refresh::Periodic, 0}};
+        QCOMPARE(hooks.refreshes, expected);
+        const QImage map = MotionMap::render(result.counts, result.background);
+        QCOMPARE(map.size(), QSize(64, 48));
+        QCOMPARE(map.pixel(10, 10), qRgb(0, 0, 0));
+    }
+
+    void twoFramesMakeOnePairAndFetchTheBackgroundTwice()
+    {
+        std::vector<cv::Mat> frames = squares(kSize, 2, [](int i) { return i == 1 ? std::vector<cv::Point>{kA} : std::vector<cv::Point>{}; });
+        const QString path = clip("two.mkv", frames);
+        cv::Mat counts, background;
+        RecordingHooks hooks(&background);
+        const MotionPassOutcome outcome = MotionPass::run(path.toUtf8(), MotionPassSettings{false, 300}, counts, background, hooks);
+        QCOMPARE(outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, 1);
+        const std::vector<std::pair<Refresh, int>> expected = {{Refresh::Milestone, 1}, {Refresh::Milestone, 1}};
+        QCOMPARE(hooks.refreshes, expected);
+        // Learnt from the second frame only: the object is part of the background.
+        QCOMPARE(hooks.milestoneBackgrounds.size(), size_t(2));
+        QCOMPARE(hooks.milestoneBackgrounds[0].at<cv::Vec3b>(10, 10), cv::Vec3b(200, 200, 200));
+        QCOMPARE(hooks.milestoneBackgrounds[0].at<cv::Vec3b>(0, 0), cv::Vec3b(50, 50, 50));
+        QVERIFY(equal(counts, expectedCounts(kSize, {{kA, 1}})));
+    }
+
+    void positionIsReportedAfterEveryReadOfTheLoop()
+    {
+        const QString path = clip("noise40.mkv", speckledNoise(kSize, 40, 5));
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, 39);
+        // 39 pairs, then the read that finds the end.
+        QCOMPARE(hooks.positions.size(), size_t(40));
+        QVERIFY(hooks.positions.back() > 0);
+        QVERIFY(std::is_sorted(hooks.positions.begin(), hooks.positions.end()));
+        // Before the file, once before the loop, once per pair and at the end of the video,
+        // and once more for the outcome.
+        QCOMPARE(hooks.cancelPolls, 1 + 1 + 40 + 1);
+    }
+
+    void refreshesComeAtMilestonesAndEveryInterval()
+    {
+        const QString path = clip("noise120.mkv", speckledNoise(cv::Size(16, 12), 120, 8));
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks, true, 25);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, 119);
+        const std::vector<std::pair<Refresh, int>> expected = {
+            {Refresh::Milestone, 1},   {Refresh::Periodic, 25},  {Refresh::Periodic, 50}, {Refresh::Periodic, 75},
+            {Refresh::Milestone, 100}, {Refresh::Periodic, 100}, {Refresh::Milestone, 119}};
+        QCOMPARE(hooks.refreshes, expected);
+    }
+
+    void updateIntervalOfZeroMeansNoPeriodicRefresh()
+    {
+        const QString path = clip("noise40.mkv", speckledNoise(kSize, 40, 5));
+        RecordingHooks hooks;
+        QCOMPARE(runPass(path, hooks, true, 0).outcome, MotionPassOutcome::Finished);
+        const std::vector<std::pair<Refresh, int>> expected = {{Refresh::Milestone, 1}, {Refresh::Milestone, 39}};
+        QCOMPARE(hooks.refreshes, expected);
+    }
+
+    void backgroundIsLearntFromFramesTwoToOneHundredOneOnly()
+    {
+        // Noise for 101 frames, then black: learning past pair 99 would pull the background
+        // towards black.
+        std::vector<cv::Mat> frames = speckledNoise(cv::Size(32, 24), 101, 12);
+        for (int i = 0; i < 60; ++i)
+            frames.emplace_back(24, 32, CV_8UC1, cv::Scalar(0));
+        const QString path = clip("learn.mkv", frames);
+        cv::Mat counts, background;
+        RecordingHooks hooks(&background);
+        QCOMPARE(MotionPass::run(path.toUtf8(), MotionPassSettings{}, counts, background, hooks), MotionPassOutcome::Finished);
+        const cv::Mat expected = referenceBackground(decodeAll(path).rgb);
+        QVERIFY(!expected.empty());
+        QVERIFY(equal(background, expected));
+        QCOMPARE(hooks.milestoneBackgrounds.size(), size_t(3));
+        QVERIFY(equal(hooks.milestoneBackgrounds[1], expected));
+    }
+
+    void motionInPairsZeroAndFiftyCountsOneEvent()
+    {
+        const auto frames = squares(kSize, 56, [](int i) { return i == 0 || i >= 51 ? std::vector<cv::Point>{kA} : std::vector<cv::Point>{}; });
+        RecordingHooks hooks;
+        const PassResult result = runPass(clip("gap50.mkv", frames), hooks, false);
+        QVERIFY(equal(result.counts, expectedCounts(kSize, {{kA, 1}})));
+    }
+
+    void motionInPairsZeroAndFiftyOneCountsTwoEvents()
+    {
+        const auto frames = squares(kSize, 56, [](int i) { return i == 0 || i >= 52 ? std::vector<cv::Point>{kA} : std::vector<cv::Point>{}; });
+        RecordingHooks hooks;
+        const PassResult result = runPass(clip("gap51.mkv", frames), hooks, false);
+        QVERIFY(equal(result.counts, expectedCounts(kSize, {{kA, 2}})));
+    }
+
+    void pixelMovingInEveryPairCountsOneEvent()
+    {
+        const auto frames = squares(kSize, 80, [](int i) { return i % 2 ? std::vector<cv::Point>{kB} : std::vector<cv::Point>{}; });
+        RecordingHooks hooks;
+        const PassResult result = runPass(clip("blink.mkv", frames), hooks, false);
+        QVERIFY(equal(result.counts, expectedCounts(kSize, {{kB, 1}})));
+    }
+
+    void movingSquaresCountExactlyWithoutBlur()
+    {
+        // One square at A for frames 0-9, at B for 10-69, back at A from 70: motion at A and
+        // B in pairs 9 and 69, 60 apart, so two events each. Another at C that leaves in
+        // pair 19 and returns in pair 49, 30 apart: one event.
+        const auto frames = squares(kSize, 80, [](int i) {
+            std::vector<cv::Point> at{i < 10 || i >= 70 ? kA : kB};
+            if (i < 20 || i >= 50)
+                at.push_back(kC);
+            return at;
+        });
+        RecordingHooks hooks;
+        const PassResult result = runPass(clip("moving.mkv", frames), hooks, false);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QVERIFY(equal(result.counts, expectedCounts(kSize, {{kA, 2}, {kB, 2}, {kC, 1}})));
+        QVERIFY(equal(result.counts, referenceCounts(frames, false)));
+    }
+
+    void movingSquaresWithBlurMatchTheReference()
+    {
+        const auto frames = squares(kSize, 80, [](int i) {
+            std::vector<cv::Point> at{i < 10 || i >= 70 ? kA : kB};
+            if (i < 20 || i >= 50)
+                at.push_back(kC);
+            return at;
+        });
+        RecordingHooks hooks;
+        const PassResult result = runPass(clip("moving.mkv", frames), hooks, true);
+        const cv::Mat expected = referenceCounts(frames, true);
+        QVERIFY(equal(result.counts, expected));
+        // The blur spreads each square by three pixels, and the square's middle moved too.
+        QCOMPARE(int(result.counts.at<uchar>(kA.y + 4, kA.x + 4)), 2);
+        QCOMPARE(int(result.counts.at<uchar>(kC.y + 4, kC.x + 4)), 1);
+        QCOMPARE(int(result.counts.at<uchar>(0, 63)), 0);
+    }
+
+    void noiseAndSpeckleMatchTheReference_data()
+    {
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        QTest::addColumn<bool>("blur");
+        for (const bool blur : {true, false}) {
+            const char* suffix = blur ? "blurred" : "sharp";
+            QTest::addRow("33x17 %s", suffix) << 33 << 17 << blur;
+            QTest::addRow("1x24 %s", suffix) << 1 << 24 << blur;
+            QTest::addRow("24x1 %s", suffix) << 24 << 1 << blur;
+            QTest::addRow("1x1 %s", suffix) << 1 << 1 << blur;
+        }
+    }
+
+    void noiseAndSpeckleMatchTheReference()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        QFETCH(bool, blur);
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(width, height), 150, 31);
+        const QString path = clip(QStringLiteral("speckle-%1x%2.mkv").arg(width).arg(height), frames);
+        QVERIFY(!path.isEmpty());
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks, blur);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, 149);
+        const cv::Mat expected = referenceCounts(frames, blur);
+        QVERIFY(cv::countNonZero(expected) > 0);
+        QVERIFY(equal(result.counts, expected));
+        const cv::Mat background = referenceBackground(decodeAll(path).rgb);
+        QVERIFY(equal(result.background, background));
+    }
+
+    void h264WithAudioFirstFollowsTheRules()
+    {
+        const QString path = m_dir.filePath("talk.mp4");
+        QString error;
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "sine=frequency=440:duration=5",
+                                         "-f", "lavfi", "-i", "testsrc2=size=96x64:rate=25:duration=5",
+                                         "-map", "0:a", "-map", "1:v", "-c:a", "aac",
+                                         "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", path},
+                                        &error),
+                 qPrintable(error));
+        const Decoded decoded = decodeAll(path);
+        QVERIFY(decoded.grey.size() > 101);
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, int(decoded.grey.size()) - 1);
+        const cv::Mat expectedCounts = referenceCounts(decoded.grey, true);
+        QVERIFY(cv::countNonZero(expectedCounts) > 100);
+        QVERIFY(equal(result.counts, expectedCounts));
+        const cv::Mat expectedBackground = referenceBackground(decoded.rgb);
+        QVERIFY(equal(result.background, expectedBackground));
+        QCOMPARE(MotionMap::render(result.counts, result.background), Reference::renderMap(expectedCounts, expectedBackground));
+    }
+
+    void tenBitClipMatchesTheEightBitOne()
+    {
+        const auto frames = squares(kSize, 120, [](int i) {
+            std::vector<cv::Point> at{cv::Point(4 + 8 * ((i / 7) % 6), 8)};
+            if ((i / 30) % 2)
+                at.push_back(kC);
+            return at;
+        });
+        const QString eight = m_dir.filePath("eight.mkv");
+        const QString ten = m_dir.filePath("ten.mkv");
+        QVERIFY(writeGray(eight, frames, {"-c:v", "ffv1", "-pix_fmt", "yuv420p"}));
+        QVERIFY(writeGray(ten, frames, {"-c:v", "ffv1", "-pix_fmt", "yuv420p10le"}));
+        RecordingHooks hooks8, hooks10;
+        const PassResult result8 = runPass(eight, hooks8);
+        const PassResult result10 = runPass(ten, hooks10);
+        QCOMPARE(result10.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks10.pairs, hooks8.pairs);
+        QVERIFY(cv::countNonZero(result8.counts) > 200);
+        // Rounding of the deeper samples may move a threshold crossing by a pixel.
+        const int differing = cv::countNonZero(result8.counts != result10.counts);
+        QVERIFY2(differing <= int(result8.counts.total() / 50), qPrintable(QString::number(differing)));
+        QVERIFY(cv::norm(result8.counts, result10.counts, cv::NORM_INF) <= 1.0);
+        QVERIFY(cv::norm(result8.background, result10.background, cv::NORM_INF) <= 3.0);
+    }
+
+    void frameSizeChangeEndsThePassLikeTheEndOfTheVideo()
+    {
+        // Two raw H.264 streams of different sizes back to back: the decoder switches size.
+        const QString big = m_dir.filePath("big.h264");
+        const QString small = m_dir.filePath("small.h264");
+        const QStringList h264 = {"-c:v", "libx264", "-preset", "ultrafast", "-bf", "0", "-pix_fmt", "yuv420p"};
+        QVERIFY(writeGray(big, speckledNoise(kSize, 30, 1), h264));
+        QVERIFY(writeGray(small, speckledNoise(cv::Size(32, 24), 30, 2), h264));
+        QFile a(big), b(small);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        const QString joined = m_dir.filePath("joined.h264");
+        QFile out(joined);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(a.readAll() + b.readAll());
+        out.close();
+
+        const Decoded decoded = decodeAll(joined);
+        int firstSizeFrames = 0;
+        while (firstSizeFrames < int(decoded.grey.size()) && decoded.grey[size_t(firstSizeFrames)].size() == kSize)
+            ++firstSizeFrames;
+        QVERIFY(firstSizeFrames > 1);
+        QVERIFY(firstSizeFrames < int(decoded.grey.size()));
+
+        RecordingHooks hooks;
+        const PassResult result = runPass(joined, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, firstSizeFrames - 1);
+        QCOMPARE(result.counts.size(), kSize);
+        const std::vector<cv::Mat> counted(decoded.grey.begin(), decoded.grey.begin() + firstSizeFrames);
+        QVERIFY(equal(result.counts, referenceCounts(counted, true)));
+    }
+};
+
+QTEST_GUILESS_MAIN(MotionPassTest)
+#include "MotionPassTest.moc"
