@@ -38,39 +38,43 @@ bool hasGrayFirstPlane(const AVFrame& frame)
            && descriptor->comp[0].step == 1 && descriptor->comp[0].shift == 0 && frame.linesize[0] >= frame.width;
 }
 
-struct GrayFormat {
-    int depth;
-    AVPixelFormat littleEndian;
-    AVPixelFormat bigEndian;
-};
-
-constexpr GrayFormat kGrayFormats[] = {
-    {9, AV_PIX_FMT_GRAY9LE, AV_PIX_FMT_GRAY9BE},    {10, AV_PIX_FMT_GRAY10LE, AV_PIX_FMT_GRAY10BE},
-    {12, AV_PIX_FMT_GRAY12LE, AV_PIX_FMT_GRAY12BE}, {14, AV_PIX_FMT_GRAY14LE, AV_PIX_FMT_GRAY14BE},
-    {16, AV_PIX_FMT_GRAY16LE, AV_PIX_FMT_GRAY16BE},
-};
-
-// For luma of 9 to 16 bits in a plane of its own (yuv420p10le, p010, gray16 ...), the grey
-// format that describes that plane alone. Converting the plane as grey keeps the values of
-// limited-range video where a conversion of the whole YUV picture would stretch them to full
-// range. AV_PIX_FMT_NONE for every other format.
-AVPixelFormat grayFormatOfLumaPlane(const AVFrame& frame)
+// Luma of 9 to 16 bits in 16-bit samples in a plane of its own (yuv420p10le, p010, gray16 ...).
+bool hasDeepLumaPlane(const AVPixFmtDescriptor& descriptor)
 {
-    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
-    if (!descriptor || !isLumaFirstFormat(*descriptor) || descriptor->comp[0].step != 2)
-        return AV_PIX_FMT_NONE;
-    const int depth = descriptor->comp[0].depth;
-    const int shift = descriptor->comp[0].shift;
-    if (depth <= 8 || depth + shift > 16)
-        return AV_PIX_FMT_NONE;
-    // Samples aligned to the top bit (p010) read as 16-bit grey.
-    const int grayDepth = shift == 0 ? depth : 16;
-    const bool bigEndian = (descriptor->flags & AV_PIX_FMT_FLAG_BE) != 0;
-    for (const GrayFormat& gray : kGrayFormats) {
-        if (gray.depth == grayDepth)
-            return bigEndian ? gray.bigEndian : gray.littleEndian;
+    const AVComponentDescriptor& luma = descriptor.comp[0];
+    return isLumaFirstFormat(descriptor) && luma.step == 2 && luma.depth > 8 && luma.depth + luma.shift <= 16;
+}
+
+// Grey formats span the full sample range; video's luma keeps to its limited range (16 to
+// 235 in 8 bits) unless the picture says otherwise, and that range is kept: ten-bit video
+// then gives the values eight-bit video of the same scene would.
+bool isFullRange(const AVFrame& frame, const AVPixFmtDescriptor& descriptor)
+{
+    const bool gray = descriptor.nb_components <= 2;
+    return gray || frame.color_range == AVCOL_RANGE_JPEG;
+}
+
+// Reduces deep luma samples to 8 bits. Done by hand because swscale always stretches
+// limited-range luma to full range when it writes grey.
+void reduceDeepLuma(const AVFrame& frame, const AVPixFmtDescriptor& descriptor, uint8_t* gray, int grayStep)
+{
+    const AVComponentDescriptor& luma = descriptor.comp[0];
+    const bool bigEndian = (descriptor.flags & AV_PIX_FMT_FLAG_BE) != 0;
+    const unsigned maximum = (1u << luma.depth) - 1;
+    const int dropBits = luma.depth - 8;
+    const bool fullRange = isFullRange(frame, descriptor);
+    for (int y = 0; y < frame.height; ++y) {
+        const uint8_t* row = frame.data[0] + static_cast<ptrdiff_t>(y) * frame.linesize[0];
+        uint8_t* out = gray + static_cast<ptrdiff_t>(y) * grayStep;
+        for (int x = 0; x < frame.width; ++x) {
+            const unsigned high = row[2 * x + (bigEndian ? 0 : 1)];
+            const unsigned low = row[2 * x + (bigEndian ? 1 : 0)];
+            const unsigned value = (((high << 8) | low) >> luma.shift) & maximum;
+            const unsigned reduced = fullRange ? (value * 255 + maximum / 2) / maximum
+                                               : (value + (1u << (dropBits - 1))) >> dropBits;
+            out[x] = static_cast<uint8_t>(reduced > 255 ? 255 : reduced);
+        }
     }
-    return AV_PIX_FMT_NONE;
 }
 
 } // namespace
@@ -104,11 +108,13 @@ void MpegFrame::makeGray(SwsContext** grayScaler)
     // Zero-filled, so a picture swscale cannot convert comes out black rather than undefined.
     m_gray.assign(static_cast<size_t>(m_grayStep) * static_cast<size_t>(height), 0);
 
-    const AVPixelFormat planeFormat = grayFormatOfLumaPlane(*m_frame);
-    const AVPixelFormat sourceFormat = planeFormat != AV_PIX_FMT_NONE ? planeFormat
-                                                                      : static_cast<AVPixelFormat>(m_frame->format);
-    *grayScaler = sws_getCachedContext(*grayScaler, width, height, sourceFormat, width, height, AV_PIX_FMT_GRAY8,
-                                       SWS_BILINEAR, nullptr, nullptr, nullptr);
+    const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(m_frame->format));
+    if (descriptor && hasDeepLumaPlane(*descriptor)) {
+        reduceDeepLuma(*m_frame, *descriptor, m_gray.data(), m_grayStep);
+        return;
+    }
+    *grayScaler = sws_getCachedContext(*grayScaler, width, height, static_cast<AVPixelFormat>(m_frame->format), width,
+                                       height, AV_PIX_FMT_GRAY8, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!*grayScaler)
         return;
     uint8_t* planes[4] = {m_gray.data(), nullptr, nullptr, nullptr};
