@@ -7,6 +7,14 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+// Written against FFmpeg 5.1. Where older generations differ, this code does the following:
+// - avcodec_encode_video2() is gone: avcodec_send_frame()/avcodec_receive_packet(), so one
+//   picture may give no packet, one or several; all of them are written.
+// - AVStream::codec is gone: the encoder context is allocated here, and the stream's codecpar
+//   is filled from it once it is open.
+// - CODEC_FLAG_GLOBAL_HEADER is AV_CODEC_FLAG_GLOBAL_HEADER; avcodec_close() is part of
+//   avcodec_free_context().
+
 // Members are declared so that destruction releases the packet, then the encoder, then the
 // output context with its file.
 struct MpegWriterState {
@@ -101,6 +109,8 @@ MpegWriter::~MpegWriter()
 bool MpegWriter::open(const char* path, int bitRate, int width, int height, double fps)
 {
     close();
+    if (!path)
+        return false;
     m_state = std::make_unique<MpegWriterState>();
     MpegWriterState& state = *m_state;
     state.width = width;

@@ -363,6 +363,8 @@ void MpegWriterTest::unwritablePathFailsAndCloseIsSafe()
     writer.close();
     writer.close();
     QVERIFY(!QFileInfo::exists(unwritable));
+    QVERIFY(!writer.open(nullptr, kBitRate, kWidth, kHeight, kFps));
+    writer.close();
 
     // The writer is still usable afterwards.
     QVERIFY(writer.open(path("clip.mpg").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
