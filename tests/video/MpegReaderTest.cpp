@@ -23,6 +23,7 @@ extern "C" {
 #include <cstring>
 #include <future>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -37,6 +38,10 @@ constexpr int64_t kInputBufferSize = 32768;
 using FramePtr = std::unique_ptr<MpegFrame>;
 
 const QByteArray kShoppingList("Shopping list\nmilk\nbread\n");
+
+// An HLS playlist whose only segment lies on a web server at the port %1.
+const QString kRemotePlaylist("#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:0\n"
+                              "#EXTINF:2.0,\nhttp://127.0.0.1:%1/segment0.ts\n#EXT-X-ENDLIST\n");
 
 // Luma value of picture i of the exact grey clips.
 unsigned char grayValue(int picture)
@@ -206,6 +211,8 @@ private slots:
 private:
     QString path(const QString& name) const { return m_dir.filePath(name); }
     QString makeDelayedClip();
+    // Writes the files, each %1 in them standing for the listener's port, and opens the first.
+    OpenAttempt openListWhileListening(LocalListener& listener, const std::vector<std::pair<QString, QString>>& files);
 
     QTemporaryDir m_dir;
     QString m_grayClip;
@@ -256,6 +263,17 @@ void MpegReaderTest::initTestCase()
                                      "-g", "30", m_motionClip},
                                     &error),
              qPrintable(error));
+}
+
+OpenAttempt MpegReaderTest::openListWhileListening(LocalListener& listener,
+                                                   const std::vector<std::pair<QString, QString>>& files)
+{
+    for (const auto& [name, content] : files) {
+        const QString text = content.contains("%1") ? content.arg(listener.port()) : content;
+        if (!writeFile(path(name), text.toUtf8()))
+            return {};
+    }
+    return openWhileListening(listener, path(files.front().first));
 }
 
 QString MpegReaderTest::makeDelayedClip()
@@ -695,13 +713,7 @@ void MpegReaderTest::playlistNamingNetworkSegmentFailsWithoutConnecting()
 {
     LocalListener listener;
     QVERIFY(listener.isListening());
-    const QString playlist = path("remote.m3u8");
-    QVERIFY(writeFile(playlist, QStringLiteral("#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:2\n"
-                                               "#EXT-X-MEDIA-SEQUENCE:0\n#EXTINF:2.0,\n"
-                                               "http://127.0.0.1:%1/segment0.ts\n#EXT-X-ENDLIST\n")
-                                    .arg(listener.port())
-                                    .toUtf8()));
-    const OpenAttempt attempt = openWhileListening(listener, playlist);
+    const OpenAttempt attempt = openListWhileListening(listener, {{"remote.m3u8", kRemotePlaylist}});
     QCOMPARE(listener.connections(), 0);
     QVERIFY(!attempt.opened);
     QCOMPARE(attempt.pictures, 0);
@@ -711,11 +723,8 @@ void MpegReaderTest::concatListNamingNetworkFileFailsWithoutConnecting()
 {
     LocalListener listener;
     QVERIFY(listener.isListening());
-    const QString list = path("remote.ffconcat");
-    QVERIFY(writeFile(list, QStringLiteral("ffconcat version 1.0\nfile http://127.0.0.1:%1/clip.mkv\n")
-                                .arg(listener.port())
-                                .toUtf8()));
-    const OpenAttempt attempt = openWhileListening(listener, list);
+    const OpenAttempt attempt = openListWhileListening(
+        listener, {{"remote.ffconcat", "ffconcat version 1.0\nfile http://127.0.0.1:%1/clip.mkv\n"}});
     QCOMPARE(listener.connections(), 0);
     QVERIFY(!attempt.opened);
     QCOMPARE(attempt.pictures, 0);
@@ -725,13 +734,8 @@ void MpegReaderTest::concatListReachingNetworkThroughPlaylistFailsWithoutConnect
 {
     LocalListener listener;
     QVERIFY(listener.isListening());
-    QVERIFY(writeFile(path("inner.m3u8"), QStringLiteral("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2.0,\n"
-                                                         "http://127.0.0.1:%1/segment0.ts\n#EXT-X-ENDLIST\n")
-                                              .arg(listener.port())
-                                              .toUtf8()));
-    const QString list = path("nested.ffconcat");
-    QVERIFY(writeFile(list, "ffconcat version 1.0\nfile inner.m3u8\n"));
-    const OpenAttempt attempt = openWhileListening(listener, list);
+    const OpenAttempt attempt = openListWhileListening(
+        listener, {{"nested.ffconcat", "ffconcat version 1.0\nfile inner.m3u8\n"}, {"inner.m3u8", kRemotePlaylist}});
     QCOMPARE(listener.connections(), 0);
     QCOMPARE(attempt.pictures, 0);
 }
