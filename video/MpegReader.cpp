@@ -41,6 +41,17 @@ bool openLocalFile(MpegReaderState& state, const char* path)
     return opened >= 0;
 }
 
+// FFmpeg also opens text (as ANSI art) and still images as one-stream videos. Neither holds
+// motion, and a folder scan meets both, so they are refused like any other non-video file.
+bool isTextOrStillImage(const AVInputFormat& format)
+{
+    const std::string name = format.name;
+    const std::string pipeSuffix = "_pipe";
+    const bool imagePipe = name.size() > pipeSuffix.size()
+        && name.compare(name.size() - pipeSuffix.size(), pipeSuffix.size(), pipeSuffix) == 0;
+    return name == "tty" || name == "image2" || name == "image2pipe" || imagePipe;
+}
+
 int firstVideoStream(const AVFormatContext& context)
 {
     for (unsigned i = 0; i < context.nb_streams; ++i) {
@@ -128,6 +139,8 @@ bool MpegReader::open(const char* url)
     if (!url || !m_state->packet || !openLocalFile(*m_state, url))
         return false;
     AVFormatContext* context = m_state->formatContext.get();
+    if (isTextOrStillImage(*context->iformat))
+        return false;
     if (avformat_find_stream_info(context, nullptr) < 0)
         return false;
     av_dump_format(context, 0, url, 0);

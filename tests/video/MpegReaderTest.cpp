@@ -196,7 +196,8 @@ private slots:
     void folderFails();
     void zeroByteFileFails();
     void textFileFails();
-    void textFileNamedTxtReadsAsAnsiArt();
+    void textFileNamedTxtFails();
+    void stillImageFails();
     void truncatedVideoEndsEarly();
     void corruptPacketsAreSkipped();
     void onePixelVideoDecodes();
@@ -603,21 +604,27 @@ void MpegReaderTest::textFileFails()
     }
 }
 
-void MpegReaderTest::textFileNamedTxtReadsAsAnsiArt()
+void MpegReaderTest::textFileNamedTxtFails()
 {
-    // FFmpeg takes text files with the usual text extensions for ANSI art, rendered as a
-    // 640x400 paletted video; they must read like any other video.
-    const QString text = path("notes.txt");
-    QVERIFY(writeFile(text, kShoppingList.repeated(200)));
-    MpegReader reader;
-    QVERIFY(reader.open(text.toUtf8().constData()));
-    QCOMPARE(reader.width(), 640);
-    QCOMPARE(reader.height(), 400);
-    const FramePtr frame{reader.read(true)};
-    QVERIFY(frame);
-    QCOMPARE(frame->width(), 640);
-    QVERIFY(frame->step() >= 640);
-    QVERIFY(countPictures(reader) > 0);
+    // FFmpeg would read text with the usual text extensions as ANSI art.
+    for (const QString& name : {QString("notes.txt"), QString("readme.ans"), QString("log.nfo")}) {
+        const QString text = path(name);
+        QVERIFY(writeFile(text, kShoppingList.repeated(200)));
+        MpegReader reader;
+        QVERIFY2(!reader.open(text.toUtf8().constData()), qPrintable(name));
+        QVERIFY(!FramePtr(reader.read(true)));
+    }
+}
+
+void MpegReaderTest::stillImageFails()
+{
+    for (const QString& name : {QString("still.png"), QString("still.jpg"), QString("still.bmp")}) {
+        const QString image = path(name);
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48", "-frames:v", "1", image}));
+        MpegReader reader;
+        QVERIFY2(!reader.open(image.toUtf8().constData()), qPrintable(name));
+        QVERIFY(!FramePtr(reader.read(true)));
+    }
 }
 
 void MpegReaderTest::truncatedVideoEndsEarly()
