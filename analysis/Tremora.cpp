@@ -89,8 +89,8 @@ void Tremora::update(Tremora::State state)
         applyRow(thumbnail, text);
     else
         QMetaObject::invokeMethod(this, [this, thumbnail, text] { applyRow(thumbnail, text); }, Qt::QueuedConnection);
-    // Release: whoever sees the new state also sees the row change queued before it, so a
-    // job deleted on a final state never receives an update posted afterwards.
+    // Release: the window deletes a job once it reads a final state, and by then the row
+    // change above must already be posted, or it would be posted to a deleted job.
     m_state.store(state, std::memory_order_release);
 }
 

@@ -1,0 +1,226 @@
+#include "UiTestSupport.h"
+
+#include "MainWindow.h"
+#include "TestSupport.h"
+#include "Tremora.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QRandomGenerator>
+
+#include <utility>
+
+namespace UiTestSupport {
+namespace {
+
+// Matroska whatever the file name says: the reader goes by content, so clips may be named
+// .mp4, .mov or .avi freely.
+const QStringList kClipOutput = {"-c:v", "ffv1", "-f", "matroska"};
+
+constexpr int kPollIntervalMs = 10;
+
+const ModalScript* activeScript = nullptr;
+
+SeenDialog describe(QWidget* widget)
+{
+    SeenDialog seen;
+    seen.className = QString::fromLatin1(widget->metaObject()->className());
+    seen.title = widget->windowTitle();
+    seen.parent = widget->parentWidget();
+    if (auto* box = qobject_cast<QMessageBox*>(widget)) {
+        seen.text = box->text();
+        seen.icon = box->icon();
+        seen.buttons = box->standardButtons();
+        seen.defaultButton = box->defaultButton() ? box->standardButton(box->defaultButton())
+                                                  : QMessageBox::NoButton;
+    }
+    if (auto* dialog = qobject_cast<QFileDialog*>(widget)) {
+        seen.fileMode = dialog->fileMode();
+        seen.acceptMode = dialog->acceptMode();
+        seen.options = dialog->options();
+        seen.directory = dialog->directory().absolutePath();
+        seen.selectedFiles = dialog->selectedFiles();
+        seen.nameFilters = dialog->nameFilters();
+        seen.selectedNameFilter = dialog->selectedNameFilter();
+    }
+    return seen;
+}
+
+// Queued, so the watching timer returns first: a dialog that opens another one from inside
+// accept() (the save dialog's replace question) is then answered too.
+void invokeLater(QObject* target, const char* method)
+{
+    QMetaObject::invokeMethod(target, method, Qt::QueuedConnection);
+}
+
+void typeAndAccept(QWidget* widget, const QString& text, const QString& folder)
+{
+    auto* dialog = static_cast<QFileDialog*>(widget);
+    if (!folder.isEmpty())
+        dialog->setDirectory(folder);
+    dialog->findChild<QLineEdit*>("fileNameEdit")->setText(text);
+    invokeLater(dialog, "accept");
+}
+
+} // namespace
+
+bool writeSmallClip(const QString& path)
+{
+    constexpr int width = 64;
+    constexpr int height = 48;
+    std::vector<QByteArray> frames;
+    for (int i = 0; i < 6; ++i)
+        frames.push_back(TestSupport::grayFrame(width, height, i % 2 ? 200 : 20));
+    return TestSupport::writeRawClip(path, width, height, frames, kClipOutput);
+}
+
+bool writeStillClip(const QString& path, int width, int height, int frames)
+{
+    const QString source = QStringLiteral("color=c=gray:s=%1x%2:r=25").arg(width).arg(height);
+    return TestSupport::runFfmpeg(QStringList{"-f", "lavfi", "-i", source, "-frames:v", QString::number(frames)}
+                                  + kClipOutput + QStringList{path});
+}
+
+bool writeNoiseClip(const QString& path, int width, int height, int frames)
+{
+    std::vector<QByteArray> data;
+    for (int i = 0; i < frames; ++i) {
+        QByteArray frame(width * height, Qt::Uninitialized);
+        for (char& byte : frame)
+            byte = static_cast<char>(QRandomGenerator::global()->bounded(256));
+        data.push_back(frame);
+    }
+    return TestSupport::writeRawClip(path, width, height, data, kClipOutput);
+}
+
+QListWidget* mainList(MainWindow& window)
+{
+    return window.findChild<QListWidget*>("mainList");
+}
+
+QAction* action(MainWindow& window, const char* objectName)
+{
+    return window.findChild<QAction*>(QString::fromLatin1(objectName));
+}
+
+Tremora* jobAt(QListWidget* list, int row)
+{
+    return static_cast<Tremora*>(list->item(row));
+}
+
+int stateOf(Tremora* job)
+{
+    return job->m_state;
+}
+
+bool allFinished(QListWidget* list)
+{
+    for (int row = 0; row < list->count(); ++row)
+        if (stateOf(jobAt(list, row)) < Tremora::Done)
+            return false;
+    return true;
+}
+
+QStringList rowPaths(QListWidget* list)
+{
+    QStringList paths;
+    for (int row = 0; row < list->count(); ++row)
+        paths.append(jobAt(list, row)->m_fileInfo.absoluteFilePath());
+    return paths;
+}
+
+QList<int> selectedRows(QListWidget* list)
+{
+    QList<int> rows;
+    for (int row = 0; row < list->count(); ++row)
+        if (list->item(row)->isSelected())
+            rows.append(row);
+    return rows;
+}
+
+ModalStep acceptFileDialog(const QString& text, const QString& folder)
+{
+    return {"QFileDialog", [text, folder](QWidget* widget) { typeAndAccept(widget, text, folder); }};
+}
+
+ModalStep acceptFileDialogWithFilter(const QString& text, const QString& nameFilter)
+{
+    return {"QFileDialog", [text, nameFilter](QWidget* widget) {
+                static_cast<QFileDialog*>(widget)->selectNameFilter(nameFilter);
+                typeAndAccept(widget, text, QString());
+            }};
+}
+
+ModalStep acceptFileDialogAfter(const QString& text, std::function<void()> before)
+{
+    return {"QFileDialog", [text, before = std::move(before)](QWidget* widget) {
+                before();
+                typeAndAccept(widget, text, QString());
+            }};
+}
+
+ModalStep cancelFileDialog()
+{
+    return {"QFileDialog", [](QWidget* widget) { invokeLater(widget, "reject"); }};
+}
+
+ModalStep clickButton(QMessageBox::StandardButton button)
+{
+    return {"QMessageBox", [button](QWidget* widget) {
+                invokeLater(static_cast<QMessageBox*>(widget)->button(button), "click");
+            }};
+}
+
+ModalStep closeMessageBox()
+{
+    return {"QMessageBox", [](QWidget* widget) { invokeLater(widget, "close"); }};
+}
+
+ModalScript::ModalScript(QList<ModalStep> steps)
+    : m_steps(std::move(steps))
+{
+    m_timer.setInterval(kPollIntervalMs);
+    QObject::connect(&m_timer, &QTimer::timeout, [this] { poll(); });
+    m_timer.start();
+    activeScript = this;
+}
+
+ModalScript::~ModalScript()
+{
+    if (activeScript == this)
+        activeScript = nullptr;
+}
+
+void ModalScript::poll()
+{
+    if (activeScript != this)
+        return;
+    QWidget* widget = QApplication::activeModalWidget();
+    if (!widget || !widget->isVisible() || alreadyHandled(widget))
+        return;
+    m_handled.append(widget);
+    m_seen.append(describe(widget));
+    if (m_steps.isEmpty() || !widget->inherits(m_steps.first().expectedClass)) {
+        ++m_unexpected;
+        if (!m_steps.isEmpty())
+            m_steps.removeFirst();
+        invokeLater(widget, "reject");
+        return;
+    }
+    m_steps.takeFirst().act(widget);
+}
+
+bool ModalScript::alreadyHandled(QWidget* widget)
+{
+    m_handled.removeAll(QPointer<QWidget>());
+    for (const QPointer<QWidget>& handled : qAsConst(m_handled))
+        if (handled == widget)
+            return true;
+    return false;
+}
+
+} // namespace UiTestSupport
