@@ -1,0 +1,40 @@
+#pragma once
+
+#include "MapToolOptions.h"
+#include "OutputPlan.h"
+
+#include <QImage>
+
+#include <opencv2/core/mat.hpp>
+
+#include <atomic>
+#include <vector>
+
+class ProgressOutput;
+
+namespace MapRun {
+
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+// Added to the number of the signal that canceled the run: 130 for SIGINT.
+constexpr int kExitSignalBase = 128;
+
+// Analyses the planned inputs, options.jobs files at once on a pool of its own, in the order
+// given, and writes each one's files as soon as its pass finishes. Inputs with a planning
+// error are reported and skipped. While passes run it reports starts, ends and errors to
+// `output` and shows the running files about ten times a second.
+// `cancel` non-zero (a signal number) cancels: running passes stop after their current frame
+// pair, waiting ones do not open their file, and nothing more is written; files already
+// written stay. Returns the exit status: kExitSuccess when every map was written,
+// kExitSignalBase + `cancel` when canceled, kExitFailure otherwise.
+// Blocks until every pass has ended. Call from one thread at a time.
+int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
+        ProgressOutput& output, const std::atomic<int>& cancel);
+
+// The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
+QImage countsImage(const cv::Mat& motionCount);
+// The background (8-bit, 3 channels R,G,B) as an RGB888 image.
+QImage backgroundImage(const cv::Mat& background);
+
+} // namespace MapRun

@@ -1,0 +1,78 @@
+#include "MapTool.h"
+
+#include "MapRun.h"
+#include "MapToolOptions.h"
+#include "OutputPlan.h"
+#include "ProgressOutput.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QIODevice>
+#include <QThread>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+void print(QIODevice& device, const QString& text)
+{
+    device.write(text.toLocal8Bit());
+}
+
+int usageError(QIODevice& err, const QString& message)
+{
+    print(err, QStringLiteral("tremora-map: %1\n").arg(message)
+                   + tr("Try 'tremora-map --help' for more information.") + QLatin1Char('\n'));
+    return MapRun::kExitUsage;
+}
+
+ProgressOutput::Style styleFor(const MapToolOptions& options, const MapTool::Console& console)
+{
+    if (options.quiet)
+        return ProgressOutput::Style::Quiet;
+    return console.errIsTerminal ? ProgressOutput::Style::Live : ProgressOutput::Style::Lines;
+}
+
+int runMaps(const MapToolOptions& options, const MapTool::Console& console, const std::atomic<int>& cancel)
+{
+    // The stream description FFmpeg prints for every opened file would bury the tool's own
+    // lines and break the redrawn progress block; its errors still come through.
+    av_log_set_level(AV_LOG_ERROR);
+    ProgressOutput output(console.err, styleFor(options, console), console.terminalWidth);
+    if (!options.outputDir.isEmpty() && !QDir().mkpath(options.outputDir)) {
+        output.error(tr("Can't create folder '%1'").arg(options.outputDir));
+        return MapRun::kExitFailure;
+    }
+    return MapRun::run(options, OutputPlan::plan(options), output, cancel);
+}
+
+} // namespace
+
+namespace MapTool {
+
+int run(const QStringList& arguments, Console console, const std::atomic<int>& cancel)
+{
+    const ParsedCommandLine parsed = MapToolCommandLine::parse(arguments, QThread::idealThreadCount());
+    switch (parsed.action) {
+    case ParsedCommandLine::Action::UsageError:
+        return usageError(console.err, parsed.error);
+    case ParsedCommandLine::Action::ShowHelp:
+        print(console.out, MapToolCommandLine::helpText());
+        return MapRun::kExitSuccess;
+    case ParsedCommandLine::Action::ShowVersion:
+        print(console.out, MapToolCommandLine::versionText() + QLatin1Char('\n'));
+        return MapRun::kExitSuccess;
+    case ParsedCommandLine::Action::Run:
+        break;
+    }
+    return runMaps(parsed.options, console, cancel);
+}
+
+} // namespace MapTool

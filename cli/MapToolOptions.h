@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// What one run of tremora-map was asked to do, as read from its command line.
+struct MapToolOptions {
+    QStringList videos;   // in the order given
+    QString outputDir;    // empty: each map goes beside its video
+    QString format = QStringLiteral("png");
+    int jobs = 2;         // files analysed at once, already resolved (0 on the command line = cores)
+    bool counts = false;
+    bool background = false;
+    bool blur = true;
+    bool overwrite = false;
+    bool quiet = false;
+};
+
+// The outcome of reading a command line: run, or print one of the two texts, or refuse.
+struct ParsedCommandLine {
+    enum class Action { Run, ShowHelp, ShowVersion, UsageError };
+
+    Action action = Action::UsageError;
+    MapToolOptions options;  // meaningful for Run
+    QString error;           // meaningful for UsageError: one line, no program name
+};
+
+namespace MapToolCommandLine {
+
+// Files at once when the command line does not say.
+constexpr int kDefaultJobs = 2;
+
+// Reads `arguments` (the program name first, then options and videos, "--" ending the
+// options). An unknown option or a missing value is an error; after that --help, then
+// --version, win over the checks of the values and over a missing video, so that both work
+// alone. `cores` is what --jobs 0 stands for. Reentrant.
+ParsedCommandLine parse(const QStringList& arguments, int cores);
+
+// The --help text: synopsis, options, naming of the files, exit status, examples.
+QString helpText();
+
+// "tremora-map 1.0.8".
+QString versionText();
+
+} // namespace MapToolCommandLine

@@ -1,0 +1,136 @@
+#include "OutputPlan.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QHash>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+// A spelling of `path` that two names of one file share as far as cheaply known: absolute,
+// clean, with the folder's links resolved when the folder exists.
+QString identity(const QString& path)
+{
+    const QFileInfo info(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
+    const QString folder = QFileInfo(info.absolutePath()).canonicalFilePath();
+    return folder.isEmpty() ? info.absoluteFilePath() : QDir(folder).filePath(info.fileName());
+}
+
+bool existsOrDangles(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
+{
+    const QDir folder(OutputPlan::outputFolder(video, options.outputDir));
+    PlannedInput input;
+    input.video = video;
+    input.mapPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::mapFileName(video, options.format)));
+    if (options.counts)
+        input.countsPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::countsFileName(video)));
+    if (options.background)
+        input.backgroundPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::backgroundFileName(video)));
+    return input;
+}
+
+// Files already spoken for, each with the input that writes it (or that is it).
+class Claims {
+public:
+    explicit Claims(const QStringList& videos)
+    {
+        for (const QString& video : videos)
+            m_owners.insert(identity(video), video);
+    }
+
+    // Why `input` cannot write its files, or an empty text when it can.
+    QString conflictOf(const PlannedInput& input) const
+    {
+        for (const QString& path : input.outputs()) {
+            const QString owner = m_owners.value(identity(path));
+            if (owner.isNull())
+                continue;
+            if (identity(owner) == identity(path))
+                return tr("'%1' would replace the video '%2'; '%3' is not analysed").arg(path, owner, input.video);
+            return tr("'%1' and '%2' would both write '%3'; '%2' is not analysed").arg(owner, input.video, path);
+        }
+        return {};
+    }
+
+    void claim(const PlannedInput& input)
+    {
+        for (const QString& path : input.outputs())
+            m_owners.insert(identity(path), input.video);
+    }
+
+private:
+    QHash<QString, QString> m_owners;
+};
+
+QString existingOutputOf(const PlannedInput& input)
+{
+    for (const QString& path : input.outputs()) {
+        if (existsOrDangles(path))
+            return path;
+    }
+    return {};
+}
+
+} // namespace
+
+QStringList PlannedInput::outputs() const
+{
+    QStringList paths{mapPath};
+    if (!countsPath.isEmpty())
+        paths << countsPath;
+    if (!backgroundPath.isEmpty())
+        paths << backgroundPath;
+    return paths;
+}
+
+namespace OutputPlan {
+
+QString mapFileName(const QString& video, const QString& extension)
+{
+    return QFileInfo(video).baseName() + QLatin1Char('.') + extension;
+}
+
+QString countsFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".counts.png");
+}
+
+QString backgroundFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".background.png");
+}
+
+QString outputFolder(const QString& video, const QString& outputDir)
+{
+    return outputDir.isEmpty() ? QFileInfo(video).absolutePath() : QFileInfo(outputDir).absoluteFilePath();
+}
+
+std::vector<PlannedInput> plan(const MapToolOptions& options)
+{
+    std::vector<PlannedInput> inputs;
+    Claims claims(options.videos);
+    for (const QString& video : options.videos) {
+        PlannedInput input = targetsOf(video, options);
+        input.error = claims.conflictOf(input);
+        const QString existing = options.overwrite ? QString() : existingOutputOf(input);
+        if (input.error.isEmpty() && !existing.isEmpty())
+            input.error = tr("File '%1' exists; '%2' is not analysed (--overwrite replaces it)").arg(existing, video);
+        if (input.error.isEmpty())
+            claims.claim(input);
+        inputs.push_back(input);
+    }
+    return inputs;
+}
+
+} // namespace OutputPlan

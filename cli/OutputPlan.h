@@ -1,0 +1,43 @@
+#pragma once
+
+#include "MapToolOptions.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+// Which files each input of a run will write, decided before any video is analysed, so that
+// an input that could only fail (its file exists, or an earlier input writes it) costs no pass.
+struct PlannedInput {
+    QString video;           // as given on the command line
+    QString mapPath;         // absolute, clean paths
+    QString countsPath;      // empty unless --counts
+    QString backgroundPath;  // empty unless --background
+    QString error;           // non-empty: this input is not analysed; the text says why
+
+    // The files of this input in the order they are written: map, counts, background.
+    QStringList outputs() const;
+};
+
+namespace OutputPlan {
+
+// The name a map gets, as the window's "Save All Maps" names it: the video's base name (its
+// file name up to the first dot), a dot, `extension`. "clip.part1.mp4", "png" -> "clip.png".
+QString mapFileName(const QString& video, const QString& extension);
+
+// The per-pixel counts and the background beside the map: "clip.counts.png",
+// "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).
+QString countsFileName(const QString& video);
+QString backgroundFileName(const QString& video);
+
+// The folder of `video`'s outputs: `outputDir` when given, else the video's own folder.
+QString outputFolder(const QString& video, const QString& outputDir);
+
+// Plans every input of `options` in order. An input gets an error, and is not analysed, when
+// one of its files exists and `options.overwrite` is off, or when an earlier planned input
+// writes one of its files, or when one of its files would be one of the input videos.
+// Reads the file system; writes nothing.
+std::vector<PlannedInput> plan(const MapToolOptions& options);
+
+} // namespace OutputPlan
