@@ -1,39 +1,21 @@
 // Saving maps: one file per selected entry through a save dialog, or every map at once into
-// one folder with its own overwrite prompt. Both flows share the remembered extension.
+// one folder with its own overwrite prompt. Both flows share the remembered extension, and
+// both write through Utils::saveImage, so a failed write never damages an existing file.
 
 #include "MainWindow.h"
 
+#include "ImageFile.h"
 #include "Tremora.h"
 #include "ui_MainWindow.h"
 
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QImageWriter>
 #include <QMessageBox>
 #include <QPointer>
-#include <QSaveFile>
 #include <QSettings>
 
 namespace {
-
-// Writes as QImage::save(fileName) would, the format taken from the lower-cased suffix and
-// the writer's default quality, but through QSaveFile: a failed write (unknown format,
-// missing folder, full disk) leaves an existing file as it was and no temporary file behind.
-bool saveImage(const QImage& image, const QString& fileName)
-{
-    if (image.isNull())
-        return false;
-    const QByteArray format = QFileInfo(fileName).suffix().toLower().toLatin1();
-    if (!QImageWriter::supportedImageFormats().contains(format))
-        return false;
-    QSaveFile file(fileName);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    QImageWriter writer(&file, format);
-    writer.setQuality(-1);
-    return writer.write(image) && file.commit();
-}
 
 // Plain concatenation, nothing cleaned up: an empty folder gives a path in the root folder.
 QString mapPath(const QString& folder, const Tremora& job, const QString& extension)
@@ -86,7 +68,7 @@ void saveAllMapsInto(QWidget* parent, QListWidget* list, const QString& folder, 
             if (answer == OverwriteAnswer::Skip)
                 continue;
         }
-        if (!saveImage(map, target)) {
+        if (!Utils::saveImage(map, target)) {
             QMessageBox::critical(parent, MainWindow::tr("Error"),
                                   MainWindow::tr("Can't save image file '%1'").arg(target));
             return;
@@ -128,7 +110,7 @@ void MainWindow::exportMap(Tremora* job)
     settings.sync();
 
     const QImage map = guardedJob ? guardedJob->getResult() : QImage();
-    if (!saveImage(map, fileName))
+    if (!Utils::saveImage(map, fileName))
         QMessageBox::critical(nullptr, tr("Error"), tr("Can't save image file '%1'").arg(fileName));
 }
 

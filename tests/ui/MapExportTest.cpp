@@ -400,9 +400,10 @@ void MapExportTest::cancellingTheFolderDialogStoresAndWritesNothing()
 
 void MapExportTest::rootFolderTargetsBeginWithTwoSlashes()
 {
-    // An extension no writer knows makes the write fail before anything is created, so
-    // the target the run chose shows in the error box without writing into the root.
-    const QString extension = QStringLiteral("no-such-image-format");
+    // An "extension" that names a missing folder makes the write fail before anything is
+    // created, so the target the run chose shows in the error box without writing into
+    // the root folder.
+    const QString extension = QStringLiteral("no-such-folder/png");
     addJobs({"clip.mp4", "other.mp4"});
     QSettings().setValue("last_export_ext", extension);
     ModalScript script({acceptFileDialog("/"), clickButton(QMessageBox::Ok)});
@@ -414,7 +415,7 @@ void MapExportTest::rootFolderTargetsBeginWithTwoSlashes()
     QCOMPARE(script.seen().size(), 2);
     QCOMPARE(script.seen().at(1).text, QStringLiteral("Can't save image file '//clip.%1'").arg(extension));
     QCOMPARE(script.seen().at(1).parent, m_window.get());
-    QVERIFY(!QFileInfo::exists("/clip." + extension));
+    QVERIFY(!QFileInfo::exists("/clip.no-such-folder"));
 }
 
 void MapExportTest::yesToAllWritesAllFiveExistingFilesWithOnePrompt()
