@@ -48,9 +48,9 @@ demo_clip() {
   if [ ! -s "$clip" ]; then
     mkdir -p "$(dirname "$clip")"
     ffmpeg -hide_banner -loglevel error -nostdin -y \
-      -f lavfi -i "gradients=s=640x360:d=12:speed=0.00001:seed=7,format=yuv420p" \
-      -f lavfi -i "color=c=orange:s=48x48:d=12" \
-      -filter_complex "[0][1]overlay=x='mod(t*90,600)':y='150+100*sin(t*1.3)',noise=alls=6:allf=t" \
+      -f lavfi -i "gradients=s=1280x720:d=12:speed=0.00001:seed=7,format=yuv420p" \
+      -f lavfi -i "color=c=orange:s=96x96:d=12" \
+      -filter_complex "[0][1]overlay=x='mod(t*180,1240)':y='320+250*sin(t*1.3)',noise=alls=6:allf=t" \
       -r 25 -c:v libx264 -pix_fmt yuv420p -t 12 "$clip"
   fi
   echo "$clip"
