@@ -9,6 +9,10 @@
 #include <iterator>
 #include <memory>
 
+// Generated from resources/quorl.qrc; registered by a static initialiser at start.
+int qInitResources_quorl();
+int qCleanupResources_quorl();
+
 namespace {
 
 struct FormWindow {
@@ -75,6 +79,7 @@ class MainWindowFormTest : public QObject {
 private slots:
     void quorlResourceIsRegisteredBeforeAnyWindow();
     void quorlIconHoldsFiveSizesLargestFirst();
+    void quorlCollectionUnregistersAndRegistersAgain();
     void windowGetsNameSizeMinimumAndIcon();
     void presetObjectNameIsKept();
     void shrinkingStopsAtMinimumSize();
@@ -115,6 +120,14 @@ void MainWindowFormTest::quorlIconHoldsFiveSizesLargestFirst()
     }
     std::sort(sides.begin(), sides.end());
     QCOMPARE(sides, (QList<int>{16, 32, 48, 64, 128}));
+}
+
+void MainWindowFormTest::quorlCollectionUnregistersAndRegistersAgain()
+{
+    QCOMPARE(qCleanupResources_quorl(), 1);
+    QVERIFY(!QFile::exists(QStringLiteral(":/quorl.ico")));
+    QCOMPARE(qInitResources_quorl(), 1);
+    QVERIFY(QFile::exists(QStringLiteral(":/quorl.ico")));
 }
 
 void MainWindowFormTest::windowGetsNameSizeMinimumAndIcon()
