@@ -10,7 +10,6 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
-#include <QRandomGenerator>
 
 #include <utility>
 
@@ -83,18 +82,6 @@ bool writeStillClip(const QString& path, int width, int height, int frames)
     const QString source = QStringLiteral("color=c=gray:s=%1x%2:r=25").arg(width).arg(height);
     return TestSupport::runFfmpeg(QStringList{"-f", "lavfi", "-i", source, "-frames:v", QString::number(frames)}
                                   + kClipOutput + QStringList{path});
-}
-
-bool writeNoiseClip(const QString& path, int width, int height, int frames)
-{
-    std::vector<QByteArray> data;
-    for (int i = 0; i < frames; ++i) {
-        QByteArray frame(width * height, Qt::Uninitialized);
-        for (char& byte : frame)
-            byte = static_cast<char>(QRandomGenerator::global()->bounded(256));
-        data.push_back(frame);
-    }
-    return TestSupport::writeRawClip(path, width, height, data, kClipOutput);
 }
 
 QListWidget* mainList(MainWindow& window)

@@ -27,9 +27,6 @@ bool writeSmallClip(const QString& path);
 // A still grey clip of `frames` frames at width x height; long clips keep a job busy.
 bool writeStillClip(const QString& path, int width, int height, int frames);
 
-// Random noise frames: a map that compresses badly, for writes that need many bytes.
-bool writeNoiseClip(const QString& path, int width, int height, int frames);
-
 QListWidget* mainList(MainWindow& window);
 QAction* action(MainWindow& window, const char* objectName);
 Tremora* jobAt(QListWidget* list, int row);
