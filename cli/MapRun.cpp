@@ -76,6 +76,20 @@ private:
     AtomicCounter& m_pairs;
 };
 
+// A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
+QImage imageOf(const cv::Mat& matrix, int type, QImage::Format format)
+{
+    if (matrix.empty() || matrix.type() != type)
+        return {};
+    QImage image(matrix.cols, matrix.rows, format);
+    if (image.isNull())
+        return {};
+    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
+    for (int y = 0; y < matrix.rows; ++y)
+        std::memcpy(image.scanLine(y), matrix.ptr(y), rowBytes);
+    return image;
+}
+
 bool existsOrDangles(const QString& path)
 {
     const QFileInfo info(path);
@@ -257,26 +271,12 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
 
 QImage countsImage(const cv::Mat& motionCount)
 {
-    if (motionCount.empty() || motionCount.type() != CV_8UC1)
-        return {};
-    QImage image(motionCount.cols, motionCount.rows, QImage::Format_Grayscale8);
-    if (image.isNull())
-        return {};
-    for (int y = 0; y < motionCount.rows; ++y)
-        std::memcpy(image.scanLine(y), motionCount.ptr(y), static_cast<size_t>(motionCount.cols));
-    return image;
+    return imageOf(motionCount, CV_8UC1, QImage::Format_Grayscale8);
 }
 
 QImage backgroundImage(const cv::Mat& background)
 {
-    if (background.empty() || background.type() != CV_8UC3)
-        return {};
-    QImage image(background.cols, background.rows, QImage::Format_RGB888);
-    if (image.isNull())
-        return {};
-    for (int y = 0; y < background.rows; ++y)
-        std::memcpy(image.scanLine(y), background.ptr(y), static_cast<size_t>(background.cols) * 3);
-    return image;
+    return imageOf(background, CV_8UC3, QImage::Format_RGB888);
 }
 
 } // namespace MapRun

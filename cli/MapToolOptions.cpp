@@ -157,9 +157,11 @@ Progress (on standard error):
 
 Exit status:
   0    Every map was written.
-  1    At least one input failed: the video could not be opened ("Can't open
-       video file '...'"), a file could not be written ("Can't save image file
-       '...'"), an output file exists, or two inputs would write one file.
+  1    At least one input failed: its video could not be opened
+         Can't open video file '...'
+       or one of its files could not be written
+         Can't save image file '...'
+       or one of its files exists, or an earlier input writes the same file.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value, no VIDEO.
   130  Interrupted by SIGINT (Ctrl+C); 143 for SIGTERM. The running analyses
