@@ -1,0 +1,189 @@
+#include "MapToolOptions.h"
+
+#include <QtTest>
+
+namespace {
+
+constexpr int kCores = 6;
+
+ParsedCommandLine parse(const QStringList& arguments, int cores = kCores)
+{
+    return MapToolCommandLine::parse(QStringList{QStringLiteral("tremora-map")} + arguments, cores);
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(ParsedCommandLine::Action)
+
+class MapToolOptionsTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void oneVideoGetsTheDefaults();
+    void everyLongOptionIsRead();
+    void shortAndEqualsFormsAreRead();
+    void videosKeepTheirOrderAndOptionsMayFollowThem();
+    void doubleDashEndsTheOptions();
+    void jobsZeroMeansOnePerCore();
+    void usageErrorsAreRefused_data();
+    void usageErrorsAreRefused();
+    void helpAndVersionWorkAlone_data();
+    void helpAndVersionWorkAlone();
+    void unknownOptionIsAnErrorEvenBesideHelp();
+    void helpTextDocumentsEveryOptionTheNamingAndTheExitStatus();
+    void versionTextNamesToolAndVersion();
+};
+
+void MapToolOptionsTest::oneVideoGetsTheDefaults()
+{
+    const ParsedCommandLine parsed = parse({"clip.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    const MapToolOptions& o = parsed.options;
+    QCOMPARE(o.videos, QStringList{"clip.mp4"});
+    QVERIFY(o.outputDir.isEmpty());
+    QCOMPARE(o.format, QStringLiteral("png"));
+    QCOMPARE(o.jobs, 2);
+    QVERIFY(!o.counts);
+    QVERIFY(!o.background);
+    QVERIFY(o.blur);
+    QVERIFY(!o.overwrite);
+    QVERIFY(!o.quiet);
+}
+
+void MapToolOptionsTest::everyLongOptionIsRead()
+{
+    const ParsedCommandLine parsed = parse({"--output-dir", "/out", "--format", "jpg", "--jobs", "3", "--counts",
+                                            "--background", "--no-blur", "--overwrite", "--quiet", "a.mp4", "b.avi"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    const MapToolOptions& o = parsed.options;
+    QCOMPARE(o.outputDir, QStringLiteral("/out"));
+    QCOMPARE(o.format, QStringLiteral("jpg"));
+    QCOMPARE(o.jobs, 3);
+    QVERIFY(o.counts);
+    QVERIFY(o.background);
+    QVERIFY(!o.blur);
+    QVERIFY(o.overwrite);
+    QVERIFY(o.quiet);
+    QCOMPARE(o.videos, (QStringList{"a.mp4", "b.avi"}));
+}
+
+void MapToolOptionsTest::shortAndEqualsFormsAreRead()
+{
+    const ParsedCommandLine shortForms = parse({"-o", "maps", "-f", "bmp", "-j", "1", "-q", "clip.mp4"});
+    QCOMPARE(shortForms.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(shortForms.options.outputDir, QStringLiteral("maps"));
+    QCOMPARE(shortForms.options.format, QStringLiteral("bmp"));
+    QCOMPARE(shortForms.options.jobs, 1);
+    QVERIFY(shortForms.options.quiet);
+
+    const ParsedCommandLine equalsForms = parse({"--format=jpg", "--jobs=4", "--output-dir=x", "clip.mp4"});
+    QCOMPARE(equalsForms.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(equalsForms.options.format, QStringLiteral("jpg"));
+    QCOMPARE(equalsForms.options.jobs, 4);
+    QCOMPARE(equalsForms.options.outputDir, QStringLiteral("x"));
+}
+
+void MapToolOptionsTest::videosKeepTheirOrderAndOptionsMayFollowThem()
+{
+    const ParsedCommandLine parsed = parse({"c.mp4", "a.mp4", "--format", "jpg", "b.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.videos, (QStringList{"c.mp4", "a.mp4", "b.mp4"}));
+    QCOMPARE(parsed.options.format, QStringLiteral("jpg"));
+}
+
+void MapToolOptionsTest::doubleDashEndsTheOptions()
+{
+    const ParsedCommandLine parsed = parse({"--quiet", "--", "-odd.mp4", "--counts"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.videos, (QStringList{"-odd.mp4", "--counts"}));
+    QVERIFY(!parsed.options.counts);
+    QVERIFY(parsed.options.quiet);
+}
+
+void MapToolOptionsTest::jobsZeroMeansOnePerCore()
+{
+    QCOMPARE(parse({"--jobs", "0", "clip.mp4"}, 7).options.jobs, 7);
+    QCOMPARE(parse({"--jobs", "0", "clip.mp4"}, 1).options.jobs, 1);
+    // A system that cannot tell its cores still gets one file at a time.
+    QCOMPARE(parse({"--jobs", "0", "clip.mp4"}, 0).options.jobs, 1);
+}
+
+void MapToolOptionsTest::usageErrorsAreRefused_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("no video") << QStringList{};
+    QTest::newRow("options but no video") << QStringList{"--counts", "--format", "png"};
+    QTest::newRow("unknown long option") << QStringList{"--colour", "clip.mp4"};
+    QTest::newRow("unknown short option") << QStringList{"-x", "clip.mp4"};
+    QTest::newRow("format without value") << QStringList{"clip.mp4", "--format"};
+    QTest::newRow("jobs without value") << QStringList{"clip.mp4", "--jobs"};
+    QTest::newRow("output dir without value") << QStringList{"clip.mp4", "--output-dir"};
+    QTest::newRow("unknown format") << QStringList{"--format", "gif", "clip.mp4"};
+    QTest::newRow("format in capitals") << QStringList{"--format", "PNG", "clip.mp4"};
+    QTest::newRow("format with a dot") << QStringList{"--format", ".png", "clip.mp4"};
+    QTest::newRow("negative jobs") << QStringList{"--jobs", "-1", "clip.mp4"};
+    QTest::newRow("jobs not a number") << QStringList{"--jobs", "two", "clip.mp4"};
+    QTest::newRow("jobs a fraction") << QStringList{"--jobs", "1.5", "clip.mp4"};
+    QTest::newRow("jobs empty") << QStringList{"--jobs=", "clip.mp4"};
+    QTest::newRow("output dir empty") << QStringList{"--output-dir=", "clip.mp4"};
+    QTest::newRow("no-blur with a value") << QStringList{"--no-blur=yes", "clip.mp4"};
+}
+
+void MapToolOptionsTest::usageErrorsAreRefused()
+{
+    QFETCH(QStringList, arguments);
+    const ParsedCommandLine parsed = parse(arguments);
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY(!parsed.error.trimmed().isEmpty());
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+}
+
+void MapToolOptionsTest::helpAndVersionWorkAlone_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<ParsedCommandLine::Action>("action");
+    QTest::newRow("--help") << QStringList{"--help"} << ParsedCommandLine::Action::ShowHelp;
+    QTest::newRow("-h") << QStringList{"-h"} << ParsedCommandLine::Action::ShowHelp;
+    QTest::newRow("--help with a bad format") << QStringList{"--format", "gif", "--help"} << ParsedCommandLine::Action::ShowHelp;
+    QTest::newRow("--help before --version") << QStringList{"--version", "--help"} << ParsedCommandLine::Action::ShowHelp;
+    QTest::newRow("--version") << QStringList{"--version"} << ParsedCommandLine::Action::ShowVersion;
+    QTest::newRow("-v") << QStringList{"-v"} << ParsedCommandLine::Action::ShowVersion;
+    QTest::newRow("--version with videos") << QStringList{"clip.mp4", "--version"} << ParsedCommandLine::Action::ShowVersion;
+}
+
+void MapToolOptionsTest::helpAndVersionWorkAlone()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(ParsedCommandLine::Action, action);
+    QCOMPARE(parse(arguments).action, action);
+}
+
+void MapToolOptionsTest::unknownOptionIsAnErrorEvenBesideHelp()
+{
+    const ParsedCommandLine parsed = parse({"--help", "--colour"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY(parsed.error.contains(QStringLiteral("colour")));
+}
+
+void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
+{
+    const QString help = MapToolCommandLine::helpText();
+    QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
+    for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
+                               "--no-blur", "--overwrite", "--quiet", "--help", "--version"})
+        QVERIFY2(help.contains(QLatin1String(option)), option);
+    for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
+                             "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
+                             "Examples:", "parallel tremora-map --jobs 1 ::: *.mp4"})
+        QVERIFY2(help.contains(QLatin1String(text)), text);
+    for (const QString& line : help.split(QLatin1Char('\n')))
+        QVERIFY2(line.size() <= 80, qPrintable(line));
+}
+
+void MapToolOptionsTest::versionTextNamesToolAndVersion()
+{
+    QCOMPARE(MapToolCommandLine::versionText(), QStringLiteral("tremora-map 1.0.8"));
+}
+
+QTEST_GUILESS_MAIN(MapToolOptionsTest)
+#include "MapToolOptionsTest.moc"

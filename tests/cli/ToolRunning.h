@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+// Runs the real tremora-map executable (its path comes from the build) and generates clips
+// for it. Test thread only.
+namespace ToolRunning {
+
+struct Result {
+    bool finished = false;  // ended by itself within the time limit
+    bool crashed = false;   // ended by a signal
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// Starts tremora-map with `arguments`, waits up to `timeoutMs` and collects both streams.
+Result run(const QStringList& arguments, int timeoutMs = 60000);
+
+// A testsrc clip (moving colour bars and a counter), lossless FFV1, `frames` frames at 25/s;
+// `filter` is appended to the source's filter chain when given (for example ",noise=...").
+bool makeClip(const QString& path, int frames, const QString& size = QStringLiteral("96x64"),
+              const QString& filter = QString());
+
+QByteArray readAll(const QString& path);
+
+} // namespace ToolRunning
