@@ -145,7 +145,8 @@ void MapExportTest::initTestCase()
     m_longClip = m_clips.filePath("long.mkv");
     m_wideClip = m_clips.filePath("wide.mkv");
     QVERIFY(writeSmallClip(m_smallClip));
-    QVERIFY(writeStillClip(m_longClip, 320, 240, 5000));
+    // Long enough to keep a job busy for several seconds while a test saves its map.
+    QVERIFY(writeStillClip(m_longClip, 320, 240, 20000));
     QVERIFY(writeStillClip(m_wideClip, 160, 120, 4));
 }
 
