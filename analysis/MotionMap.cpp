@@ -4,6 +4,9 @@
 
 namespace {
 
+// 96 dots per inch in the dots per metre that image files record.
+constexpr int kDotsPerMeter96Dpi = 3780;
+
 using ColorTable = std::array<unsigned char, 256>;
 
 // The scale is piecewise linear with slope 4 per step; the odd offsets of the red rise and
@@ -101,6 +104,9 @@ QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
     QImage map(background.cols, background.rows, QImage::Format_RGB888);
     if (map.isNull())
         return {};
+    // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
+    map.setDotsPerMeterX(kDotsPerMeter96Dpi);
+    map.setDotsPerMeterY(kDotsPerMeter96Dpi);
     for (int y = 0; y < background.rows; ++y)
         renderRow(motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y), background.cols);
     return map;

@@ -241,9 +241,8 @@ private:
 
     int exitStatus() const
     {
-        const int signalNumber = m_cancel.load(std::memory_order_relaxed);
-        if (signalNumber != 0)
-            return MapRun::kExitSignalBase + signalNumber;
+        if (m_cancel.load(std::memory_order_relaxed) != 0)
+            return MapRun::kExitInterrupted;
         return m_failures > 0 ? MapRun::kExitFailure : MapRun::kExitSuccess;
     }
 

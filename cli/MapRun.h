@@ -17,8 +17,9 @@ namespace MapRun {
 constexpr int kExitSuccess = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-// Added to the number of the signal that canceled the run: 130 for SIGINT.
-constexpr int kExitSignalBase = 128;
+// Canceled by SIGINT or SIGTERM: the shell's status for an interrupted command, whichever
+// of the two asked, so scripts test one value.
+constexpr int kExitInterrupted = 130;
 
 // Analyses the planned inputs, options.jobs files at once on a pool of its own, in the order
 // given, and writes each one's files as soon as its pass finishes. Inputs with a planning
@@ -27,7 +28,7 @@ constexpr int kExitSignalBase = 128;
 // `cancel` non-zero (a signal number) cancels: running passes stop after their current frame
 // pair, waiting ones do not open their file, and nothing more is written; files already
 // written stay. Returns the exit status: kExitSuccess when every map was written,
-// kExitSignalBase + `cancel` when canceled, kExitFailure otherwise.
+// kExitInterrupted when canceled, kExitFailure otherwise.
 // Blocks until every pass has ended. Call from one thread at a time.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
         ProgressOutput& output, const std::atomic<int>& cancel);

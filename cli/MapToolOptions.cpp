@@ -164,7 +164,7 @@ Exit status:
        or one of its files exists, or an earlier input writes the same file.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value, no VIDEO.
-  130  Interrupted by SIGINT (Ctrl+C); 143 for SIGTERM. The running analyses
+  130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second
        signal ends the program at once.
 

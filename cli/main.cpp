@@ -20,9 +20,6 @@ int terminalWidth(int fd)
 // No display is needed: the core application is enough to find the image format plugins.
 int main(int argc, char** argv)
 {
-    // Images record the resolution of the screen they were made for. Without a screen, that
-    // of a 96-dpi one, as the window has on the usual desktop: the files are then the same.
-    QCoreApplication::setAttribute(Qt::AA_Use96Dpi);
     QCoreApplication application(argc, argv);
     CancelSignals::install();
 

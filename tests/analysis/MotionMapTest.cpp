@@ -151,6 +151,15 @@ private slots:
         QVERIFY(!MotionMap::render(counts, background).isNull());
     }
 
+    void mapRecords96DpiWhateverTheScreen()
+    {
+        const cv::Mat counts(4, 4, CV_8UC1, cv::Scalar(1));
+        const cv::Mat background(4, 4, CV_8UC3, cv::Scalar(0, 0, 0));
+        const QImage map = MotionMap::render(counts, background);
+        QCOMPARE(map.dotsPerMeterX(), 3780);
+        QCOMPARE(map.dotsPerMeterY(), 3780);
+    }
+
     void renderMatchesReferenceOnRandomInput()
     {
         std::mt19937 random(7);

@@ -419,7 +419,7 @@ void TremoraMapTest::interruptCancelsTheRunningFileAndKeepsEarlierMaps()
     QVERIFY(process.waitForFinished(kSignalTimeoutMs));
     err += process.readAllStandardError();
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), 128 + signalNumber);
+    QCOMPARE(process.exitCode(), 130);
     QVERIFY2(err.contains(clip("long.mkv").toUtf8() + ": canceled\n"), err.constData());
     QVERIFY(err.contains(clip("clip.part1.mkv").toUtf8() + ": canceled\n"));
     // The earlier file's map and counts are exactly as written; nothing else is there.
