@@ -16,10 +16,10 @@ ff() {
   ffmpeg -hide_banner -loglevel error -nostdin -y "$@"
 }
 
-# Moving test pattern at ten frames a second and a tiny size, for SECONDS seconds.
+# A turning test pattern at ten frames a second and a tiny size, for SECONDS seconds.
 scene() {
   local size=$1 seconds=$2
-  echo "-f lavfi -i testsrc2=size=${size}:rate=10:duration=${seconds}"
+  echo "-f lavfi -i testsrc2=size=${size}:rate=10:duration=${seconds},rotate=angle=t"
 }
 
 seed() {
