@@ -51,6 +51,7 @@ private slots:
         QVERIFY(QDir().mkpath(m_dir.filePath("damaged")));
         for (const QString& seed : m_seeds) {
             const std::vector<Input> copies = damagedCopies(seed, m_dir.filePath("damaged"));
+            // Ten cuts, ten copies with flipped bytes and one with its header zeroed.
             QCOMPARE(int(copies.size()), 21);
             m_damaged.insert(m_damaged.end(), copies.begin(), copies.end());
         }
