@@ -31,7 +31,4 @@ if(TREMORA_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
                       -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
-  # The fuzz target links the analysis core, which is defined after this file is read: its
-  # file is read once the top-level CMakeLists.txt is through.
-  cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL include ${CMAKE_SOURCE_DIR}/fuzz/CMakeLists.txt)
 endif()
