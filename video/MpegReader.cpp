@@ -21,6 +21,10 @@ struct MpegReaderState {
     int64_t lastDts = AV_NOPTS_VALUE;
     // Converts pictures without an 8-bit luma plane to grey; kept while format and size stay.
     SwsContextPtr grayScaler;
+    // The input has ended and the decoder is giving what it still holds.
+    bool draining = false;
+    // No picture will come any more.
+    bool finished = false;
 };
 
 namespace {
@@ -61,13 +65,16 @@ int firstVideoStream(const AVFormatContext& context)
     return -1;
 }
 
-bool openDecoder(MpegReaderState& state)
+bool openDecoder(MpegReaderState& state, int threads)
 {
     const AVStream* stream = state.formatContext->streams[state.streamIndex];
     state.codecContext.reset(avcodec_alloc_context3(nullptr));
     if (!state.codecContext || avcodec_parameters_to_context(state.codecContext.get(), stream->codecpar) < 0)
         return false;
     state.codecContext->pkt_timebase = stream->time_base;
+    // Frame threads where the codec has them, slice threads otherwise.
+    state.codecContext->thread_count = threads;
+    state.codecContext->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
     state.codec = avcodec_find_decoder(state.codecContext->codec_id);
     if (!state.codec)
         return false;
@@ -95,25 +102,57 @@ bool sendNextPacket(MpegReaderState& state)
     return true;
 }
 
-// The next picture of the chosen stream, null at the end of input. The decoder is never
-// drained: pictures it holds back when the input ends are not returned.
+bool usesFrameThreads(const MpegReaderState& state)
+{
+    return (state.codecContext->active_thread_type & FF_THREAD_FRAME) != 0;
+}
+
+// A decoder on several threads hands out each picture one call later per extra thread, so
+// at the end of input it still holds pictures that packets of the file have completed.
+// Draining releases those, marked with the dts of their packet, and then the pictures that
+// any decoder holds back for reordering, which carry no dts: the first of those ends the
+// video, so that the pictures are the same as with one thread.
+bool completedByAPacket(const AVFrame& picture)
+{
+    return picture.pkt_dts != AV_NOPTS_VALUE;
+}
+
+// The next picture of the chosen stream, null at the end of input. Pictures the decoder
+// holds back for reordering when the input ends are not returned.
 FramePtr nextPicture(MpegReaderState& state)
 {
-    FramePtr picture(av_frame_alloc());
+    FramePtr picture(state.finished ? nullptr : av_frame_alloc());
     while (picture) {
         const int received = avcodec_receive_frame(state.codecContext.get(), picture.get());
         // A finished picture, completed by the packet sent last.
-        if (received >= 0)
+        if (received >= 0 && (!state.draining || completedByAPacket(*picture)))
             return picture;
-        // The decoder has been drained; nothing will come any more.
-        if (received == AVERROR_EOF)
-            return nullptr;
+        // The decoder has been drained, or has come to the pictures held for reordering.
+        if (received >= 0 || received == AVERROR_EOF)
+            break;
+        // Draining goes on past a picture that failed to decode.
+        if (state.draining)
+            continue;
         // EAGAIN: the decoder needs more input. Any other error is a broken packet that the
         // decoder has dropped: go on with the next one.
-        if (!sendNextPacket(state))
-            return nullptr;
+        if (sendNextPacket(state))
+            continue;
+        // The end of input: only a decoder on several threads has pictures left to give.
+        if (!usesFrameThreads(state))
+            break;
+        avcodec_send_packet(state.codecContext.get(), nullptr);
+        state.draining = true;
     }
+    state.finished = true;
     return nullptr;
+}
+
+// A decoder working on several pictures at once hands out a picture some packets after the
+// one that completed it; it records that packet's dts in the picture.
+int64_t completingDts(const MpegReaderState& state, const AVFrame& picture)
+{
+    const bool frameThreads = (state.codecContext->active_thread_type & FF_THREAD_FRAME) != 0;
+    return frameThreads ? picture.pkt_dts : state.lastDts;
 }
 
 double secondsOf(int64_t timestamp, AVRational timeBase)
@@ -125,6 +164,16 @@ double secondsOf(int64_t timestamp, AVRational timeBase)
 } // namespace
 
 MpegReader::MpegReader() = default;
+
+void MpegReader::setDecoderThreads(int threads)
+{
+    m_decoderThreads = threads < 0 ? 1 : threads;
+}
+
+int MpegReader::decoderThreads() const
+{
+    return m_decoderThreads;
+}
 
 MpegReader::~MpegReader()
 {
@@ -147,7 +196,7 @@ bool MpegReader::open(const char* url)
     m_state->streamIndex = firstVideoStream(*context);
     if (m_state->streamIndex < 0)
         return false;
-    return openDecoder(*m_state);
+    return openDecoder(*m_state, m_decoderThreads);
 }
 
 MpegFrame* MpegReader::read(bool clone)
@@ -164,7 +213,7 @@ MpegFrame* MpegReader::read(bool clone)
     auto* frame = new MpegFrame(picture.release(), &scaler);
     m_state->grayScaler.reset(scaler);
     const AVStream* stream = m_state->formatContext->streams[m_state->streamIndex];
-    frame->m_time = secondsOf(m_state->lastDts, stream->time_base);
+    frame->m_time = secondsOf(completingDts(*m_state, *frame->avFrame()), stream->time_base);
     ++m_processedFrameCount;
     return frame;
 }

@@ -24,6 +24,13 @@ public:
     MpegReader(const MpegReader&) = delete;
     MpegReader& operator=(const MpegReader&) = delete;
 
+    // Threads the decoder of the next open() may use: 1 (the default) decodes on the thread
+    // calling read(); more let it decode several pictures (or slices of one) at once; 0 lets
+    // FFmpeg choose from the number of cores. Decoding several pictures at once holds back
+    // one more picture per extra thread at the end of input, where the decoder is not drained.
+    void setDecoderThreads(int threads);
+    int decoderThreads() const;
+
     // Closes the previous file, then opens `url` (a UTF-8 file path) and readies the decoder
     // of its first video stream. False when the file cannot be opened or probed, has no
     // video stream, or its decoder is missing or does not open; FFmpeg's log tells why.
@@ -31,8 +38,9 @@ public:
 
     // The next decoded picture of the chosen stream, owned by the caller; null at the end of
     // input, on a read error, and when no decoder is ready. With `clone` the picture's
-    // pixels are the caller's own (they may be overwritten); without, they belong to the
-    // decoder and must only be read. Pictures the decoder still holds back at the end of
+    // pixels are the caller's own (they may be overwritten); without, they are shared with
+    // the decoder and must only be read, and no pixel is copied. Either kind stays valid after
+    // later reads and after close(). Pictures the decoder still holds back at the end of
     // input are not returned.
     MpegFrame* read(bool clone);
 
@@ -61,4 +69,5 @@ public:
 
 private:
     std::unique_ptr<MpegReaderState> m_state;
+    int m_decoderThreads = 1;
 };

@@ -189,6 +189,10 @@ private slots:
     void openingTwiceReleasesFirstFile();
 
     void delayingDecoderReturnsFewerPicturesThanClipHolds();
+    void decoderThreadsDefaultToOne();
+    void severalDecoderThreadsGiveThePicturesAndTimesOfOne_data();
+    void severalDecoderThreadsGiveThePicturesAndTimesOfOne();
+    void picturesReadWithoutCloneStayValidAfterLaterReadsAndClose();
     void motionJpegReturnsEveryPicture();
     void clonedPictureIsWritableAndIndependentOfDecoder();
 
@@ -513,6 +517,98 @@ void MpegReaderTest::delayingDecoderReturnsFewerPicturesThanClipHolds()
 {
     const int pictures = countPictures(makeDelayedClip());
     QVERIFY2(pictures > 0 && pictures < kDelayedClipPictures, qPrintable(QString("%1 pictures").arg(pictures)));
+}
+
+void MpegReaderTest::decoderThreadsDefaultToOne()
+{
+    MpegReader reader;
+    QCOMPARE(reader.decoderThreads(), 1);
+    reader.setDecoderThreads(3);
+    QCOMPARE(reader.decoderThreads(), 3);
+    reader.setDecoderThreads(0);
+    QCOMPARE(reader.decoderThreads(), 0);
+    reader.setDecoderThreads(-2);
+    QCOMPARE(reader.decoderThreads(), 1);
+}
+
+namespace {
+
+struct Picture {
+    QByteArray luma;
+    double time;
+};
+
+std::vector<Picture> readAll(const QString& path, int threads)
+{
+    MpegReader reader;
+    reader.setDecoderThreads(threads);
+    std::vector<Picture> pictures;
+    if (!reader.open(path.toUtf8().constData()))
+        return pictures;
+    while (const FramePtr frame{reader.read(false)})
+        pictures.push_back({lumaOf(*frame), frame->m_time});
+    return pictures;
+}
+
+} // namespace
+
+void MpegReaderTest::severalDecoderThreadsGiveThePicturesAndTimesOfOne_data()
+{
+    QTest::addColumn<QString>("clip");
+    QTest::addColumn<int>("threads");
+    // B-pictures (reordering delay), P-pictures only, MPEG-4 part 2, and slices.
+    for (const int threads : {2, 3, 0}) {
+        QTest::addRow("bframes %d", threads) << makeDelayedClip() << threads;
+        QTest::addRow("motion %d", threads) << m_motionClip << threads;
+        QTest::addRow("mpeg4 %d", threads) << path("mpeg4.avi") << threads;
+        QTest::addRow("slices %d", threads) << path("slices.mp4") << threads;
+    }
+}
+
+void MpegReaderTest::severalDecoderThreadsGiveThePicturesAndTimesOfOne()
+{
+    QFETCH(QString, clip);
+    QFETCH(int, threads);
+    QString error;
+    if (clip.endsWith("mpeg4.avi") && !QFile::exists(clip))
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=25", "-frames:v", "30",
+                                         "-c:v", "mpeg4", "-bf", "2", clip},
+                                        &error),
+                 qPrintable(error));
+    if (clip.endsWith("slices.mp4") && !QFile::exists(clip))
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=96x64:rate=25", "-frames:v", "30",
+                                         "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast",
+                                         "-x264-params", "slices=4", clip},
+                                        &error),
+                 qPrintable(error));
+    const std::vector<Picture> one = readAll(clip, 1);
+    const std::vector<Picture> several = readAll(clip, threads);
+    QVERIFY(one.size() >= 20);
+    QCOMPARE(several.size(), one.size());
+    for (size_t i = 0; i < one.size(); ++i) {
+        QVERIFY2(several[i].luma == one[i].luma, qPrintable(QString("picture %1").arg(i)));
+        QCOMPARE(several[i].time, one[i].time);
+    }
+}
+
+void MpegReaderTest::picturesReadWithoutCloneStayValidAfterLaterReadsAndClose()
+{
+    MpegReader kept;
+    MpegReader reference;
+    QVERIFY(kept.open(m_motionClip.toUtf8().constData()));
+    QVERIFY(reference.open(m_motionClip.toUtf8().constData()));
+    std::vector<FramePtr> frames;
+    std::vector<QByteArray> expected;
+    while (FramePtr frame{kept.read(false)}) {
+        frames.push_back(std::move(frame));
+        const FramePtr copy{reference.read(true)};
+        QVERIFY(copy);
+        expected.push_back(lumaOf(*copy));
+    }
+    kept.close();
+    QCOMPARE(frames.size(), size_t(30));
+    for (size_t i = 0; i < frames.size(); ++i)
+        QVERIFY2(lumaOf(*frames[i]) == expected[i], qPrintable(QString("picture %1").arg(i)));
 }
 
 void MpegReaderTest::motionJpegReturnsEveryPicture()
