@@ -1,6 +1,7 @@
 #include "MpegFrame.h"
 
 #include "FfmpegPtr.h"
+#include "RowPadding.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -9,16 +10,7 @@ extern "C" {
 
 namespace {
 
-// swscale's SIMD code writes a few dozen bytes past the last pixel of a row (24 bytes for a
-// 568 pixel wide RGB24 picture), so every conversion lands in rows with this much slack
-// first and only the pixels are copied on.
-constexpr int kRowSlack = 64;
-constexpr int kRowAlignment = 64;
-
-int paddedStride(int rowBytes)
-{
-    return FFALIGN(rowBytes + kRowSlack, kRowAlignment);
-}
+using RowPadding::paddedStride;
 
 // Formats whose first component is luma (or grey) stored as plain integers.
 bool isLumaFirstFormat(const AVPixFmtDescriptor& descriptor)
