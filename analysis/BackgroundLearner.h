@@ -1,19 +1,24 @@
 #pragma once
 
+#include "RgbConverter.h"
+
 #include <opencv2/core/mat.hpp>
 #include <opencv2/video/background_segm.hpp>
 
 class MpegFrame;
 
 // Learns the scene's background from colour frames with the library's Gaussian-mixture
-// model at its default parameters. One object serves one analysis pass; not thread-safe.
+// model at its default parameters. The model allocates its state (about 100 bytes a pixel)
+// on the first frame and frees it with the learner. One object serves one analysis pass;
+// not thread-safe.
 class BackgroundLearner {
 public:
-    // `size` is the video's frame size; the colour buffer is allocated here, once.
-    explicit BackgroundLearner(cv::Size size);
+    BackgroundLearner();
 
-    // Feeds `frame` (of the video's size) to the model as R,G,B, letting the model choose
-    // its own learning rate from its history.
+    // Feeds `frame` to the model as R,G,B (converted with one scaler kept for the whole
+    // video), letting the model choose its own learning rate from its history. A frame that
+    // cannot be converted is fed as black, or as the frame before it, so the model's count
+    // of frames stays in step with the video; a frame without pixels is not fed.
     void learn(const MpegFrame& frame);
     void learn(const cv::Mat& rgbFrame);
 
@@ -25,8 +30,7 @@ public:
 
 private:
     cv::Ptr<cv::BackgroundSubtractorMOG2> m_model;
-    cv::Mat m_rgbBuffer;
-    cv::Mat m_rgb;
+    RgbConverter m_converter;
     cv::Mat m_foreground;
     int m_learntFrames = 0;
 };

@@ -1,29 +1,26 @@
 #include "MotionCounter.h"
 
-#include <opencv2/imgproc.hpp>
+#include "MotionKernels.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <cstring>
 
 namespace {
 
-// Branch-free on purpose: the row loop is the hot path of the whole pass and must stay
-// vectorisable, so the rule is written as selects rather than ifs.
-void countRow(const std::uint8_t* difference, int pairIndex, std::int32_t* lastMotion, std::uint8_t* count, int width)
+constexpr int kRadius = MotionCounter::kBlurSize / 2;
+
+int reflect101(int p, int n)
 {
-    // pairIndex - last >= gap, written so that it cannot overflow.
-    const std::int32_t latestOldMotion = pairIndex - MotionCounter::kNewEventGap;
-    for (int x = 0; x < width; ++x) {
-        const bool moved = difference[x] != 0;
-        const bool newEvent = moved & (lastMotion[x] <= latestOldMotion);
-        count[x] = static_cast<std::uint8_t>(count[x] + static_cast<std::uint8_t>(newEvent));
-        lastMotion[x] = moved ? pairIndex : lastMotion[x];
-    }
+    if (n == 1)
+        return 0;
+    while (p < 0 || p >= n)
+        p = p < 0 ? -p : 2 * n - 2 - p;
+    return p;
 }
 
-void smooth(cv::Mat& frame)
+std::uint8_t thresholdByte(double threshold)
 {
-    const cv::Size kernel(MotionCounter::kBlurSize, MotionCounter::kBlurSize);
-    cv::blur(frame, frame, kernel, cv::Point(-1, -1), cv::BORDER_REFLECT_101);
+    return static_cast<std::uint8_t>(threshold);
 }
 
 } // namespace
@@ -31,26 +28,58 @@ void smooth(cv::Mat& frame)
 MotionCounter::MotionCounter(cv::Size size, bool blur)
     : m_blur(blur)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
-    , m_difference(size, CV_8UC1, cv::Scalar(0))
-    , m_lastMotionFrame(size, CV_32SC1, cv::Scalar(kNeverMoved))
+    , m_previous(size, CV_8UC1, cv::Scalar(0))
+    , m_quiet(size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent))
+    , m_columnSums(blur ? static_cast<size_t>(size.width) + 2 * kRadius : 0)
 {
 }
 
-void MotionCounter::addPair(cv::Mat& previous, cv::Mat& current, int pairIndex, cv::Mat& motionCount)
+void MotionCounter::start(const cv::Mat& firstFrame)
 {
-    if (m_blur) {
-        smooth(current);
-        if (pairIndex == 0)
-            smooth(previous);
+    m_pairs = 0;
+    m_quiet.setTo(cv::Scalar(MotionKernels::kQuietForNewEvent));
+    const int width = m_previous.cols;
+    for (int y = 0; y < m_previous.rows; ++y) {
+        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+        if (m_blur)
+            MotionKernels::meansOf49(columnSums(firstFrame, y), previous, width);
+        else
+            std::memcpy(previous, firstFrame.ptr<std::uint8_t>(y), static_cast<size_t>(width));
     }
-    cv::absdiff(previous, current, m_difference);
-    cv::threshold(m_difference, m_difference, m_threshold, 255.0, cv::THRESH_BINARY);
-    MotionCounting::countEvents(m_difference, pairIndex, m_lastMotionFrame, motionCount);
 }
 
-void MotionCounting::countEvents(const cv::Mat& difference, int pairIndex, cv::Mat& lastMotionFrame, cv::Mat& motionCount)
+void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
 {
-    for (int y = 0; y < difference.rows; ++y)
-        countRow(difference.ptr<std::uint8_t>(y), pairIndex, lastMotionFrame.ptr<std::int32_t>(y),
-                 motionCount.ptr<std::uint8_t>(y), difference.cols);
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    for (int y = 0; y < m_previous.rows; ++y) {
+        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+        std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
+        if (m_blur)
+            MotionKernels::countBlurredRow(columnSums(frame, y), previous, quiet, counts, width, threshold);
+        else
+            MotionKernels::countRow(frame.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
+    }
+    ++m_pairs;
+}
+
+const std::uint16_t* MotionCounter::columnSums(const cv::Mat& frame, int row)
+{
+    const int width = m_previous.cols;
+    const int height = m_previous.rows;
+    std::uint16_t* sums = m_columnSums.data() + kRadius;
+    if (row == 0) {
+        std::fill(m_columnSums.begin(), m_columnSums.end(), std::uint16_t{0});
+        for (int d = -kRadius; d <= kRadius; ++d)
+            MotionKernels::addRow(sums, frame.ptr<std::uint8_t>(reflect101(d, height)), width);
+    } else {
+        MotionKernels::slideRows(sums, frame.ptr<std::uint8_t>(reflect101(row + kRadius, height)),
+                                 frame.ptr<std::uint8_t>(reflect101(row - kRadius - 1, height)), width);
+    }
+    for (int d = 1; d <= kRadius; ++d) {
+        sums[-d] = sums[reflect101(-d, width)];
+        sums[width - 1 + d] = sums[reflect101(width - 1 + d, width)];
+    }
+    return m_columnSums.data();
 }

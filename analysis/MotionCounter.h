@@ -2,49 +2,55 @@
 
 #include <opencv2/core/mat.hpp>
 
-// Per-pixel counting of separate motion events over a sequence of frame pairs. One object
-// serves one analysis pass; not thread-safe, used by the pass's own thread only.
+#include <cstdint>
+#include <vector>
+
+// Per-pixel counting of separate motion events over the frames of a video, fed one frame
+// at a time. Each frame is smoothed (7 x 7 box mean, reflect-101 borders, as cv::blur),
+// compared with the frame before (absolute difference above the threshold, as cv::absdiff
+// and cv::threshold) and counted, row by row in one pass, into buffers of its own: the
+// frames themselves are only read. One object serves one analysis pass; not thread-safe,
+// used by the pass's own thread only.
 class MotionCounter {
 public:
     // Motion at a pixel counts as a new event only if at least this many pairs have passed
     // since the last pair in which that pixel moved; continuous motion counts once.
     static constexpr int kNewEventGap = 51;
-    // Initial "last motion" index, far enough back that the first motion always counts.
-    static constexpr int kNeverMoved = -1000;
     static constexpr int kBlurSize = 7;
     static constexpr double kThresholdBlurred = 20.0;
     static constexpr double kThresholdSharp = 40.0;
 
-    // `size` is the video's frame size; all working matrices are allocated here, once.
+    // `size` is the video's frame size; all working buffers are allocated here, once.
     MotionCounter(cv::Size size, bool blur);
 
-    // Analyses pair `pairIndex` (0, 1, 2, ... in order) of two 8-bit 1-channel frame views
-    // of the video's size, and adds its new events to `motionCount` (8-bit 1-channel, same
-    // size; the count wraps after 255). With blur on, `current` is smoothed in place, and
-    // on pair 0 `previous` too: the current frame is the next pair's previous one, so every
-    // frame is smoothed exactly once.
-    void addPair(cv::Mat& previous, cv::Mat& current, int pairIndex, cv::Mat& motionCount);
+    // Takes the video's first frame (8-bit 1-channel view of the video's size, rows may be
+    // padded) as the picture the next frame is compared with. Starts the pair count anew;
+    // every pixel counts as still for long enough that its next motion is a new event.
+    void start(const cv::Mat& firstFrame);
+
+    // Analyses the pair of the frame given last and `frame` (as for start), adds the pair's
+    // new events to `motionCount` (8-bit 1-channel, the video's size; wraps after 255) and
+    // keeps `frame` for the next pair. Call start() first.
+    void addFrame(const cv::Mat& frame, cv::Mat& motionCount);
 
     double threshold() const { return m_threshold; }
-    // The last pair's thresholded difference: 255 where the frames differ by more than the
-    // threshold, 0 elsewhere.
-    const cv::Mat& difference() const { return m_difference; }
-    const cv::Mat& lastMotionFrame() const { return m_lastMotionFrame; }
+    // Pairs analysed since start().
+    int pairs() const { return m_pairs; }
+    // The picture the next frame is compared with: the last frame, smoothed with blur on.
+    const cv::Mat& previous() const { return m_previous; }
+    // Per pixel, the pairs since its last motion, not counting that pair, up to
+    // kNewEventGap - 1: a motion where this has reached kNewEventGap - 1 is a new event.
+    const cv::Mat& quietPairs() const { return m_quiet; }
 
 private:
+    // The column sums (7 rows each) of row `row` of `frame`, rows 0, 1, 2 ... in turn,
+    // with 3 reflected sums on either side.
+    const std::uint16_t* columnSums(const cv::Mat& frame, int row);
+
     bool m_blur;
     double m_threshold;
-    cv::Mat m_difference;
-    cv::Mat m_lastMotionFrame;
+    int m_pairs = 0;
+    cv::Mat m_previous;
+    cv::Mat m_quiet;
+    std::vector<std::uint16_t> m_columnSums;
 };
-
-namespace MotionCounting {
-
-// The counting rule on its own: for every pixel where `difference` is non-zero, adds one
-// event to `motionCount` (wrapping after 255) if pair `pairIndex` is at least
-// MotionCounter::kNewEventGap pairs after `lastMotionFrame` there, and records the pair as
-// that pixel's last motion. `difference` and `motionCount` are 8-bit 1-channel,
-// `lastMotionFrame` 32-bit signed 1-channel, all of one size; `pairIndex` is 0 or more.
-void countEvents(const cv::Mat& difference, int pairIndex, cv::Mat& lastMotionFrame, cv::Mat& motionCount);
-
-} // namespace MotionCounting

@@ -1,6 +1,6 @@
 #include "MotionPass.h"
 
-#include "BackgroundLearner.h"
+#include "AsyncBackgroundLearner.h"
 #include "FfmpegMutex.h"
 #include "MotionCounter.h"
 #include "MpegFrame.h"
@@ -9,12 +9,33 @@
 #include <QMutexLocker>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <exception>
 #include <memory>
+#include <thread>
 
 namespace {
 
-using FramePtr = std::unique_ptr<MpegFrame>;
+using FramePtr = std::shared_ptr<MpegFrame>;
+
+// Passes running in the process now; the decoder threads of a new pass are sized by it.
+std::atomic<int> runningPasses{0};
+
+class RunningPass {
+public:
+    RunningPass() { m_count = runningPasses.fetch_add(1) + 1; }
+    ~RunningPass() { runningPasses.fetch_sub(1); }
+    int count() const { return m_count; }
+
+private:
+    int m_count;
+};
+
+int cores()
+{
+    return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
+}
 
 bool openLocked(MpegReader& reader, const QByteArray& utf8Path)
 {
@@ -41,7 +62,8 @@ bool fits(const MpegFrame& frame, cv::Size size)
 
 FramePtr readFirstFrame(MpegReader& reader)
 {
-    FramePtr frame(reader.read(true));
+    // Only read, and done with before the next read.
+    FramePtr frame(reader.read(false));
     if (frame && (frame->width() <= 0 || frame->height() <= 0 || !fits(*frame, sizeOf(*frame))))
         frame.reset();
     return frame;
@@ -54,9 +76,11 @@ cv::Size videoSize(const MpegReader& reader, const MpegFrame* firstFrame)
     return {std::max(reader.width(), 0), std::max(reader.height(), 0)};
 }
 
-cv::Mat viewOf(MpegFrame& frame)
+// A read-only view: nothing writes through it.
+cv::Mat viewOf(const MpegFrame& frame)
 {
-    return cv::Mat(frame.height(), frame.width(), CV_8UC1, frame.data(), static_cast<size_t>(frame.step()));
+    return cv::Mat(frame.height(), frame.width(), CV_8UC1, const_cast<std::uint8_t*>(frame.data()),
+                   static_cast<size_t>(frame.step()));
 }
 
 // Reallocates only when the size or type differs; clears in any case.
@@ -77,55 +101,68 @@ public:
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
         , m_counter(size, settings.blur)
-        , m_learner(size)
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
     {
     }
 
-    void run(FramePtr previous)
+    void run(FramePtr first)
     {
+        m_counter.start(viewOf(*first));
+        first.reset();
         for (int pairIndex = 0;;) {
-            FramePtr current = readNextFrame();
-            if (current) {
-                analysePair(*previous, *current, pairIndex);
+            FramePtr current = readNextFrame(pairIndex);
+            const bool endOfVideo = current == nullptr;
+            if (!endOfVideo) {
+                if (!analysePair(std::move(current), pairIndex))
+                    return;
                 ++pairIndex;
             }
-            refresh(pairIndex, current == nullptr);
-            if (m_hooks.cancelRequested() || !current)
+            refresh(pairIndex, endOfVideo);
+            if (m_hooks.cancelRequested() || endOfVideo)
                 return;
-            previous = std::move(current);
         }
     }
 
 private:
+    // Frames are only read (smoothing writes into the counter's own buffers): the counter
+    // is done with a frame before the next read, so it can share the decoder's picture. The
+    // learner, working beside the decoder, gets a copy of its own: a decoder may write a
+    // damaged picture into one it has handed out, and sharing would make the decoder's reuse
+    // of its pictures, and so what damaged pictures show, depend on the learner's timing.
     // A frame of another size than the first (a stream changing its resolution) ends the
     // pass like the end of the video.
-    FramePtr readNextFrame()
+    FramePtr readNextFrame(int pairIndex)
     {
-        FramePtr frame(m_reader.read(true));
+        FramePtr frame(m_reader.read(pairIndex < MotionPass::kLearningPairs));
         m_hooks.positionChanged(m_reader.pos());
         if (frame && !fits(*frame, m_size))
             frame.reset();
         return frame;
     }
 
-    void analysePair(MpegFrame& previous, MpegFrame& current, int pairIndex)
+    // False when the pass was canceled while it waited to learn.
+    bool analysePair(FramePtr current, int pairIndex)
     {
-        // Learn from the frame before smoothing changes its brightness plane.
-        if (pairIndex < MotionPass::kLearningPairs)
-            m_learner.learn(current);
-        cv::Mat previousView = viewOf(previous);
-        cv::Mat currentView = viewOf(current);
-        m_counter.addPair(previousView, currentView, pairIndex, m_motionCount);
+        if (pairIndex < MotionPass::kLearningPairs
+            && !m_learner.learn(current, [this] { return m_hooks.cancelRequested(); }))
+            return false;
+        m_counter.addFrame(viewOf(*current), m_motionCount);
         m_hooks.pairAnalysed();
+        return true;
     }
 
     void refresh(int pairsDone, bool endOfVideo)
     {
         if (pairsDone == 1 || pairsDone == MotionPass::kLearningPairs || endOfVideo) {
-            m_learner.fetchBackground(m_background);
+            // After the last learning pair the model is final: its background is fetched
+            // once more and the model freed, and at the end of the video it is kept as it is.
+            if (pairsDone <= MotionPass::kLearningPairs) {
+                m_learner.fetchBackground(m_background);
+                if (pairsDone == MotionPass::kLearningPairs || endOfVideo)
+                    m_learner.finish();
+            }
             m_hooks.refresh(MotionPassHooks::Refresh::Milestone);
         }
         if (m_updateInterval > 0 && pairsDone % m_updateInterval == 0)
@@ -136,7 +173,7 @@ private:
     const cv::Size m_size;
     const int m_updateInterval;
     MotionCounter m_counter;
-    BackgroundLearner m_learner;
+    AsyncBackgroundLearner m_learner;
     cv::Mat& m_motionCount;
     cv::Mat& m_background;
     MotionPassHooks& m_hooks;
@@ -159,10 +196,19 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const Motio
 
 } // namespace
 
+int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
+{
+    if (requested > 0)
+        return requested;
+    return std::max(cores / std::max(runningPasses, 1), 1);
+}
+
 MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSettings& settings,
                                   cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
 {
+    const RunningPass running;
     MpegReader reader;
+    reader.setDecoderThreads(decoderThreadsFor(settings.decoderThreads, running.count(), cores()));
     FramePtr firstFrame;
     cv::Size size(0, 0);
     if (!hooks.cancelRequested()) {

@@ -23,7 +23,9 @@ public:
     virtual ~MotionPassHooks() = default;
 
     // Polled once before the file is opened, once before the first pair, and once after
-    // every pair (after the refreshes). Any true answer ends the pass as canceled.
+    // every pair (after the refreshes); also about every 20 ms while the pass waits for the
+    // background model, which one pass at a time may hold (another pass is learning).
+    // Any true answer ends the pass as canceled.
     virtual bool cancelRequested() = 0;
     // The matrices are set up (zeroed, at the video's size) and the loop is about to begin.
     virtual void started() = 0;
@@ -41,6 +43,11 @@ struct MotionPassSettings {
     bool blur = true;
     // Pairs between two periodic refreshes; 0 or less means none.
     int updateInterval = 300;
+    // Threads for the video decoder: 1 or more as given (see MpegReader::setDecoderThreads),
+    // 0 to share the cores among the passes running when this one starts. On one thread the
+    // pictures of a damaged video are the same from run to run; on several, FFmpeg's error
+    // concealment depends on the threads' timing, so a damaged video's counts may vary.
+    int decoderThreads = 1;
 };
 
 enum class MotionPassOutcome {
@@ -54,13 +61,19 @@ namespace MotionPass {
 // Frame pairs whose second frame teaches the background model (pairs 0 to 99).
 constexpr int kLearningPairs = 100;
 
+// The decoder threads a pass given `requested` (MotionPassSettings::decoderThreads) uses
+// while `runningPasses` passes (itself included) run on a machine of `cores` cores.
+int decoderThreadsFor(int requested, int runningPasses, int cores);
+
 // Runs the pass over the video at `utf8Path`, writing into `motionCount` (8-bit 1-channel,
 // per-pixel event count, wrapping after 255) and `background` (8-bit 3-channel R,G,B).
 // Both are reset to zero at the video's size before the loop (to 0 x 0 when canceled
 // before opening) and left untouched when the file cannot be opened. The video's size is
 // that of its first frame (the reader's when it yields none). The file is opened and
-// closed under ffmpegMutex; everything else runs unlocked. Blocks until the pass ends.
-// Reentrant: passes over different matrices may run on several threads at once.
+// closed under ffmpegMutex; everything else runs unlocked. Decoding, and learning the
+// background during the first pairs, use threads of their own besides the calling one.
+// Blocks until the pass ends. Reentrant: passes over different matrices may run on several
+// threads at once; their background models take turns (see MotionPassHooks).
 MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,
                       cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks);
 

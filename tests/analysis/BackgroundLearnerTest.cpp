@@ -30,7 +30,7 @@ class BackgroundLearnerTest : public QObject {
 private slots:
     void fetchBeforeLearningLeavesTheBackgroundAsItIs()
     {
-        BackgroundLearner learner(cv::Size(6, 4));
+        BackgroundLearner learner;
         cv::Mat background(4, 6, CV_8UC3, cv::Scalar(0, 0, 0));
         const uchar* data = background.data;
         learner.fetchBackground(background);
@@ -42,7 +42,7 @@ private slots:
 
     void constantSceneBecomesTheBackgroundInItsChannelOrder()
     {
-        BackgroundLearner learner(cv::Size(6, 4));
+        BackgroundLearner learner;
         const cv::Mat scene(4, 6, CV_8UC3, cv::Scalar(10, 120, 230));
         for (int i = 0; i < 5; ++i)
             learner.learn(scene);
@@ -57,7 +57,7 @@ private slots:
     {
         std::mt19937 random(17);
         const cv::Size size(33, 17);
-        BackgroundLearner learner(size);
+        BackgroundLearner learner;
         cv::Ptr<cv::BackgroundSubtractorMOG2> model = cv::createBackgroundSubtractorMOG2();
         cv::Mat mask;
         for (int i = 0; i < 30; ++i) {
@@ -73,7 +73,7 @@ private slots:
 
     void fetchKeepsTheCallersBuffer()
     {
-        BackgroundLearner learner(cv::Size(6, 4));
+        BackgroundLearner learner;
         learner.learn(cv::Mat(4, 6, CV_8UC3, cv::Scalar(1, 2, 3)));
         cv::Mat background(4, 6, CV_8UC3, cv::Scalar(0, 0, 0));
         const uchar* data = background.data;

@@ -1,5 +1,6 @@
 #include "ClipMaking.h"
 #include "MotionCounter.h"
+#include "MotionKernels.h"
 #include "ReferenceMotion.h"
 
 #include <QtTest>
@@ -28,15 +29,16 @@ std::vector<cv::Mat> blinkingPixel(cv::Size size, int frameCount, const std::fun
     return frames;
 }
 
-// Runs the counter over `frames` the way a pass does: the current frame becomes the next
-// pair's previous one, already smoothed.
-cv::Mat countOver(std::vector<cv::Mat> frames, bool blur)
+// Runs the counter over `frames` the way a pass does: the first frame starts it, every
+// later one makes a pair with the frame before.
+cv::Mat countOver(const std::vector<cv::Mat>& frames, bool blur)
 {
     const cv::Size size = frames.front().size();
     MotionCounter counter(size, blur);
     cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+    counter.start(frames.front());
     for (size_t i = 1; i < frames.size(); ++i)
-        counter.addPair(frames[i - 1], frames[i], static_cast<int>(i - 1), counts);
+        counter.addFrame(frames[i], counts);
     return counts;
 }
 
@@ -53,19 +55,34 @@ bool equal(const cv::Mat& a, const cv::Mat& b)
     return a.size() == b.size() && a.type() == b.type() && cv::countNonZero(a != b) == 0;
 }
 
+cv::Mat randomFrame(cv::Size size, cv::RNG& random)
+{
+    cv::Mat frame(size, CV_8UC1);
+    random.fill(frame, cv::RNG::UNIFORM, 0, 256);
+    return frame;
+}
+
+cv::Mat libraryBlur(const cv::Mat& frame)
+{
+    cv::Mat blurred;
+    cv::blur(frame, blurred, cv::Size(7, 7), cv::Point(-1, -1), cv::BORDER_REFLECT_101);
+    return blurred;
+}
+
 } // namespace
 
 class MotionCounterTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void workingMatricesStartAtNeverMoved()
+    void everyPixelStartsStillLongEnoughForItsFirstMotionToCount()
     {
         MotionCounter counter(cv::Size(5, 3), true);
-        QCOMPARE(counter.lastMotionFrame().size(), cv::Size(5, 3));
-        QCOMPARE(counter.lastMotionFrame().type(), CV_32SC1);
-        QCOMPARE(cv::countNonZero(counter.lastMotionFrame() != -1000), 0);
-        QCOMPARE(counter.difference().type(), CV_8UC1);
+        counter.start(cv::Mat(3, 5, CV_8UC1, cv::Scalar(kBackground)));
+        QCOMPARE(counter.quietPairs().size(), cv::Size(5, 3));
+        QCOMPARE(counter.quietPairs().type(), CV_8UC1);
+        QCOMPARE(cv::countNonZero(counter.quietPairs() != MotionCounter::kNewEventGap - 1), 0);
+        QCOMPARE(counter.pairs(), 0);
     }
 
     void firstMotionAtAPixelAlwaysCounts()
@@ -95,103 +112,138 @@ private slots:
         QCOMPARE(int(countOver(frames, false).at<uchar>(1, 2)), 1);
     }
 
-    void lastMotionRecordsThePairOfEveryMotion()
+    void quietPairsCountFromTheLastMotionAndSaturate()
     {
-        const auto frames = blinkingPixel(cv::Size(5, 3), 12, [](int i) { return i == 3 || i == 10; });
+        // Motion in pairs 2, 3, 9 and 10; then one pair without.
+        const auto frames = blinkingPixel(cv::Size(5, 3), 13, [](int i) { return i == 3 || i == 10; });
         MotionCounter counter(cv::Size(5, 3), false);
         cv::Mat counts(3, 5, CV_8UC1, cv::Scalar(0));
-        std::vector<cv::Mat> copies(frames);
-        for (int pair = 0; pair + 1 < int(copies.size()); ++pair)
-            counter.addPair(copies[size_t(pair)], copies[size_t(pair) + 1], pair, counts);
-        // Motion in pairs 2, 3, 9 and 10: the last one is recorded, the rest stays untouched.
-        QCOMPARE(counter.lastMotionFrame().at<int>(1, 2), 10);
-        QCOMPARE(counter.lastMotionFrame().at<int>(0, 0), -1000);
+        counter.start(frames.front());
+        for (size_t i = 1; i + 1 < frames.size(); ++i)
+            counter.addFrame(frames[i], counts);
+        QCOMPARE(counter.pairs(), 11);
+        QCOMPARE(int(counter.quietPairs().at<uchar>(1, 2)), 0);
+        QCOMPARE(int(counter.quietPairs().at<uchar>(0, 0)), MotionCounter::kNewEventGap - 1);
+        counter.addFrame(frames.back(), counts);
+        QCOMPARE(int(counter.quietPairs().at<uchar>(1, 2)), 1);
         QCOMPARE(int(counts.at<uchar>(1, 2)), 1);
     }
 
     void the256thEventWrapsTheCountToZero()
     {
-        cv::Mat moved(1, 2, CV_8UC1, cv::Scalar(255));
-        moved.at<uchar>(0, 1) = 0;
-        cv::Mat lastMotion(1, 2, CV_32SC1, cv::Scalar(-1000));
-        cv::Mat counts(1, 2, CV_8UC1, cv::Scalar(0));
-        for (int event = 0; event < 255; ++event)
-            MotionCounting::countEvents(moved, event * 51, lastMotion, counts);
-        QCOMPARE(int(counts.at<uchar>(0, 0)), 255);
-        MotionCounting::countEvents(moved, 255 * 51, lastMotion, counts);
-        QCOMPARE(int(counts.at<uchar>(0, 0)), 0);
-        MotionCounting::countEvents(moved, 256 * 51, lastMotion, counts);
-        QCOMPARE(int(counts.at<uchar>(0, 0)), 1);
-        QCOMPARE(int(counts.at<uchar>(0, 1)), 0);
+        // The pixel changes every 51 frames: motion in pairs 50, 101, 152 ..., each 51 pairs
+        // after the one before, so each is a new event.
+        const cv::Size size(5, 3);
+        const auto frames = blinkingPixel(size, 2, [](int i) { return i == 1; });
+        MotionCounter counter(size, false);
+        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+        counter.start(frames[0]);
+        const auto frameAt = [&](int i) -> const cv::Mat& { return frames[static_cast<size_t>((i / 51) % 2)]; };
+        const auto countAfterEvents = [&](int events) {
+            while (counter.pairs() < 51 + 51 * (events - 1))
+                counter.addFrame(frameAt(counter.pairs() + 1), counts);
+            return int(counts.at<uchar>(1, 2));
+        };
+        QCOMPARE(countAfterEvents(1), 1);
+        QCOMPARE(countAfterEvents(255), 255);
+        QCOMPARE(countAfterEvents(256), 0);
+        QCOMPARE(countAfterEvents(257), 1);
+        QCOMPARE(cv::countNonZero(counts), 1);
     }
 
-    void withoutBlurTheThresholdIsFortyAndFramesStayUnsmoothed()
+    void withoutBlurTheThresholdIsFortyAndFramesAreOnlyRead()
     {
         MotionCounter counter(cv::Size(8, 8), false);
         QCOMPARE(counter.threshold(), 40.0);
-        cv::Mat previous(8, 8, CV_8UC1, cv::Scalar(100));
+        const cv::Mat previous(8, 8, CV_8UC1, cv::Scalar(100));
         cv::Mat current = previous.clone();
         current.at<uchar>(2, 2) = 140; // differs by exactly 40: not motion
         current.at<uchar>(5, 5) = 141; // differs by 41: motion
+        current.at<uchar>(6, 1) = 59;  // differs by 41 the other way: motion
         const cv::Mat currentBefore = current.clone();
         cv::Mat counts(8, 8, CV_8UC1, cv::Scalar(0));
-        counter.addPair(previous, current, 0, counts);
+        counter.start(previous);
+        counter.addFrame(current, counts);
         QVERIFY(equal(current, currentBefore));
-        QCOMPARE(int(counter.difference().at<uchar>(2, 2)), 0);
-        QCOMPARE(int(counter.difference().at<uchar>(5, 5)), 255);
-        QCOMPARE(cv::countNonZero(counter.difference()), 1);
+        QVERIFY(equal(counter.previous(), current));
         QCOMPARE(int(counts.at<uchar>(5, 5)), 1);
+        QCOMPARE(int(counts.at<uchar>(6, 1)), 1);
+        QCOMPARE(cv::countNonZero(counts), 2);
     }
 
     void withBlurTheThresholdIsTwenty()
     {
         MotionCounter counter(cv::Size(8, 8), true);
         QCOMPARE(counter.threshold(), 20.0);
-        cv::Mat previous(8, 8, CV_8UC1, cv::Scalar(100));
-        cv::Mat exactlyTwenty(8, 8, CV_8UC1, cv::Scalar(120));
-        cv::Mat twentyOne(8, 8, CV_8UC1, cv::Scalar(141));
         cv::Mat counts(8, 8, CV_8UC1, cv::Scalar(0));
-        counter.addPair(previous, exactlyTwenty, 0, counts);
-        QCOMPARE(cv::countNonZero(counter.difference()), 0);
-        counter.addPair(exactlyTwenty, twentyOne, 1, counts);
-        QCOMPARE(cv::countNonZero(counter.difference()), 64);
+        counter.start(cv::Mat(8, 8, CV_8UC1, cv::Scalar(100)));
+        counter.addFrame(cv::Mat(8, 8, CV_8UC1, cv::Scalar(120)), counts);
+        QCOMPARE(cv::countNonZero(counts), 0);
+        counter.addFrame(cv::Mat(8, 8, CV_8UC1, cv::Scalar(141)), counts);
+        QCOMPARE(cv::countNonZero(counts), 64);
     }
 
-    void blurSmoothsTheCurrentFrameInPlaceAndThePreviousOnlyOnPairZero()
+    void framesAreOnlyReadAndTheSmoothedOneIsKept()
     {
-        std::vector<cv::Mat> frames = speckledNoise(cv::Size(33, 17), 3, 5);
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(33, 17), 3, 5);
         const std::vector<cv::Mat> originals = {frames[0].clone(), frames[1].clone(), frames[2].clone()};
         MotionCounter counter(cv::Size(33, 17), true);
         cv::Mat counts(17, 33, CV_8UC1, cv::Scalar(0));
-
-        counter.addPair(frames[0], frames[1], 0, counts);
-        QVERIFY(equal(frames[0], Reference::boxBlur7(originals[0])));
-        QVERIFY(equal(frames[1], Reference::boxBlur7(originals[1])));
-
-        const cv::Mat previousBefore = frames[1].clone();
-        counter.addPair(frames[1], frames[2], 1, counts);
-        QVERIFY(equal(frames[1], previousBefore));
-        QVERIFY(equal(frames[2], Reference::boxBlur7(originals[2])));
+        counter.start(frames[0]);
+        QVERIFY(equal(counter.previous(), Reference::boxBlur7(originals[0])));
+        counter.addFrame(frames[1], counts);
+        QVERIFY(equal(counter.previous(), Reference::boxBlur7(originals[1])));
+        counter.addFrame(frames[2], counts);
+        QVERIFY(equal(counter.previous(), Reference::boxBlur7(originals[2])));
+        for (size_t i = 0; i < frames.size(); ++i)
+            QVERIFY(equal(frames[i], originals[i]));
     }
 
-    void blurIsTheLibrarysBoxFilterWithReflectedBorders()
+    void smoothingIsTheLibrarysBoxFilterAtEverySize_data()
     {
-        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(33, 17), 2, 9);
-        cv::Mat expected;
-        cv::blur(frames[1], expected, cv::Size(7, 7), cv::Point(-1, -1), cv::BORDER_REFLECT_101);
-        QVERIFY(equal(Reference::boxBlur7(frames[1]), expected));
-        cv::Mat current = frames[1].clone();
-        cv::Mat previous = frames[0].clone();
-        cv::Mat counts(17, 33, CV_8UC1, cv::Scalar(0));
-        MotionCounter(cv::Size(33, 17), true).addPair(previous, current, 0, counts);
-        QVERIFY(equal(current, expected));
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        // Every size up to 12 x 12 (narrower and lower than the kernel, where borders reflect
+        // more than once), odd sizes, and rows longer than one vector of any instruction set.
+        for (int width = 1; width <= 12; ++width)
+            for (int height = 1; height <= 12; ++height)
+                QTest::addRow("%dx%d", width, height) << width << height;
+        for (const cv::Size size : {cv::Size(33, 17), cv::Size(65, 9), cv::Size(97, 3), cv::Size(131, 71),
+                                    cv::Size(1, 300), cv::Size(300, 1), cv::Size(321, 241)})
+            QTest::addRow("%dx%d", size.width, size.height) << size.width << size.height;
+    }
+
+    void smoothingIsTheLibrarysBoxFilterAtEverySize()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        cv::RNG random(static_cast<uint64_t>(width * 1000 + height));
+        const cv::Mat frame = randomFrame(cv::Size(width, height), random);
+        MotionCounter counter(frame.size(), true);
+        counter.start(frame);
+        QVERIFY(equal(counter.previous(), libraryBlur(frame)));
+        QVERIFY(equal(counter.previous(), Reference::boxBlur7(frame)));
+    }
+
+    void meanOf49IsRoundedDivisionForEverySum()
+    {
+        // Every sum of 49 bytes, each alone in its window of 7 column sums.
+        constexpr int kLargestSum = 49 * 255;
+        const int sums = kLargestSum + 1;
+        std::vector<std::uint16_t> columnSums(static_cast<size_t>(sums) * 7 + 6, 0);
+        for (int sum = 0; sum < sums; ++sum)
+            columnSums[static_cast<size_t>(sum) * 7] = static_cast<std::uint16_t>(sum);
+        std::vector<std::uint8_t> means(static_cast<size_t>(sums) * 7);
+        MotionKernels::meansOf49(columnSums.data(), means.data(), static_cast<int>(means.size()));
+        for (int sum = 0; sum < sums; ++sum)
+            QCOMPARE(int(means[static_cast<size_t>(sum) * 7]), cvRound(sum / 49.0));
     }
 
     void framesWithPaddedRowsAreReadWithinTheirWidth()
     {
         // Decoded pictures have rows longer than their width; a view over such a buffer
-        // (pointer and row stride, as the pass wraps frames) must neither read the padding
-        // as picture nor smooth into it.
+        // (pointer and row stride, as the pass wraps frames) must not read the padding as
+        // picture.
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(33, 17), 60, 21);
         std::vector<cv::Mat> buffers, views;
         for (const cv::Mat& frame : frames) {
@@ -201,8 +253,25 @@ private slots:
             views.emplace_back(17, 33, CV_8UC1, buffer.data, buffer.step);
         }
         QVERIFY(equal(countOver(views, true), referenceCounts(frames, true)));
+        QVERIFY(equal(countOver(views, false), referenceCounts(frames, false)));
         const cv::Mat padding = buffers[5](cv::Rect(33, 0, 15, 17));
         QCOMPARE(cv::countNonZero(padding != 255), 0);
+    }
+
+    void startingAgainForgetsTheVideoBefore()
+    {
+        const std::vector<cv::Mat> first = speckledNoise(cv::Size(20, 10), 80, 3);
+        const std::vector<cv::Mat> second = speckledNoise(cv::Size(20, 10), 80, 4);
+        MotionCounter counter(cv::Size(20, 10), true);
+        cv::Mat counts(10, 20, CV_8UC1, cv::Scalar(0));
+        counter.start(first.front());
+        for (size_t i = 1; i < first.size(); ++i)
+            counter.addFrame(first[i], counts);
+        counts.setTo(cv::Scalar(0));
+        counter.start(second.front());
+        for (size_t i = 1; i < second.size(); ++i)
+            counter.addFrame(second[i], counts);
+        QVERIFY(equal(counts, referenceCounts(second, true)));
     }
 
     void matchesReferenceOnNoiseAndSpeckle_data()
@@ -212,11 +281,10 @@ private slots:
         QTest::addColumn<bool>("blur");
         for (const bool blur : {true, false}) {
             const char* suffix = blur ? "blurred" : "sharp";
-            QTest::addRow("33x17 %s", suffix) << 33 << 17 << blur;
-            QTest::addRow("1x40 %s", suffix) << 1 << 40 << blur;
-            QTest::addRow("40x1 %s", suffix) << 40 << 1 << blur;
-            QTest::addRow("1x1 %s", suffix) << 1 << 1 << blur;
-            QTest::addRow("64x48 %s", suffix) << 64 << 48 << blur;
+            for (const cv::Size size : {cv::Size(33, 17), cv::Size(1, 40), cv::Size(40, 1), cv::Size(1, 1),
+                                        cv::Size(2, 2), cv::Size(3, 5), cv::Size(7, 7), cv::Size(8, 9),
+                                        cv::Size(64, 48), cv::Size(67, 13)})
+                QTest::addRow("%dx%d %s", size.width, size.height, suffix) << size.width << size.height << blur;
         }
     }
 
@@ -228,10 +296,45 @@ private slots:
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(width, height), 400, 13);
         const cv::Mat expected = referenceCounts(frames, blur);
         QVERIFY(cv::countNonZero(expected) > 0);
-        std::vector<cv::Mat> copies;
-        for (const cv::Mat& frame : frames)
-            copies.push_back(frame.clone());
-        QVERIFY(equal(countOver(copies, blur), expected));
+        QVERIFY(equal(countOver(frames, blur), expected));
+    }
+
+    void matchesTheLibrarysOperationsOnRandomFrames()
+    {
+        // The straightforward pass written with the library: blur, absdiff, threshold and a
+        // per-pixel loop over the last pair of motion, on frames of pure noise.
+        const cv::Size size(71, 23);
+        cv::RNG random(99);
+        MotionCounter counter(size, true);
+        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+        cv::Mat expected(size, CV_8UC1, cv::Scalar(0));
+        cv::Mat lastMotion(size, CV_32SC1, cv::Scalar(-1000));
+        cv::Mat previous = randomFrame(size, random);
+        counter.start(previous);
+        previous = libraryBlur(previous);
+        for (int pair = 0; pair < 200; ++pair) {
+            // Mostly still, with noise in a few places, so that gaps of every length occur.
+            cv::Mat frame = previous.clone();
+            cv::Mat noise = randomFrame(size, random);
+            noise.copyTo(frame, noise > 230);
+            counter.addFrame(frame, counts);
+            const cv::Mat current = libraryBlur(frame);
+            cv::Mat difference;
+            cv::absdiff(previous, current, difference);
+            cv::threshold(difference, difference, 20.0, 255.0, cv::THRESH_BINARY);
+            for (int y = 0; y < size.height; ++y) {
+                for (int x = 0; x < size.width; ++x) {
+                    if (difference.at<uchar>(y, x) == 0)
+                        continue;
+                    if (pair - lastMotion.at<int>(y, x) >= 51)
+                        ++expected.at<uchar>(y, x);
+                    lastMotion.at<int>(y, x) = pair;
+                }
+            }
+            previous = current;
+        }
+        QVERIFY(cv::countNonZero(expected) > 0);
+        QVERIFY(equal(counts, expected));
     }
 };
 

@@ -1,3 +1,4 @@
+#include "AsyncBackgroundLearner.h"
 #include "ClipMaking.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
@@ -60,6 +61,24 @@ private:
     const cv::Mat* m_background;
 };
 
+// Answers true from the given poll on.
+class CancelAfterPolls : public RecordingHooks {
+public:
+    explicit CancelAfterPolls(int polls)
+        : m_polls(polls)
+    {
+    }
+
+    bool cancelRequested() override
+    {
+        RecordingHooks::cancelRequested();
+        return cancelPolls >= m_polls;
+    }
+
+private:
+    int m_polls;
+};
+
 struct PassResult {
     MotionPassOutcome outcome;
     cv::Mat counts;
@@ -67,11 +86,14 @@ struct PassResult {
     int framesRead;
 };
 
-PassResult runPass(const QString& path, RecordingHooks& hooks, bool blur = true, int updateInterval = 300)
+// One decoder thread unless asked: the pictures are then exactly those a plain reader returns.
+PassResult runPass(const QString& path, RecordingHooks& hooks, bool blur = true, int updateInterval = 300,
+                   int decoderThreads = 1)
 {
     PassResult result{MotionPassOutcome::OpenFailed, cv::Mat(), cv::Mat(), 0};
     const int before = MpegReader::m_processedFrameCount.load();
-    result.outcome = MotionPass::run(path.toUtf8(), MotionPassSettings{blur, updateInterval}, result.counts, result.background, hooks);
+    const MotionPassSettings settings{blur, updateInterval, decoderThreads};
+    result.outcome = MotionPass::run(path.toUtf8(), settings, result.counts, result.background, hooks);
     result.framesRead = MpegReader::m_processedFrameCount.load() - before;
     return result;
 }
@@ -95,10 +117,11 @@ struct Decoded {
     std::vector<cv::Mat> rgb;
 };
 
-Decoded decodeAll(const QString& path)
+Decoded decodeAll(const QString& path, int decoderThreads = 1)
 {
     Decoded decoded;
     MpegReader reader;
+    reader.setDecoderThreads(decoderThreads);
     if (!reader.open(path.toUtf8().constData()))
         return decoded;
     while (std::unique_ptr<MpegFrame> frame{reader.read(true)}) {
@@ -110,6 +133,14 @@ Decoded decodeAll(const QString& path)
     }
     reader.close();
     return decoded;
+}
+
+std::shared_ptr<const MpegFrame> firstFrameOf(const QString& path)
+{
+    MpegReader reader;
+    if (!reader.open(path.toUtf8().constData()))
+        return nullptr;
+    return std::shared_ptr<const MpegFrame>(reader.read(true));
 }
 
 // The background a default model learns from the second to the 101st frame.
@@ -474,6 +505,8 @@ private slots:
             QTest::addRow("1x24 %s", suffix) << 1 << 24 << blur;
             QTest::addRow("24x1 %s", suffix) << 24 << 1 << blur;
             QTest::addRow("1x1 %s", suffix) << 1 << 1 << blur;
+            QTest::addRow("3x5 %s", suffix) << 3 << 5 << blur;
+            QTest::addRow("67x9 %s", suffix) << 67 << 9 << blur;
         }
     }
 
@@ -543,6 +576,61 @@ private slots:
         QVERIFY2(differing <= int(result8.counts.total() / 50), qPrintable(QString::number(differing)));
         QVERIFY(cv::norm(result8.counts, result10.counts, cv::NORM_INF) <= 1.0);
         QVERIFY(cv::norm(result8.background, result10.background, cv::NORM_INF) <= 3.0);
+    }
+
+    void decodingOnSeveralThreadsCountsThePicturesItsReaderReturns()
+    {
+        // Frame threads hold pictures back until the end of the video, where the reader
+        // still gives them: the pictures, and so every count, are those of one thread.
+        const QString path = m_dir.filePath("threads.mp4");
+        QString error;
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc2=size=96x64:rate=25:duration=5,noise=alls=20:allf=t",
+                                         "-c:v", "libx264", "-preset", "veryfast", "-bf", "3", "-pix_fmt", "yuv420p", path},
+                                        &error),
+                 qPrintable(error));
+        const Decoded oneThread = decodeAll(path, 1);
+        const Decoded twoThreads = decodeAll(path, 2);
+        QCOMPARE(twoThreads.grey.size(), oneThread.grey.size());
+        RecordingHooks hooks;
+        const PassResult result = runPass(path, hooks, true, 300, 2);
+        QCOMPARE(result.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(hooks.pairs, int(oneThread.grey.size()) - 1);
+        const cv::Mat expected = referenceCounts(oneThread.grey, true);
+        QVERIFY(cv::countNonZero(expected) > 100);
+        QVERIFY(equal(result.counts, expected));
+        QVERIFY(equal(result.background, referenceBackground(oneThread.rgb)));
+    }
+
+    void automaticDecoderThreadsShareTheCores()
+    {
+        QCOMPARE(MotionPass::decoderThreadsFor(0, 1, 2), 2);
+        QCOMPARE(MotionPass::decoderThreadsFor(0, 2, 2), 1);
+        QCOMPARE(MotionPass::decoderThreadsFor(0, 3, 2), 1);
+        QCOMPARE(MotionPass::decoderThreadsFor(0, 2, 8), 4);
+        QCOMPARE(MotionPass::decoderThreadsFor(0, 1, 1), 1);
+        QCOMPARE(MotionPass::decoderThreadsFor(3, 2, 2), 3);
+        QCOMPARE(MotionPass::decoderThreadsFor(1, 1, 8), 1);
+    }
+
+    void passWaitingForTheModelPollsCancelAndEndsCanceled()
+    {
+        // Another learner holds the process's one model: the pass waits before its first
+        // pair, asking for a cancel meanwhile, and stops on one without counting.
+        const QString path = clip(QStringLiteral("waiting.mkv"), speckledNoise(kSize, 20, 5));
+        QVERIFY(!path.isEmpty());
+        AsyncBackgroundLearner holder;
+        QVERIFY(holder.learn(firstFrameOf(path), {}));
+        CancelAfterPolls hooks(10);
+        const PassResult result = runPass(path, hooks);
+        QCOMPARE(result.outcome, MotionPassOutcome::Canceled);
+        QCOMPARE(hooks.pairs, 0);
+        QVERIFY(hooks.cancelPolls >= 10);
+        QCOMPARE(result.framesRead, 2);
+        holder.finish();
+        // With the model free again, the same pass runs through.
+        RecordingHooks free;
+        QCOMPARE(runPass(path, free).outcome, MotionPassOutcome::Finished);
+        QCOMPARE(free.pairs, 19);
     }
 
     void frameSizeChangeEndsThePassLikeTheEndOfTheVideo()

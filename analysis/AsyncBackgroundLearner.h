@@ -1,0 +1,73 @@
+#pragma once
+
+#include <opencv2/core/mat.hpp>
+
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+class BackgroundLearner;
+class MpegFrame;
+
+// A BackgroundLearner on a thread of its own, so that the model learns while the pass goes
+// on decoding and counting; the pass needs the background only at a few milestones.
+//
+// The model's state is large (about 100 bytes a pixel, 200 MB for 1080p), so at most one
+// exists in the process at a time: a learner takes the process-wide model slot before its
+// first frame and gives it back in finish(). A pass whose learner waits for the slot
+// meanwhile does nothing, while the pass holding it uses the cores.
+//
+// All calls come from the one thread that runs the pass; the learner's own thread only
+// learns. Exceptions thrown by the model on the learning thread are thrown again to the
+// pass by learn() and fetchBackground().
+class AsyncBackgroundLearner {
+public:
+    // Frames waiting to be learnt at most; learn() blocks while this many wait. Each holds a
+    // decoded picture.
+    static constexpr int kQueueLength = 2;
+
+    AsyncBackgroundLearner();
+    // As finish(), dropping frames not yet learnt.
+    ~AsyncBackgroundLearner();
+
+    AsyncBackgroundLearner(const AsyncBackgroundLearner&) = delete;
+    AsyncBackgroundLearner& operator=(const AsyncBackgroundLearner&) = delete;
+
+    // Queues `frame` (read-only from now on, kept alive until learnt). Before the first
+    // frame the model slot is taken; while another learner holds it, `canceled` is asked
+    // about every 20 ms, and a true answer gives up: the frame is not queued and the result
+    // is false. True once the frame is queued.
+    bool learn(std::shared_ptr<const MpegFrame> frame, const std::function<bool()>& canceled);
+
+    // Waits until every queued frame has been learnt, then copies the model's background
+    // (8-bit R,G,B) into `background`; leaves it as it is when no frame has been learnt.
+    void fetchBackground(cv::Mat& background);
+
+    // Waits until the queued frames are learnt, ends the thread, frees the model and gives
+    // the slot back. Later calls of learn() start over with a new model; fetchBackground()
+    // then gives nothing until a frame has been learnt again.
+    void finish();
+
+    // Frames learnt by the current model.
+    int learntFrames();
+
+private:
+    void start();
+    void work();
+    void waitUntilLearnt(std::unique_lock<std::mutex>& lock);
+    void rethrowFailure();
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::shared_ptr<const MpegFrame>> m_queue;
+    bool m_busy = false;      // the thread is learning a frame taken off the queue
+    bool m_stopping = false;
+    std::exception_ptr m_failure;
+    std::unique_ptr<BackgroundLearner> m_learner;
+    std::thread m_thread;
+    bool m_holdsSlot = false;
+};

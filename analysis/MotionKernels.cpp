@@ -1,0 +1,162 @@
+#include "MotionKernels.h"
+
+// Built with -O3 (see CMakeLists.txt): the loops below are only fast once vectorised.
+
+namespace MotionKernels {
+namespace {
+
+using std::uint16_t;
+using std::uint32_t;
+using std::uint8_t;
+
+// round(sum / 49) for sum <= 49 * 255 is (sum + 24) / 49, here a multiply by 2^20 / 49,
+// rounded up, and a shift; exact over that range (checked exhaustively by the tests).
+constexpr uint32_t kReciprocal49 = 21400;
+
+inline uint8_t mean49(uint16_t sum)
+{
+    const uint16_t biased = static_cast<uint16_t>(sum + 24);
+    const uint16_t high = static_cast<uint16_t>((static_cast<uint32_t>(biased) * kReciprocal49) >> 16);
+    return static_cast<uint8_t>(high >> 4);
+}
+
+inline uint16_t sum7(const uint16_t* columnSums)
+{
+    return static_cast<uint16_t>(columnSums[0] + columnSums[1] + columnSums[2] + columnSums[3] + columnSums[4]
+                                 + columnSums[5] + columnSums[6]);
+}
+
+inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count, uint8_t threshold)
+{
+    const uint8_t before = previous;
+    const uint8_t difference = static_cast<uint8_t>(current > before ? current - before : before - current);
+    const bool moved = difference > threshold;
+    const uint8_t wasQuiet = quiet;
+    const bool newEvent = moved & (wasQuiet == kQuietForNewEvent);
+    count = static_cast<uint8_t>(count + static_cast<uint8_t>(newEvent));
+    const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
+    quiet = moved ? uint8_t{0} : older;
+    previous = current;
+}
+
+// The loop bodies, inlined into one copy per instruction set below.
+#define TREMORA_KERNEL inline __attribute__((always_inline))
+
+TREMORA_KERNEL void add(uint16_t* __restrict sums, const uint8_t* __restrict row, int width)
+{
+    for (int x = 0; x < width; ++x)
+        sums[x] = static_cast<uint16_t>(sums[x] + row[x]);
+}
+
+TREMORA_KERNEL void slide(uint16_t* __restrict sums, const uint8_t* __restrict entering,
+                          const uint8_t* __restrict leaving, int width)
+{
+    for (int x = 0; x < width; ++x)
+        sums[x] = static_cast<uint16_t>(sums[x] + entering[x] - leaving[x]);
+}
+
+TREMORA_KERNEL void means(const uint16_t* __restrict columnSums, uint8_t* __restrict out, int width)
+{
+    for (int x = 0; x < width; ++x)
+        out[x] = mean49(sum7(columnSums + x));
+}
+
+TREMORA_KERNEL void count(const uint8_t* __restrict current, uint8_t* __restrict previous, uint8_t* __restrict quiet,
+                          uint8_t* __restrict counts, int width, uint8_t threshold)
+{
+    for (int x = 0; x < width; ++x)
+        countPixel(current[x], previous[x], quiet[x], counts[x], threshold);
+}
+
+TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
+                                 uint8_t* __restrict quiet, uint8_t* __restrict counts, int width, uint8_t threshold)
+{
+    for (int x = 0; x < width; ++x)
+        countPixel(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], threshold);
+}
+
+#undef TREMORA_KERNEL
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#define TREMORA_AVX2_DISPATCH 1
+
+__attribute__((target("avx2"))) void addAvx2(uint16_t* sums, const uint8_t* row, int width)
+{
+    add(sums, row, width);
+}
+
+__attribute__((target("avx2"))) void slideAvx2(uint16_t* sums, const uint8_t* entering, const uint8_t* leaving,
+                                              int width)
+{
+    slide(sums, entering, leaving, width);
+}
+
+__attribute__((target("avx2"))) void meansAvx2(const uint16_t* columnSums, uint8_t* out, int width)
+{
+    means(columnSums, out, width);
+}
+
+__attribute__((target("avx2"))) void countAvx2(const uint8_t* current, uint8_t* previous, uint8_t* quiet,
+                                              uint8_t* counts, int width, uint8_t threshold)
+{
+    count(current, previous, quiet, counts, width, threshold);
+}
+
+__attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet,
+                                                     uint8_t* counts, int width, uint8_t threshold)
+{
+    countBlurred(columnSums, previous, quiet, counts, width, threshold);
+}
+
+const bool hasAvx2 = __builtin_cpu_supports("avx2");
+#endif
+
+} // namespace
+
+void addRow(uint16_t* sums, const uint8_t* row, int width)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return addAvx2(sums, row, width);
+#endif
+    add(sums, row, width);
+}
+
+void slideRows(uint16_t* sums, const uint8_t* entering, const uint8_t* leaving, int width)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return slideAvx2(sums, entering, leaving, width);
+#endif
+    slide(sums, entering, leaving, width);
+}
+
+void meansOf49(const uint16_t* columnSums, uint8_t* out, int width)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return meansAvx2(columnSums, out, width);
+#endif
+    means(columnSums, out, width);
+}
+
+void countRow(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts, int width, uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countAvx2(current, previous, quiet, counts, width, threshold);
+#endif
+    count(current, previous, quiet, counts, width, threshold);
+}
+
+void countBlurredRow(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet, uint8_t* counts, int width,
+                     uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countBlurredAvx2(columnSums, previous, quiet, counts, width, threshold);
+#endif
+    countBlurred(columnSums, previous, quiet, counts, width, threshold);
+}
+
+} // namespace MotionKernels

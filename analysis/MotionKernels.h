@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+
+// The per-row arithmetic of the motion count, written as plain loops without branches so
+// that the compiler vectorises them; run with AVX2 where the processor has it. Each function
+// gives the same bytes as the straightforward per-pixel rules. Private to MotionCounter.
+namespace MotionKernels {
+
+// Pairs without motion after which a pixel's motion counts as a new event; the quiet-pair
+// count saturates here.
+constexpr std::uint8_t kQuietForNewEvent = 50;
+
+// sums[x] += row[x] for x in [0, width).
+void addRow(std::uint16_t* sums, const std::uint8_t* row, int width);
+
+// sums[x] += entering[x] - leaving[x]: slides a 7-row column sum down by one row.
+void slideRows(std::uint16_t* sums, const std::uint8_t* entering, const std::uint8_t* leaving, int width);
+
+// A row of 7 x 7 sums is the sum of 7 neighbouring column sums. `columnSums` holds a row's
+// column sums with 3 more on each side (the row's own, reflected around its ends), so the
+// sum for pixel x is columnSums[x] + ... + columnSums[x + 6].
+
+// out[x] = the mean of the 49 pixels around x, rounded to nearest.
+void meansOf49(const std::uint16_t* columnSums, std::uint8_t* out, int width);
+
+// The counting rule for one row. `current` is the row's new picture; `previous` holds the
+// row of the picture before and receives `current`. Where |current - previous| > threshold
+// the pixel moved: its count rises by one (wrapping after 255) if `quiet` there has reached
+// kQuietForNewEvent, and `quiet` restarts at 0; elsewhere `quiet` rises by one, saturating.
+void countRow(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet, std::uint8_t* count,
+              int width, std::uint8_t threshold);
+
+// The same with the row's new picture given as column sums, as meansOf49 turns them into
+// pixels.
+void countBlurredRow(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
+                     std::uint8_t* count, int width, std::uint8_t threshold);
+
+} // namespace MotionKernels
