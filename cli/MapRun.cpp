@@ -10,8 +10,10 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QThread>
 #include <QThreadPool>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -116,11 +118,26 @@ QString writeOutputs(const PlannedInput& input, const cv::Mat& motionCount, cons
     return {};
 }
 
+// The cores shared among the files analysed at once: one pass decodes with both cores of a
+// two-core machine, two passes with one each, so that they do not fight over the cores.
+int decoderThreads(const MapToolOptions& options, const std::vector<PlannedInput>& inputs)
+{
+    const auto runnable = std::count_if(inputs.begin(), inputs.end(), [](const PlannedInput& input) {
+        return input.error.isEmpty();
+    });
+    const int atOnce = std::max(1, std::min(std::max(options.jobs, 1), static_cast<int>(runnable)));
+    return std::max(1, QThread::idealThreadCount() / atOnce);
+}
+
 // Pool thread.
-void analyse(FileJob& job, const MapToolOptions& options, const std::atomic<int>& cancel, AtomicCounter& pairs)
+void analyse(FileJob& job, const MapToolOptions& options, int decoderThreads, const std::atomic<int>& cancel,
+             AtomicCounter& pairs)
 {
     FileHooks hooks(job, cancel, pairs);
-    const MotionPassSettings settings{options.blur, 0};
+    MotionPassSettings settings;
+    settings.blur = options.blur;
+    settings.updateInterval = 0;
+    settings.decoderThreads = decoderThreads;
     cv::Mat motionCount;
     cv::Mat background;
     // The name's bytes as the user gave them, which is what the file system knows it by.
@@ -150,6 +167,7 @@ public:
         : m_options(options)
         , m_output(output)
         , m_cancel(cancel)
+        , m_decoderThreads(decoderThreads(options, inputs))
     {
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
@@ -185,7 +203,7 @@ private:
                 continue;
             }
             FileJob* file = job.get();
-            m_pool.start([this, file] { analyse(*file, m_options, m_cancel, m_pairs); });
+            m_pool.start([this, file] { analyse(*file, m_options, m_decoderThreads, m_cancel, m_pairs); });
         }
     }
 
@@ -249,6 +267,7 @@ private:
     const MapToolOptions& m_options;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
+    const int m_decoderThreads;
     FileJobs m_jobs;
     AtomicCounter m_pairs;
     QThreadPool m_pool;
