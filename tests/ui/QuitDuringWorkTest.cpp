@@ -12,6 +12,7 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <QVector>
 #include <QtTest>
 
 #include <csignal>
@@ -107,8 +108,9 @@ private:
     void openBusyWindow();
     // Ends the event loop through the Quit action `afterMs` from now, as a user would.
     void quitThroughActionAndLoop(int afterMs);
-    // Destroys the window, measuring how long the destructor takes.
-    void closeWindowWithinBound();
+    // Destroys the window, measuring how long the destructor takes. With
+    // `waitingNeverStart`, the rows waiting now must still be waiting when the list goes.
+    void closeWindowWithinBound(bool waitingNeverStart);
     void checkSettingsComplete(const QString& file, const QRect& expectedGeometry);
 
     QTemporaryDir m_clipFolder;
@@ -181,8 +183,20 @@ void QuitDuringWorkTest::quitThroughActionAndLoop(int afterMs)
     QCOMPARE(QCoreApplication::exec(), 0);
 }
 
-void QuitDuringWorkTest::closeWindowWithinBound()
+void QuitDuringWorkTest::closeWindowWithinBound(bool waitingNeverStart)
 {
+    // The list deletes its rows only after the window has stopped the pool, so the states
+    // read as it starts doing so are the last ones the jobs ever had.
+    QList<Tremora*> waiting;
+    for (int row = 0; waitingNeverStart && row < m_list->count(); ++row)
+        if (stateOf(jobAt(m_list, row)) == Tremora::Waiting)
+            waiting.append(jobAt(m_list, row));
+    QVector<int> statesAtTeardown;
+    connect(m_list->model(), &QAbstractItemModel::modelAboutToBeReset, this, [&] {
+        for (Tremora* job : qAsConst(waiting))
+            statesAtTeardown.append(stateOf(job));
+    });
+
     const int created = m_ledger->created();
     m_ledger->windowClosing();
     QElapsedTimer closing;
@@ -191,6 +205,7 @@ void QuitDuringWorkTest::closeWindowWithinBound()
     const qint64 closeMs = closing.elapsed();
     qInfo("window destroyed in %lld ms", static_cast<long long>(closeMs));
     QVERIFY2(closeMs < kCloseBoundMs, qPrintable(QStringLiteral("%1 ms").arg(closeMs)));
+    QCOMPARE(statesAtTeardown, QVector<int>(waiting.size(), Tremora::Waiting));
     QCOMPARE(m_ledger->destroyedCount(), created);
     QCOMPARE(m_ledger->destroyedTwice(), 0);
     QCOMPARE(m_ledger->destroyedWhileListed(), 0);
@@ -218,7 +233,7 @@ void QuitDuringWorkTest::destroyingWithTwoRunningAndFiveWaitingReturnsWithinAFra
     openBusyWindow();
     if (QTest::currentTestFailed())
         return;
-    closeWindowWithinBound();
+    closeWindowWithinBound(true);
     checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
 }
 
@@ -235,7 +250,7 @@ void QuitDuringWorkTest::quitActionWithJobsRunningEndsLoopAndWindowClosesPromptl
     qInfo("event loop ended %lld ms after it started", static_cast<long long>(looping.elapsed()));
     // The loop itself stops nothing: the passes still run until the window goes.
     QVERIFY(rowsProcessing(m_list, kRunning));
-    closeWindowWithinBound();
+    closeWindowWithinBound(true);
     checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
 }
 
@@ -267,7 +282,7 @@ void QuitDuringWorkTest::quitWhileSaveDialogIsOpenWritesNothingAndClosesPromptly
     QCOMPARE(script.unexpected(), 0);
     QVERIFY(!QSettings().contains(QStringLiteral("last_export_dir")));
     QCOMPARE(QDir(out.path()).entryList(QDir::Files), QStringList());
-    closeWindowWithinBound();
+    closeWindowWithinBound(true);
     checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
 }
 
@@ -294,7 +309,7 @@ void QuitDuringWorkTest::quitAfterRandomOperationsDeletesEveryJobOnceAndClosesPr
     quitThroughActionAndLoop(50);
     if (QTest::currentTestFailed())
         return;
-    closeWindowWithinBound();
+    closeWindowWithinBound(false);
     checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
 }
 
