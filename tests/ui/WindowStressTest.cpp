@@ -17,7 +17,7 @@ constexpr quint32 kDefaultSeed = 20240611;
 constexpr int kOperations = 500;
 // Long enough that two of them keep both pool threads busy for a while.
 const QSize kBusySize(160, 120);
-constexpr int kBusyFrames = 1000;
+constexpr int kBusyFrames = 3000;
 
 quint32 seedFromEnvironment()
 {
