@@ -112,6 +112,8 @@ bool isActive(const Tremora* job)
     return job->m_cancel.load() == 0 && !isFinal(job);
 }
 
+// The texts of the states a row can rest in; a processing row's text carries a percentage
+// that moves on its own, so it is never compared.
 QString stateText(int state)
 {
     switch (state) {
