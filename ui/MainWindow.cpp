@@ -75,10 +75,12 @@ MainWindow::MainWindow(QWidget* parent)
 MainWindow::~MainWindow()
 {
     Utils::updateWindowGeometry(this, false, kGeometryName);
+    // The queue goes before the flags: a running job that saw its flag and ended in between
+    // would otherwise free its thread for a waiting job, which must never start now.
+    threadPool.clear();
     for (int row = 0; row < ui->mainList->count(); ++row)
         jobAt(ui->mainList, row)->m_cancel = -1;
     update();
-    threadPool.clear();
     threadPool.waitForDone(-1);
     // No pass runs any more, so removed jobs can go whatever their state; this includes
     // queued ones that the clear above dropped before they ever ran.
