@@ -29,13 +29,15 @@ inline uint16_t sum7(const uint16_t* columnSums)
 inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count, uint8_t threshold)
 {
     const uint8_t before = previous;
-    const uint8_t difference = static_cast<uint8_t>(current > before ? current - before : before - current);
-    const bool moved = difference > threshold;
+    const uint8_t high = current > before ? current : before;
+    const uint8_t low = current > before ? before : current;
+    const uint8_t difference = static_cast<uint8_t>(high - low);
+    const bool still = difference <= threshold;
     const uint8_t wasQuiet = quiet;
-    const bool newEvent = moved & (wasQuiet == kQuietForNewEvent);
+    const bool newEvent = !still & (wasQuiet == kQuietForNewEvent);
     count = static_cast<uint8_t>(count + static_cast<uint8_t>(newEvent));
     const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
-    quiet = moved ? uint8_t{0} : older;
+    quiet = still ? older : uint8_t{0};
     previous = current;
 }
 
