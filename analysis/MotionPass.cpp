@@ -2,6 +2,7 @@
 
 #include "AsyncBackgroundLearner.h"
 #include "FfmpegMutex.h"
+#include "FrameSource.h"
 #include "MotionCounter.h"
 #include "MpegFrame.h"
 #include "MpegReader.h"
@@ -95,11 +96,18 @@ void resetMaps(cv::Size size, cv::Mat& motionCount, cv::Mat& background)
 // The loop over the frame pairs, from the first frame to the end of the video or a cancel.
 class PairLoop {
 public:
-    PairLoop(MpegReader& reader, cv::Size size, const MotionPassSettings& settings,
+    // Frames are only read (smoothing writes into the counter's own buffers): the counter
+    // is done with a frame before it takes the next, so the frame can share the decoder's
+    // picture. The learner, working beside the decoder, gets copies of its own: a decoder
+    // may write a damaged picture into one it has handed out, and sharing would make the
+    // decoder's reuse of its pictures, and so what damaged pictures show, depend on the
+    // learner's timing.
+    PairLoop(MpegReader& reader, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
              cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
-        : m_reader(reader)
+        : m_source(reader, decoderThreads > 1, MotionPass::kLearningPairs)
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
+        , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
         , m_counter(size, settings.blur)
         , m_motionCount(motionCount)
         , m_background(background)
@@ -112,7 +120,7 @@ public:
         m_counter.start(viewOf(*first));
         first.reset();
         for (int pairIndex = 0;;) {
-            FramePtr current = readNextFrame(pairIndex);
+            FramePtr current = readNextFrame();
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
                 if (!analysePair(std::move(current), pairIndex))
@@ -126,20 +134,15 @@ public:
     }
 
 private:
-    // Frames are only read (smoothing writes into the counter's own buffers): the counter
-    // is done with a frame before the next read, so it can share the decoder's picture. The
-    // learner, working beside the decoder, gets a copy of its own: a decoder may write a
-    // damaged picture into one it has handed out, and sharing would make the decoder's reuse
-    // of its pictures, and so what damaged pictures show, depend on the learner's timing.
     // A frame of another size than the first (a stream changing its resolution) ends the
     // pass like the end of the video.
-    FramePtr readNextFrame(int pairIndex)
+    FramePtr readNextFrame()
     {
-        FramePtr frame(m_reader.read(pairIndex < MotionPass::kLearningPairs));
-        m_hooks.positionChanged(m_reader.pos());
-        if (frame && !fits(*frame, m_size))
-            frame.reset();
-        return frame;
+        FrameSource::Frame next = m_source.next();
+        m_hooks.positionChanged(next.position);
+        if (next.frame && !fits(*next.frame, m_size))
+            next.frame.reset();
+        return std::move(next.frame);
     }
 
     // False when the pass was canceled while it waited to learn.
@@ -158,7 +161,8 @@ private:
         if (pairsDone == 1 || pairsDone == MotionPass::kLearningPairs || endOfVideo) {
             // After the last learning pair the model is final: its background is fetched
             // once more and the model freed, and at the end of the video it is kept as it is.
-            if (pairsDone <= MotionPass::kLearningPairs) {
+            const bool wanted = pairsDone != 1 || m_backgroundAtFirstPair || endOfVideo;
+            if (pairsDone <= MotionPass::kLearningPairs && wanted) {
                 m_learner.fetchBackground(m_background);
                 if (pairsDone == MotionPass::kLearningPairs || endOfVideo)
                     m_learner.finish();
@@ -169,9 +173,10 @@ private:
             m_hooks.refresh(MotionPassHooks::Refresh::Periodic);
     }
 
-    MpegReader& m_reader;
+    FrameSource m_source;
     const cv::Size m_size;
     const int m_updateInterval;
+    const bool m_backgroundAtFirstPair;
     MotionCounter m_counter;
     AsyncBackgroundLearner m_learner;
     cv::Mat& m_motionCount;
@@ -189,7 +194,8 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const Motio
         hooks.started();
         if (hooks.cancelRequested() || !firstFrame)
             return;
-        PairLoop(reader, size, settings, motionCount, background, hooks).run(std::move(firstFrame));
+        PairLoop(reader, reader.decoderThreads(), size, settings, motionCount, background, hooks)
+            .run(std::move(firstFrame));
     } catch (const std::exception&) {
     }
 }

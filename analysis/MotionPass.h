@@ -16,7 +16,8 @@ class MotionPassHooks {
 public:
     enum class Refresh {
         Milestone, // after pair 1, after the last learning pair, at the end of the video;
-                   // the background has just been fetched
+                   // the background has just been fetched (at the end only, without
+                   // MotionPassSettings::backgroundAtMilestones)
         Periodic,  // every `updateInterval` pairs
     };
 
@@ -48,6 +49,11 @@ struct MotionPassSettings {
     // pictures of a damaged video are the same from run to run; on several, FFmpeg's error
     // concealment depends on the threads' timing, so a damaged video's counts may vary.
     int decoderThreads = 1;
+    // Fetch the background for the milestone after pair 1 too, waiting for the model to
+    // learn that pair's frame. Callers that only use the final map turn this off, so that
+    // the count runs on meanwhile; the background is then fetched after the last learning
+    // pair and at the end of the video only.
+    bool backgroundAtMilestones = true;
 };
 
 enum class MotionPassOutcome {

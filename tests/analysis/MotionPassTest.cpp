@@ -434,6 +434,41 @@ private slots:
         QVERIFY(equal(hooks.milestoneBackgrounds[1], expected));
     }
 
+    void withoutBackgroundAtMilestonesOnlyTheLaterMilestonesFetchIt()
+    {
+        std::vector<cv::Mat> frames = speckledNoise(cv::Size(32, 24), 101, 12);
+        for (int i = 0; i < 20; ++i)
+            frames.emplace_back(24, 32, CV_8UC1, cv::Scalar(0));
+        const QString path = clip("learn-late.mkv", frames);
+        cv::Mat counts, background;
+        RecordingHooks hooks(&background);
+        MotionPassSettings settings;
+        settings.backgroundAtMilestones = false;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks), MotionPassOutcome::Finished);
+        const cv::Mat expected = referenceBackground(decodeAll(path).rgb);
+        QVERIFY(equal(background, expected));
+        QVERIFY(equal(counts, referenceCounts(frames, true)));
+        // Milestones still come after pairs 1 and 100 and at the end; the first finds the
+        // background still black.
+        QCOMPARE(hooks.milestoneBackgrounds.size(), size_t(3));
+        QCOMPARE(cv::countNonZero(hooks.milestoneBackgrounds[0].reshape(1)), 0);
+        QVERIFY(equal(hooks.milestoneBackgrounds[1], expected));
+        QVERIFY(equal(hooks.milestoneBackgrounds[2], expected));
+    }
+
+    void withoutBackgroundAtMilestonesAShortVideoStillGetsItsBackground()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(32, 24), 2, 14);
+        const QString path = clip("two-late.mkv", frames);
+        cv::Mat counts, background;
+        RecordingHooks hooks(&background);
+        MotionPassSettings settings;
+        settings.backgroundAtMilestones = false;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks), MotionPassOutcome::Finished);
+        QVERIFY(equal(background, referenceBackground(decodeAll(path).rgb)));
+        QVERIFY(cv::countNonZero(background.reshape(1)) > 0);
+    }
+
     void motionInPairsZeroAndFiftyCountsOneEvent()
     {
         const auto frames = squares(kSize, 56, [](int i) { return i == 0 || i >= 51 ? std::vector<cv::Point>{kA} : std::vector<cv::Point>{}; });

@@ -1,0 +1,79 @@
+#include "FrameSource.h"
+
+#include "MpegFrame.h"
+#include "MpegReader.h"
+
+#include <new>
+
+FrameSource::FrameSource(MpegReader& reader, bool ahead, int clonedFrames)
+    : m_reader(reader)
+    , m_clonedFrames(clonedFrames)
+{
+    if (ahead)
+        m_thread = std::thread(&FrameSource::readAhead, this);
+}
+
+FrameSource::~FrameSource()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+    }
+    m_changed.notify_all();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+FrameSource::Frame FrameSource::next()
+{
+    if (m_ended)
+        return {};
+    if (!m_thread.joinable()) {
+        Frame frame = readOne();
+        m_ended = frame.frame == nullptr;
+        return frame;
+    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_queue.empty(); });
+    Frame frame = std::move(m_queue.front());
+    m_queue.pop_front();
+    lock.unlock();
+    m_changed.notify_all();
+    m_ended = frame.frame == nullptr;
+    return frame;
+}
+
+// A frame too large for memory ends the video like a read failure.
+FrameSource::Frame FrameSource::readOne()
+{
+    Frame frame;
+    try {
+        frame.frame.reset(m_reader.read(m_framesRead < m_clonedFrames));
+    } catch (const std::bad_alloc&) {
+        frame.frame.reset();
+    }
+    ++m_framesRead;
+    frame.position = m_reader.pos();
+    return frame;
+}
+
+void FrameSource::readAhead()
+{
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_stopping || static_cast<int>(m_queue.size()) < kDepth; });
+            if (m_stopping)
+                return;
+        }
+        Frame frame = readOne();
+        const bool end = frame.frame == nullptr;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_queue.push_back(std::move(frame));
+        }
+        m_changed.notify_all();
+        if (end)
+            return;
+    }
+}
