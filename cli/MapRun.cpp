@@ -138,6 +138,8 @@ void analyse(FileJob& job, const MapToolOptions& options, int decoderThreads, co
     settings.blur = options.blur;
     settings.updateInterval = 0;
     settings.decoderThreads = decoderThreads;
+    // Only the final map is written: the count need not wait for an early background.
+    settings.backgroundAtMilestones = false;
     cv::Mat motionCount;
     cv::Mat background;
     // The name's bytes as the user gave them, which is what the file system knows it by.
