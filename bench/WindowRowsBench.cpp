@@ -65,33 +65,42 @@ void spinEvents(int milliseconds)
     }
 }
 
-Tremora* jobAt(const QListWidget& list, int row)
+const Tremora* jobAt(const QListWidget& list, int row)
 {
-    return static_cast<Tremora*>(list.item(row));
+    return dynamic_cast<const Tremora*>(list.item(row));
 }
 
-int percentOf(const Tremora& job)
+int stateAt(const QListWidget& list, int row)
 {
-    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("\\.\\.\\. (\\d+)%\\)$")).match(job.text());
+    const Tremora* job = jobAt(list, row);
+    return job ? job->m_state.load() : -1;
+}
+
+int percentAt(const QListWidget& list, int row)
+{
+    const Tremora* job = jobAt(list, row);
+    if (!job)
+        return -1;
+    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("\\.\\.\\. (\\d+)%\\)$")).match(job->text());
     return match.hasMatch() ? match.captured(1).toInt() : -1;
 }
 
 bool busyJobsEnded(const QListWidget& list)
 {
-    return jobAt(list, 0)->m_state.load() >= Tremora::Done || jobAt(list, 1)->m_state.load() >= Tremora::Done;
+    return stateAt(list, 0) >= Tremora::Done || stateAt(list, 1) >= Tremora::Done;
 }
 
 // Both busy jobs report at least `percent` of their file.
 bool busyJobsPast(const QListWidget& list, int percent)
 {
-    return percentOf(*jobAt(list, 0)) >= percent && percentOf(*jobAt(list, 1)) >= percent;
+    return percentAt(list, 0) >= percent && percentAt(list, 1) >= percent;
 }
 
 bool busyJobsRunningAndRowsWaiting(const QListWidget& list)
 {
     for (int row = 0; row < list.count(); ++row) {
         const int expected = row < 2 ? Tremora::Processing : Tremora::Waiting;
-        if (jobAt(list, row)->m_state.load() != expected)
+        if (stateAt(list, row) != expected)
             return false;
     }
     return true;
