@@ -66,23 +66,40 @@ bool matches(const cv::Mat& motionCount, const cv::Mat& background)
         && motionCount.size() == background.size();
 }
 
+// The colour of every count, channel by channel, with black for no event: adding the grey
+// and clamping then gives the grey itself for no event, and the scale over it otherwise.
+struct CountColours {
+    ColorTable red{}, green{}, blue{};
+};
+
+CountColours makeCountColours()
+{
+    CountColours colours;
+    for (int count = 1; count < 256; ++count) {
+        const auto i = static_cast<std::size_t>(MotionMap::intensity(count));
+        const auto c = static_cast<std::size_t>(count);
+        colours.red[c] = ColorMap_R[i];
+        colours.green[c] = ColorMap_G[i];
+        colours.blue[c] = ColorMap_B[i];
+    }
+    return colours;
+}
+
 unsigned char lift(unsigned char scale, int grey)
 {
     return static_cast<unsigned char>(std::min(scale + grey, 255));
 }
 
-void renderRow(const unsigned char* counts, const unsigned char* background, unsigned char* out, int width)
+// Without branches: the counts of a frame with speckled motion would make them unpredictable.
+void renderRow(const CountColours& colours, const unsigned char* counts, const unsigned char* background,
+               unsigned char* out, int width)
 {
     for (int x = 0; x < width; ++x, background += 3, out += 3) {
-        const int i = MotionMap::intensity(counts[x]);
+        const std::size_t count = counts[x];
         const int grey = (background[0] + background[1] + background[2]) / 6;
-        if (i == 0) {
-            out[0] = out[1] = out[2] = static_cast<unsigned char>(grey);
-        } else {
-            out[0] = lift(ColorMap_R[i], grey);
-            out[1] = lift(ColorMap_G[i], grey);
-            out[2] = lift(ColorMap_B[i], grey);
-        }
+        out[0] = lift(colours.red[count], grey);
+        out[1] = lift(colours.green[count], grey);
+        out[2] = lift(colours.blue[count], grey);
     }
 }
 
@@ -107,7 +124,9 @@ QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
     // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
     map.setDotsPerMeterX(kDotsPerMeter96Dpi);
     map.setDotsPerMeterY(kDotsPerMeter96Dpi);
+    static const CountColours colours = makeCountColours();
     for (int y = 0; y < background.rows; ++y)
-        renderRow(motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y), background.cols);
+        renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y),
+                  background.cols);
     return map;
 }
