@@ -2,6 +2,7 @@
 
 #include "BackgroundLearner.h"
 #include "MpegFrame.h"
+#include "RgbConverter.h"
 
 #include <chrono>
 
@@ -50,18 +51,23 @@ private:
 
 } // namespace
 
-AsyncBackgroundLearner::AsyncBackgroundLearner() = default;
+AsyncBackgroundLearner::AsyncBackgroundLearner()
+{
+    // One picture being learnt, the queue full, and one being converted meanwhile.
+    for (int i = 0; i < kQueueLength + 1; ++i)
+        m_free.push_back(std::make_unique<RgbConverter>());
+}
 
 AsyncBackgroundLearner::~AsyncBackgroundLearner()
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_queue.clear();
+        dropQueue();
     }
     finish();
 }
 
-bool AsyncBackgroundLearner::learn(std::shared_ptr<const MpegFrame> frame, const std::function<bool()>& canceled)
+bool AsyncBackgroundLearner::learn(const MpegFrame& frame, const std::function<bool()>& canceled)
 {
     if (!m_holdsSlot) {
         if (!ModelSlot::instance().acquire(canceled))
@@ -69,13 +75,34 @@ bool AsyncBackgroundLearner::learn(std::shared_ptr<const MpegFrame> frame, const
         m_holdsSlot = true;
         start();
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_failure || static_cast<int>(m_queue.size()) < kQueueLength; });
-    rethrowFailure();
-    m_queue.push_back(std::move(frame));
-    lock.unlock();
+    std::unique_ptr<RgbConverter> converter = takeFreeConverter();
+    converter->convert(frame);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (converter->data())
+            m_queue.push_back(std::move(converter));
+        else
+            m_free.push_back(std::move(converter));
+    }
     m_changed.notify_all();
     return true;
+}
+
+std::unique_ptr<RgbConverter> AsyncBackgroundLearner::takeFreeConverter()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_failure || (!m_free.empty() && static_cast<int>(m_queue.size()) < kQueueLength); });
+    rethrowFailure();
+    std::unique_ptr<RgbConverter> converter = std::move(m_free.back());
+    m_free.pop_back();
+    return converter;
+}
+
+void AsyncBackgroundLearner::dropQueue()
+{
+    for (std::unique_ptr<RgbConverter>& converter : m_queue)
+        m_free.push_back(std::move(converter));
+    m_queue.clear();
 }
 
 void AsyncBackgroundLearner::fetchBackground(cv::Mat& background)
@@ -127,22 +154,24 @@ void AsyncBackgroundLearner::work()
         m_changed.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
         if (m_queue.empty())
             return;
-        std::shared_ptr<const MpegFrame> frame = std::move(m_queue.front());
+        std::unique_ptr<RgbConverter> picture = std::move(m_queue.front());
         m_queue.pop_front();
         m_busy = true;
         lock.unlock();
         std::exception_ptr failure;
         try {
-            m_learner->learn(*frame);
+            const cv::Mat rgb(picture->height(), picture->width(), CV_8UC3, const_cast<uint8_t*>(picture->data()),
+                              static_cast<size_t>(picture->stride()));
+            m_learner->learn(rgb);
         } catch (...) {
             failure = std::current_exception();
         }
-        frame.reset();
         lock.lock();
         m_busy = false;
+        m_free.push_back(std::move(picture));
         if (failure) {
             m_failure = failure;
-            m_queue.clear();
+            dropQueue();
         }
         m_changed.notify_all();
     }

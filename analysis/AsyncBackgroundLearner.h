@@ -9,12 +9,16 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 class BackgroundLearner;
 class MpegFrame;
+class RgbConverter;
 
 // A BackgroundLearner on a thread of its own, so that the model learns while the pass goes
-// on decoding and counting; the pass needs the background only at a few milestones.
+// on decoding and counting; the pass needs the background only at a few milestones. The
+// pass converts each frame to R,G,B itself, as it hands it over, so that the learner's own
+// thread does nothing but feed the model, and no decoded picture is kept.
 //
 // The model's state is large (about 100 bytes a pixel, 200 MB for 1080p), so at most one
 // exists in the process at a time: a learner takes the process-wide model slot before its
@@ -26,8 +30,8 @@ class MpegFrame;
 // pass by learn() and fetchBackground().
 class AsyncBackgroundLearner {
 public:
-    // Frames waiting to be learnt at most; learn() blocks while this many wait. Each holds a
-    // decoded picture.
+    // Frames waiting to be learnt at most; learn() blocks while this many wait. Each is an
+    // R,G,B picture of its own.
     static constexpr int kQueueLength = 2;
 
     AsyncBackgroundLearner();
@@ -37,11 +41,12 @@ public:
     AsyncBackgroundLearner(const AsyncBackgroundLearner&) = delete;
     AsyncBackgroundLearner& operator=(const AsyncBackgroundLearner&) = delete;
 
-    // Queues `frame` (read-only from now on, kept alive until learnt). Before the first
-    // frame the model slot is taken; while another learner holds it, `canceled` is asked
-    // about every 20 ms, and a true answer gives up: the frame is not queued and the result
-    // is false. True once the frame is queued.
-    bool learn(std::shared_ptr<const MpegFrame> frame, const std::function<bool()>& canceled);
+    // Converts `frame` to R,G,B (as BackgroundLearner::learn does) and queues the picture;
+    // the frame itself is not kept. Before the first frame the model slot is taken; while
+    // another learner holds it, `canceled` is asked about every 20 ms, and a true answer
+    // gives up: the frame is not queued and the result is false. True once the frame is
+    // queued (or, having no pixels, skipped).
+    bool learn(const MpegFrame& frame, const std::function<bool()>& canceled);
 
     // Waits until every queued frame has been learnt, then copies the model's background
     // (8-bit R,G,B) into `background`; leaves it as it is when no frame has been learnt.
@@ -58,12 +63,18 @@ public:
 private:
     void start();
     void work();
+    std::unique_ptr<RgbConverter> takeFreeConverter();
+    // Puts the converters of the pictures not yet learnt back among the free ones. Called
+    // with m_mutex held.
+    void dropQueue();
     void waitUntilLearnt(std::unique_lock<std::mutex>& lock);
     void rethrowFailure();
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<std::shared_ptr<const MpegFrame>> m_queue;
+    // Converters hold the pictures: waiting to be learnt, or free for the next frame.
+    std::deque<std::unique_ptr<RgbConverter>> m_queue;
+    std::vector<std::unique_ptr<RgbConverter>> m_free;
     bool m_busy = false;      // the thread is learning a frame taken off the queue
     bool m_stopping = false;
     std::exception_ptr m_failure;

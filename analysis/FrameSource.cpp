@@ -5,9 +5,8 @@
 
 #include <new>
 
-FrameSource::FrameSource(MpegReader& reader, bool ahead, int clonedFrames)
+FrameSource::FrameSource(MpegReader& reader, bool ahead)
     : m_reader(reader)
-    , m_clonedFrames(clonedFrames)
 {
     if (ahead)
         m_thread = std::thread(&FrameSource::readAhead, this);
@@ -48,11 +47,10 @@ FrameSource::Frame FrameSource::readOne()
 {
     Frame frame;
     try {
-        frame.frame.reset(m_reader.read(m_framesRead < m_clonedFrames));
+        frame.frame.reset(m_reader.read(false));
     } catch (const std::bad_alloc&) {
         frame.frame.reset();
     }
-    ++m_framesRead;
     frame.position = m_reader.pos();
     return frame;
 }

@@ -13,9 +13,8 @@ class MpegReader;
 // The frames of an open reader, one after another, each with the reader's byte position
 // after it was read. With `ahead`, a thread of its own reads up to kDepth frames ahead, so
 // that a decoder working on several pictures at once is never left waiting for the pass to
-// ask for the next one; without, each frame is read when asked for. The first
-// `clonedFrames` frames are read as the caller's own copies (MpegReader::read(true)), the
-// rest shared with the decoder (read(false)).
+// ask for the next one; without, each frame is read when asked for. Frames are shared with
+// the decoder (MpegReader::read(false)): only read them.
 //
 // Reading ahead lets the decoder reuse its pictures in an order that depends on timing; for
 // a damaged video on one decoder thread that would change what its damaged pictures show,
@@ -31,7 +30,7 @@ public:
         std::int64_t position = -1;
     };
 
-    FrameSource(MpegReader& reader, bool ahead, int clonedFrames);
+    FrameSource(MpegReader& reader, bool ahead);
     // Stops reading ahead; frames read but not taken are dropped.
     ~FrameSource();
 
@@ -47,8 +46,6 @@ private:
     void readAhead();
 
     MpegReader& m_reader;
-    const int m_clonedFrames;
-    int m_framesRead = 0;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Frame> m_queue;

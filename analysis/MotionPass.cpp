@@ -96,15 +96,14 @@ void resetMaps(cv::Size size, cv::Mat& motionCount, cv::Mat& background)
 // The loop over the frame pairs, from the first frame to the end of the video or a cancel.
 class PairLoop {
 public:
-    // Frames are only read (smoothing writes into the counter's own buffers): the counter
-    // is done with a frame before it takes the next, so the frame can share the decoder's
-    // picture. The learner, working beside the decoder, gets copies of its own: a decoder
-    // may write a damaged picture into one it has handed out, and sharing would make the
-    // decoder's reuse of its pictures, and so what damaged pictures show, depend on the
-    // learner's timing.
+    // Frames are only read (smoothing writes into the counter's own buffers), and the
+    // counter and the learner's conversion are done with a frame before the next is taken,
+    // so frames share the decoder's pictures. Keeping one longer would make the decoder's
+    // reuse of its pictures, and so what the pictures of a damaged video show, depend on
+    // timing.
     PairLoop(MpegReader& reader, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
              cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
-        : m_source(reader, decoderThreads > 1, MotionPass::kLearningPairs)
+        : m_source(reader, decoderThreads > 1)
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
         , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
@@ -149,7 +148,7 @@ private:
     bool analysePair(FramePtr current, int pairIndex)
     {
         if (pairIndex < MotionPass::kLearningPairs
-            && !m_learner.learn(current, [this] { return m_hooks.cancelRequested(); }))
+            && !m_learner.learn(*current, [this] { return m_hooks.cancelRequested(); }))
             return false;
         m_counter.addFrame(viewOf(*current), m_motionCount);
         m_hooks.pairAnalysed();

@@ -91,8 +91,9 @@ private slots:
     {
         const std::vector<SharedFrame> frames = scene(30, 1);
         AsyncBackgroundLearner learner;
+        // More frames than the queue holds, so the learner's pictures are reused.
         for (const SharedFrame& frame : frames)
-            QVERIFY(learner.learn(frame, kNeverCanceled));
+            QVERIFY(learner.learn(*frame, kNeverCanceled));
         cv::Mat background;
         learner.fetchBackground(background);
         QCOMPARE(learner.learntFrames(), 30);
@@ -104,12 +105,12 @@ private slots:
     {
         const std::vector<SharedFrame> frames = scene(12, 2);
         AsyncBackgroundLearner learner;
-        QVERIFY(learner.learn(frames[0], kNeverCanceled));
+        QVERIFY(learner.learn(*frames[0], kNeverCanceled));
         cv::Mat afterOne;
         learner.fetchBackground(afterOne);
         QVERIFY(equal(afterOne, synchronousBackground({frames[0]})));
         for (size_t i = 1; i < frames.size(); ++i)
-            QVERIFY(learner.learn(frames[i], kNeverCanceled));
+            QVERIFY(learner.learn(*frames[i], kNeverCanceled));
         cv::Mat afterAll;
         learner.fetchBackground(afterAll);
         QVERIFY(equal(afterAll, synchronousBackground(frames)));
@@ -130,12 +131,12 @@ private slots:
     {
         const std::vector<SharedFrame> frames = scene(3, 3);
         AsyncBackgroundLearner first;
-        QVERIFY(first.learn(frames[0], kNeverCanceled));
+        QVERIFY(first.learn(*frames[0], kNeverCanceled));
         std::atomic<int> polls{0};
         std::atomic<bool> learnt{false};
         std::thread other([&] {
             AsyncBackgroundLearner second;
-            learnt = second.learn(frames[1], [&] {
+            learnt = second.learn(*frames[1], [&] {
                 ++polls;
                 return false;
             });
@@ -152,14 +153,14 @@ private slots:
     {
         const std::vector<SharedFrame> frames = scene(2, 4);
         AsyncBackgroundLearner first;
-        QVERIFY(first.learn(frames[0], kNeverCanceled));
+        QVERIFY(first.learn(*frames[0], kNeverCanceled));
         AsyncBackgroundLearner second;
         int polls = 0;
-        QVERIFY(!second.learn(frames[1], [&] { return ++polls >= 3; }));
+        QVERIFY(!second.learn(*frames[1], [&] { return ++polls >= 3; }));
         QCOMPARE(polls, 3);
         QCOMPARE(second.learntFrames(), 0);
         // The first still learns on.
-        QVERIFY(first.learn(frames[1], kNeverCanceled));
+        QVERIFY(first.learn(*frames[1], kNeverCanceled));
         QCOMPARE(first.learntFrames(), 2);
     }
 
@@ -168,15 +169,15 @@ private slots:
         const std::vector<SharedFrame> frames = scene(8, 5);
         AsyncBackgroundLearner learner;
         for (size_t i = 0; i + 1 < frames.size(); ++i)
-            QVERIFY(learner.learn(frames[i], kNeverCanceled));
+            QVERIFY(learner.learn(*frames[i], kNeverCanceled));
         learner.finish();
         QCOMPARE(learner.learntFrames(), 0);
         // The model is free: another learner takes it without waiting.
         {
             AsyncBackgroundLearner other;
-            QVERIFY(other.learn(frames[0], [] { return true; }));
+            QVERIFY(other.learn(*frames[0], [] { return true; }));
         }
-        QVERIFY(learner.learn(frames.back(), kNeverCanceled));
+        QVERIFY(learner.learn(*frames.back(), kNeverCanceled));
         cv::Mat background;
         learner.fetchBackground(background);
         QVERIFY(equal(background, synchronousBackground({frames.back()})));
@@ -188,20 +189,24 @@ private slots:
         {
             AsyncBackgroundLearner learner;
             for (const SharedFrame& frame : frames)
-                QVERIFY(learner.learn(frame, kNeverCanceled));
+                QVERIFY(learner.learn(*frame, kNeverCanceled));
         }
         AsyncBackgroundLearner next;
-        QVERIFY(next.learn(frames[0], [] { return true; }));
+        QVERIFY(next.learn(*frames[0], [] { return true; }));
     }
 
-    void queuedFramesStayAliveUntilLearnt()
+    void framesMayGoAsSoonAsTheyAreHandedOver()
     {
+        // The learner keeps its own R,G,B copies: each frame is freed right after learn().
         AsyncBackgroundLearner learner;
-        std::vector<SharedFrame> frames = scene(10, 7);
+        const std::vector<SharedFrame> frames = scene(10, 7);
         const cv::Mat expected = synchronousBackground(frames);
-        for (SharedFrame& frame : frames)
-            QVERIFY(learner.learn(std::move(frame), kNeverCanceled));
-        frames.clear();
+        for (unsigned i = 0; i < 10; ++i) {
+            SharedFrame frame = picture(40, 24, static_cast<int>(i * 3) % 32, 7 + i);
+            QVERIFY(learner.learn(*frame, kNeverCanceled));
+            QCOMPARE(frame.use_count(), 1L);
+            frame.reset();
+        }
         cv::Mat background;
         learner.fetchBackground(background);
         QVERIFY(equal(background, expected));

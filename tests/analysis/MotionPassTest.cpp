@@ -654,7 +654,9 @@ private slots:
         const QString path = clip(QStringLiteral("waiting.mkv"), speckledNoise(kSize, 20, 5));
         QVERIFY(!path.isEmpty());
         AsyncBackgroundLearner holder;
-        QVERIFY(holder.learn(firstFrameOf(path), {}));
+        const std::shared_ptr<const MpegFrame> first = firstFrameOf(path);
+        QVERIFY(first);
+        QVERIFY(holder.learn(*first, {}));
         CancelAfterPolls hooks(10);
         const PassResult result = runPass(path, hooks);
         QCOMPARE(result.outcome, MotionPassOutcome::Canceled);
