@@ -120,12 +120,11 @@ QString writeOutputs(const PlannedInput& input, const cv::Mat& motionCount, cons
 
 // The cores shared among the files analysed at once: one pass decodes with both cores of a
 // two-core machine, two passes with one each, so that they do not fight over the cores.
-int decoderThreads(const MapToolOptions& options, const std::vector<PlannedInput>& inputs)
+// The last files of a run, fewer than --jobs, share the cores the others have left.
+// `filesToStart` counts the file about to start and those after it.
+int decoderThreads(int jobs, int filesToStart)
 {
-    const auto runnable = std::count_if(inputs.begin(), inputs.end(), [](const PlannedInput& input) {
-        return input.error.isEmpty();
-    });
-    const int atOnce = std::max(1, std::min(std::max(options.jobs, 1), static_cast<int>(runnable)));
+    const int atOnce = std::max(1, std::min(std::max(jobs, 1), filesToStart));
     return std::max(1, QThread::idealThreadCount() / atOnce);
 }
 
@@ -169,7 +168,6 @@ public:
         : m_options(options)
         , m_output(output)
         , m_cancel(cancel)
-        , m_decoderThreads(decoderThreads(options, inputs))
     {
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
@@ -197,6 +195,10 @@ public:
 private:
     void startAll()
     {
+        // All counted before the first starts, which may be at once.
+        m_filesToStart = static_cast<int>(std::count_if(m_jobs.begin(), m_jobs.end(), [](const auto& job) {
+            return job->input.error.isEmpty();
+        }));
         for (const auto& job : m_jobs) {
             if (!job->input.error.isEmpty()) {
                 m_output.error(job->input.error);
@@ -205,7 +207,10 @@ private:
                 continue;
             }
             FileJob* file = job.get();
-            m_pool.start([this, file] { analyse(*file, m_options, m_decoderThreads, m_cancel, m_pairs); });
+            m_pool.start([this, file] {
+                const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
+                analyse(*file, m_options, threads, m_cancel, m_pairs);
+            });
         }
     }
 
@@ -269,7 +274,7 @@ private:
     const MapToolOptions& m_options;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
-    const int m_decoderThreads;
+    std::atomic<int> m_filesToStart{0};
     FileJobs m_jobs;
     AtomicCounter m_pairs;
     QThreadPool m_pool;
