@@ -26,8 +26,10 @@ public:
 
     // Threads the decoder of the next open() may use: 1 (the default) decodes on the thread
     // calling read(); more let it decode several pictures (or slices of one) at once; 0 lets
-    // FFmpeg choose from the number of cores. Decoding several pictures at once holds back
-    // one more picture per extra thread at the end of input, where the decoder is not drained.
+    // FFmpeg choose from the number of cores. The pictures are the same either way, as long
+    // as the packets carry decode timestamps (otherwise one picture fewer per extra thread at
+    // the end of input), and the file is not damaged: FFmpeg's threads conceal damage in ways
+    // that depend on their timing.
     void setDecoderThreads(int threads);
     int decoderThreads() const;
 
@@ -40,8 +42,8 @@ public:
     // input, on a read error, and when no decoder is ready. With `clone` the picture's
     // pixels are the caller's own (they may be overwritten); without, they are shared with
     // the decoder and must only be read, and no pixel is copied. Either kind stays valid after
-    // later reads and after close(). Pictures the decoder still holds back at the end of
-    // input are not returned.
+    // later reads and after close(). Pictures the decoder still holds back for reordering at
+    // the end of input are not returned.
     MpegFrame* read(bool clone);
 
     // Byte position up to which the file has been read into the input buffer; it grows in

@@ -193,6 +193,7 @@ private slots:
     void severalDecoderThreadsGiveThePicturesAndTimesOfOne_data();
     void severalDecoderThreadsGiveThePicturesAndTimesOfOne();
     void picturesReadWithoutCloneStayValidAfterLaterReadsAndClose();
+    void severalThreadsOnPacketsWithoutTimestampsHoldBackAPicturePerExtraThread();
     void motionJpegReturnsEveryPicture();
     void clonedPictureIsWritableAndIndependentOfDecoder();
 
@@ -588,6 +589,27 @@ void MpegReaderTest::severalDecoderThreadsGiveThePicturesAndTimesOfOne()
     for (size_t i = 0; i < one.size(); ++i) {
         QVERIFY2(several[i].luma == one[i].luma, qPrintable(QString("picture %1").arg(i)));
         QCOMPARE(several[i].time, one[i].time);
+    }
+}
+
+void MpegReaderTest::severalThreadsOnPacketsWithoutTimestampsHoldBackAPicturePerExtraThread()
+{
+    // A raw H.264 stream has no decode timestamps: the pictures the threads still hold at
+    // the end cannot be told from those held for reordering, so none of them is returned.
+    const QString clip = path("raw.h264");
+    QString error;
+    QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=25", "-frames:v", "30",
+                                     "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-bf", "0",
+                                     clip},
+                                    &error),
+             qPrintable(error));
+    const std::vector<Picture> one = readAll(clip, 1);
+    QCOMPARE(one.size(), size_t(30));
+    for (const int threads : {2, 3}) {
+        const std::vector<Picture> several = readAll(clip, threads);
+        QCOMPARE(several.size(), one.size() - size_t(threads - 1));
+        for (size_t i = 0; i < several.size(); ++i)
+            QVERIFY(several[i].luma == one[i].luma);
     }
 }
 
