@@ -2,17 +2,7 @@
 
 #include "MpegFrame.h"
 
-namespace {
-
-// The library's own automatic rate, derived from the model's history length.
-constexpr double kAutomaticLearningRate = -1.0;
-
-} // namespace
-
-BackgroundLearner::BackgroundLearner()
-    : m_model(cv::createBackgroundSubtractorMOG2())
-{
-}
+BackgroundLearner::BackgroundLearner() = default;
 
 void BackgroundLearner::learn(const MpegFrame& frame)
 {
@@ -26,13 +16,12 @@ void BackgroundLearner::learn(const MpegFrame& frame)
 
 void BackgroundLearner::learn(const cv::Mat& rgbFrame)
 {
-    // The foreground mask is not used; it is kept only so that no frame allocates one.
-    m_model->apply(rgbFrame, m_foreground, kAutomaticLearningRate);
+    m_model.apply(rgbFrame);
     ++m_learntFrames;
 }
 
 void BackgroundLearner::fetchBackground(cv::Mat& background) const
 {
     if (m_learntFrames > 0)
-        m_model->getBackgroundImage(background);
+        m_model.backgroundImage(background);
 }

@@ -1,15 +1,16 @@
 #pragma once
 
+#include "MixtureModel.h"
 #include "RgbConverter.h"
 
 #include <opencv2/core/mat.hpp>
-#include <opencv2/video/background_segm.hpp>
 
 class MpegFrame;
 
 // Learns the scene's background from colour frames with the library's Gaussian-mixture
-// model at its default parameters. The model allocates its state (about 100 bytes a pixel)
-// on the first frame and frees it with the learner. One object serves one analysis pass;
+// model at its default parameters (computed by MixtureModel, which gives the same images).
+// The model reserves its state (up to 100 bytes a pixel) on the first frame and frees it
+// with the learner. One object serves one analysis pass;
 // not thread-safe.
 class BackgroundLearner {
 public:
@@ -29,8 +30,7 @@ public:
     int learntFrames() const { return m_learntFrames; }
 
 private:
-    cv::Ptr<cv::BackgroundSubtractorMOG2> m_model;
+    MixtureModel m_model;
     RgbConverter m_converter;
-    cv::Mat m_foreground;
     int m_learntFrames = 0;
 };

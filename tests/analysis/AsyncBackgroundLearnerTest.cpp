@@ -4,6 +4,8 @@
 
 #include <QtTest>
 
+#include <opencv2/core.hpp>
+
 extern "C" {
 #include <libavutil/frame.h>
 }

@@ -1,0 +1,440 @@
+#include "MixtureModel.h"
+
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <vector>
+
+// Built with -ffp-contract=off (see CMakeLists.txt): a fused multiply-add would round
+// differently from the library's separate multiply and add.
+
+namespace {
+
+// The library's defaults for the model.
+constexpr int kModes = 5;
+constexpr int kHistory = 500;
+constexpr float kMatchThreshold = 3.0f * 3.0f;      // squared distance, in variances, of a match
+constexpr float kBackgroundThreshold = 4.0f * 4.0f; // ... of a pixel that shows the background
+constexpr float kBackgroundRatio = 0.9f;            // weight that makes up the background
+constexpr float kInitialVariance = 15.0f;
+constexpr float kMinVariance = 4.0f;
+constexpr float kMaxVariance = 5 * kInitialVariance;
+constexpr float kComplexityReduction = 0.05f;
+
+constexpr int kChannels = 3;
+// Per mode: weight, variance and one mean a channel.
+constexpr int kWeight = 0;
+constexpr int kVariance = 1;
+constexpr int kMean = 2;
+constexpr int kFields = kMean + kChannels;
+
+constexpr int kLanes = 8;
+
+typedef float Floats __attribute__((vector_size(kLanes * sizeof(float))));
+typedef std::int32_t Ints __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+typedef long long Longs __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+
+// The model's learning rate for one frame, as the library derives it from the frame count.
+struct Rates {
+    Floats alpha;  // weight given to the new frame
+    Floats keep;   // 1 - alpha
+    Floats prune;  // negative bias on every weight, so that unsupported modes die out
+    Floats pruneBelow;
+};
+
+struct Planes {
+    float* field[kModes][kFields];
+    std::uint8_t* usedModes;
+};
+
+// The helpers and the update below are inlined into one copy per instruction set.
+#define TREMORA_INLINE inline __attribute__((always_inline))
+
+TREMORA_INLINE Floats splat(float value)
+{
+    return Floats{value, value, value, value, value, value, value, value};
+}
+
+TREMORA_INLINE Ints splat(std::int32_t value)
+{
+    return Ints{value, value, value, value, value, value, value, value};
+}
+
+TREMORA_INLINE Floats load(const float* at)
+{
+    Floats values;
+    std::memcpy(&values, at, sizeof values);
+    return values;
+}
+
+TREMORA_INLINE void store(float* at, Floats values)
+{
+    std::memcpy(at, &values, sizeof values);
+}
+
+TREMORA_INLINE Floats select(Ints where, Floats yes, Floats no)
+{
+    return reinterpret_cast<Floats>((reinterpret_cast<Ints>(yes) & where) | (reinterpret_cast<Ints>(no) & ~where));
+}
+
+TREMORA_INLINE Ints select(Ints where, Ints yes, Ints no)
+{
+    return (yes & where) | (no & ~where);
+}
+
+TREMORA_INLINE bool any(Ints lanes)
+{
+    const Longs halves = reinterpret_cast<Longs>(lanes);
+    return (halves[0] | halves[1] | halves[2] | halves[3]) != 0;
+}
+
+TREMORA_INLINE void storeWhere(float* at, Ints where, Floats values)
+{
+    store(at, select(where, values, load(at)));
+}
+
+TREMORA_INLINE Ints loadModeCounts(const std::uint8_t* at)
+{
+    return Ints{at[0], at[1], at[2], at[3], at[4], at[5], at[6], at[7]};
+}
+
+TREMORA_INLINE void storeModeCounts(std::uint8_t* at, Ints counts)
+{
+    for (int lane = 0; lane < kLanes; ++lane)
+        at[lane] = static_cast<std::uint8_t>(counts[lane]);
+}
+
+// Exchanges modes `upper` and `upper - 1` (all fields) in the lanes of `where`.
+TREMORA_INLINE void swapModes(const Planes& planes, std::size_t at, int upper, Ints where)
+{
+    for (int field = 0; field < kFields; ++field) {
+        float* below = planes.field[upper][field] + at;
+        float* above = planes.field[upper - 1][field] + at;
+        const Floats belowValues = load(below);
+        const Floats aboveValues = load(above);
+        store(below, select(where, aboveValues, belowValues));
+        store(above, select(where, belowValues, aboveValues));
+    }
+}
+
+// A mode that matches the pixel moves towards it, gains weight and moves up past the modes
+// it now outweighs. Returns in each lane how many places the mode moved.
+TREMORA_INLINE Ints updateMatchedMode(const Planes& planes, std::size_t at, int mode, Ints matched,
+                                      const Floats (&difference)[kChannels], Floats distance2, Floats variance,
+                                      Floats& weight, const Rates& rates)
+{
+    const Floats grown = weight + rates.alpha;
+    const Floats step = rates.alpha / grown;
+    weight = select(matched, grown, weight);
+    for (int channel = 0; channel < kChannels; ++channel) {
+        float* mean = planes.field[mode][kMean + channel] + at;
+        storeWhere(mean, matched, load(mean) - step * difference[channel]);
+    }
+    Floats updated = variance + step * (distance2 - variance);
+    updated = select(updated < splat(kMinVariance), splat(kMinVariance), updated);
+    updated = select(splat(kMaxVariance) < updated, splat(kMaxVariance), updated);
+    storeWhere(planes.field[mode][kVariance] + at, matched, updated);
+
+    Ints moves = splat(0);
+    Ints moving = matched;
+    for (int upper = mode; upper > 0; --upper) {
+        moving &= ~(weight < load(planes.field[upper - 1][kWeight] + at));
+        if (!any(moving))
+            break;
+        swapModes(planes, at, upper, moving);
+        moves -= moving;
+    }
+    return moves;
+}
+
+// Stores the new weight of `mode`, which in lanes where it matched has moved up `moves`
+// places.
+TREMORA_INLINE void storeWeight(const Planes& planes, std::size_t at, int mode, Ints active, Ints moves,
+                                Floats weight)
+{
+    storeWhere(planes.field[mode][kWeight] + at, active & (moves == splat(0)), weight);
+    const Ints moved = active & ~(moves == splat(0));
+    if (!any(moved))
+        return;
+    for (int place = 0; place < mode; ++place)
+        storeWhere(planes.field[place][kWeight] + at, moved & (moves == splat(mode - place)), weight);
+}
+
+// Ages every mode, updates the first one that matches the pixel and drops modes whose weight
+// falls below zero. Returns the lanes where a mode matched; `background` gets the lanes that
+// lie close to a mode among the heaviest that make up the background.
+TREMORA_INLINE Ints ageAndMatch(const Planes& planes, std::size_t at, const Floats (&pixel)[kChannels],
+                                Ints& usedModes, Floats& totalWeight, Ints& background, const Rates& rates)
+{
+    Ints matchedAny = splat(0);
+    for (int mode = 0; mode < kModes; ++mode) {
+        const Ints active = splat(mode) < usedModes;
+        if (!any(active))
+            break;
+        Floats weight = rates.keep * load(planes.field[mode][kWeight] + at) + rates.prune;
+        Ints moves = splat(0);
+        const Ints unmatched = active & ~matchedAny;
+        if (any(unmatched)) {
+            const Floats variance = load(planes.field[mode][kVariance] + at);
+            Floats difference[kChannels];
+            for (int channel = 0; channel < kChannels; ++channel)
+                difference[channel] = load(planes.field[mode][kMean + channel] + at) - pixel[channel];
+            const Floats distance2 = difference[0] * difference[0] + difference[1] * difference[1]
+                                     + difference[2] * difference[2];
+            background |= unmatched & (totalWeight < splat(kBackgroundRatio))
+                          & (distance2 < splat(kBackgroundThreshold) * variance);
+            const Ints matched = unmatched & (distance2 < splat(kMatchThreshold) * variance);
+            if (any(matched)) {
+                matchedAny |= matched;
+                moves = updateMatchedMode(planes, at, mode, matched, difference, distance2, variance, weight, rates);
+            }
+        }
+        const Ints pruned = active & (weight < rates.pruneBelow);
+        weight = select(pruned, splat(0.0f), weight);
+        usedModes += pruned;
+        storeWeight(planes, at, mode, active, moves, weight);
+        totalWeight = select(active, totalWeight + weight, totalWeight);
+    }
+    return matchedAny;
+}
+
+TREMORA_INLINE void normaliseWeights(const Planes& planes, std::size_t at, Ints usedModes, Floats totalWeight)
+{
+    const Ints magnitude = reinterpret_cast<Ints>(totalWeight) & splat(0x7fffffff);
+    const Ints significant = splat(FLT_EPSILON) < reinterpret_cast<Floats>(magnitude);
+    const Floats scale = select(significant, splat(1.0f) / totalWeight, splat(0.0f));
+    for (int mode = 0; mode < kModes; ++mode) {
+        const Ints active = splat(mode) < usedModes;
+        if (!any(active))
+            break;
+        float* weight = planes.field[mode][kWeight] + at;
+        storeWhere(weight, active, load(weight) * scale);
+    }
+}
+
+// Where no mode matched, the pixel starts a new mode (replacing the weakest when all are in
+// use) with a small weight, which then moves up past weaker modes.
+TREMORA_INLINE void addModes(const Planes& planes, std::size_t at, const Floats (&pixel)[kChannels],
+                             Ints fresh, Ints& usedModes, const Rates& rates)
+{
+    const Ints full = usedModes == splat(kModes);
+    const Ints slot = select(full, splat(kModes - 1), usedModes);
+    usedModes = select(fresh & ~full, usedModes + splat(1), usedModes);
+    const Floats newWeight = select(usedModes == splat(1), splat(1.0f), rates.alpha);
+    for (int mode = 0; mode < kModes; ++mode) {
+        const Ints here = fresh & (slot == splat(mode));
+        const Ints others = fresh & (splat(mode) < usedModes - splat(1));
+        float* weight = planes.field[mode][kWeight] + at;
+        const Floats old = load(weight);
+        store(weight, select(here, newWeight, select(others, old * rates.keep, old)));
+        storeWhere(planes.field[mode][kVariance] + at, here, splat(kInitialVariance));
+        for (int channel = 0; channel < kChannels; ++channel)
+            storeWhere(planes.field[mode][kMean + channel] + at, here, pixel[channel]);
+    }
+
+    Ints stopped = ~fresh;
+    for (int upper = kModes - 1; upper > 0; --upper) {
+        const Ints considered = ~stopped & (splat(upper) < usedModes);
+        if (!any(considered))
+            continue;
+        const Ints up = considered & ~(rates.alpha < load(planes.field[upper - 1][kWeight] + at));
+        stopped |= considered & ~up;
+        swapModes(planes, at, upper, up);
+    }
+}
+
+// Returns the lanes that show the background.
+TREMORA_INLINE Ints updateGroup(const Planes& planes, std::size_t at, const float* const (&channels)[kChannels],
+                                const Rates& rates)
+{
+    const Floats pixel[kChannels] = {load(channels[0]), load(channels[1]), load(channels[2])};
+    Ints usedModes = loadModeCounts(planes.usedModes + at);
+    Floats totalWeight = splat(0.0f);
+    Ints background = splat(0);
+    const Ints matched = ageAndMatch(planes, at, pixel, usedModes, totalWeight, background, rates);
+    normaliseWeights(planes, at, usedModes, totalWeight);
+    if (any(~matched))
+        addModes(planes, at, pixel, ~matched, usedModes, rates);
+    storeModeCounts(planes.usedModes + at, usedModes);
+    return background;
+}
+
+// `channels` hold the row's pixels as floats, zero past the width up to `stride`. With a
+// `foreground` row (of `stride` bytes), marks each pixel 0 for background, 255 otherwise.
+TREMORA_INLINE void updateRow(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels],
+                              int stride, std::uint8_t* foreground, const Rates& rates)
+{
+    for (int x = 0; x < stride; x += kLanes) {
+        const float* const group[kChannels] = {channels[0] + x, channels[1] + x, channels[2] + x};
+        const Ints background = updateGroup(planes, rowStart + static_cast<std::size_t>(x), group, rates);
+        if (foreground)
+            for (int lane = 0; lane < kLanes; ++lane)
+                foreground[x + lane] = background[lane] ? 0 : 255;
+    }
+}
+
+#undef TREMORA_INLINE
+
+void updateRowBaseline(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels],
+                       int stride, std::uint8_t* foreground, const Rates& rates)
+{
+    updateRow(planes, rowStart, channels, stride, foreground, rates);
+}
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#define TREMORA_AVX2_DISPATCH 1
+
+__attribute__((target("avx2"))) void updateRowAvx2(const Planes& planes, std::size_t rowStart,
+                                                  const float* const (&channels)[kChannels], int stride,
+                                                  std::uint8_t* foreground, const Rates& rates)
+{
+    updateRow(planes, rowStart, channels, stride, foreground, rates);
+}
+
+const bool hasAvx2 = __builtin_cpu_supports("avx2");
+#endif
+
+void learnRow(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels], int stride,
+              std::uint8_t* foreground, const Rates& rates)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return updateRowAvx2(planes, rowStart, channels, stride, foreground, rates);
+#endif
+    updateRowBaseline(planes, rowStart, channels, stride, foreground, rates);
+}
+
+Rates ratesForFrame(int frame)
+{
+    // As the library: the rate falls as 1 / (2 n) until the history is full.
+    const double rate = 1.0 / std::min(2 * frame, kHistory);
+    const float alpha = static_cast<float>(rate);
+    const float prune = static_cast<float>(-rate * kComplexityReduction);
+    return Rates{splat(alpha), splat(1.0f - alpha), splat(prune), splat(-prune)};
+}
+
+// Learns rows [range.start, range.end) of one frame.
+class RowsLearner : public cv::ParallelLoopBody {
+public:
+    RowsLearner(const cv::Mat& frame, cv::Mat* foreground, const Planes& planes, int stride, const Rates& rates)
+        : m_frame(frame), m_foreground(foreground), m_planes(planes), m_stride(stride), m_rates(rates)
+    {
+    }
+
+    void operator()(const cv::Range& range) const override
+    {
+        std::vector<float> row(static_cast<std::size_t>(m_stride) * kChannels, 0.0f);
+        std::vector<std::uint8_t> foregroundRow(m_foreground ? static_cast<std::size_t>(m_stride) : 0);
+        const float* const channels[kChannels] = {row.data(), row.data() + m_stride, row.data() + 2 * m_stride};
+        for (int y = range.start; y < range.end; ++y) {
+            const std::uint8_t* pixels = m_frame.ptr<std::uint8_t>(y);
+            for (int x = 0; x < m_frame.cols; ++x)
+                for (int channel = 0; channel < kChannels; ++channel)
+                    row[static_cast<std::size_t>(channel * m_stride + x)] = pixels[kChannels * x + channel];
+            learnRow(m_planes, static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride), channels, m_stride,
+                     m_foreground ? foregroundRow.data() : nullptr, m_rates);
+            if (m_foreground)
+                std::memcpy(m_foreground->ptr(y), foregroundRow.data(), static_cast<std::size_t>(m_frame.cols));
+        }
+    }
+
+private:
+    const cv::Mat& m_frame;
+    cv::Mat* m_foreground;
+    const Planes& m_planes;
+    int m_stride;
+    const Rates& m_rates;
+};
+
+} // namespace
+
+MixtureModel::MixtureModel() = default;
+
+MixtureModel::~MixtureModel() = default;
+
+void MixtureModel::start(cv::Size size)
+{
+    m_memory.reset();
+    m_size = size;
+    m_stride = (size.width + kLanes - 1) / kLanes * kLanes;
+    const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(size.height);
+    // calloc hands large blocks out as fresh zero pages, which cost nothing until written.
+    m_memory.reset(std::calloc(pixels, kModes * kFields * sizeof(float) + sizeof(std::uint8_t)));
+    if (!m_memory)
+        throw std::bad_alloc();
+    m_frames = 0;
+}
+
+float* MixtureModel::plane(int mode, int field) const
+{
+    const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
+    return static_cast<float*>(m_memory.get()) + (static_cast<std::size_t>(mode) * kFields + field) * pixels;
+}
+
+std::uint8_t* MixtureModel::usedModes() const
+{
+    return reinterpret_cast<std::uint8_t*>(plane(kModes, 0));
+}
+
+void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
+{
+    CV_Assert(frame.type() == CV_8UC3 && !frame.empty());
+    if (foreground)
+        foreground->create(frame.size(), CV_8UC1);
+    if (!m_memory || frame.size() != m_size)
+        start(frame.size());
+    ++m_frames;
+    Planes planes;
+    for (int mode = 0; mode < kModes; ++mode)
+        for (int field = 0; field < kFields; ++field)
+            planes.field[mode][field] = plane(mode, field);
+    planes.usedModes = usedModes();
+    const Rates rates = ratesForFrame(m_frames);
+    // The library splits a frame into stripes of about 65,536 pixels.
+    cv::parallel_for_(cv::Range(0, frame.rows), RowsLearner(frame, foreground, planes, m_stride, rates),
+                      static_cast<double>(frame.total()) / (1 << 16));
+}
+
+template <typename Value>
+void MixtureModel::fillBackground(cv::Mat& background) const
+{
+    const std::uint8_t* used = usedModes();
+    for (int y = 0; y < m_size.height; ++y) {
+        Value* out = background.ptr<Value>(y);
+        for (int x = 0; x < m_size.width; ++x) {
+            const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride) + x;
+            float sum[kChannels] = {0.0f, 0.0f, 0.0f};
+            float totalWeight = 0.0f;
+            for (int mode = 0; mode < used[at]; ++mode) {
+                const float weight = plane(mode, kWeight)[at];
+                for (int channel = 0; channel < kChannels; ++channel)
+                    sum[channel] += weight * plane(mode, kMean + channel)[at];
+                totalWeight += weight;
+                if (totalWeight > kBackgroundRatio)
+                    break;
+            }
+            const float scale = std::abs(totalWeight) > FLT_EPSILON ? 1.0f / totalWeight : 0.0f;
+            for (int channel = 0; channel < kChannels; ++channel)
+                out[kChannels * x + channel] = cv::saturate_cast<Value>(sum[channel] * scale);
+        }
+    }
+}
+
+void MixtureModel::backgroundImage(cv::Mat& background, int depth) const
+{
+    CV_Assert(depth == CV_8U || depth == CV_32F);
+    if (m_frames == 0) {
+        background.release();
+        return;
+    }
+    background.create(m_size, CV_MAKETYPE(depth, kChannels));
+    if (depth == CV_8U)
+        fillBackground<std::uint8_t>(background);
+    else
+        fillBackground<float>(background);
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <opencv2/core/mat.hpp>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+// The library's adaptive Gaussian-mixture background model (cv::BackgroundSubtractorMOG2 at
+// its default parameters, learning at its automatic rate) for 8-bit three-channel frames,
+// computed with the same single-precision arithmetic in the same order, so that its
+// background images are identical to the library's to the last bit. Three things differ,
+// none of them visible in the background:
+// - the foreground mask is optional and tells no shadows apart (the library marks them 127);
+// - eight pixels are updated at once, with each mode's weights, variances and means in planes
+//   of their own, so a frame reads only the modes its pixels use;
+// - the planes start as untouched zero pages, so a scene that needs few modes a pixel keeps
+//   only those resident instead of the full 100 bytes a pixel.
+//
+// Called from one thread at a time; apply() spreads its work over the library's threads.
+class MixtureModel {
+public:
+    MixtureModel();
+    ~MixtureModel();
+
+    MixtureModel(const MixtureModel&) = delete;
+    MixtureModel& operator=(const MixtureModel&) = delete;
+
+    // Learns one CV_8UC3 frame. A frame of another size than the ones before starts the
+    // model over, as the library's model does. With `foreground`, also marks each pixel as
+    // the library classifies it before learning: 0 where it shows the background, else 255.
+    void apply(const cv::Mat& frame, cv::Mat* foreground = nullptr);
+
+    // The model's background in the frames' channel order, as a CV_8UC3 image or, with
+    // `depth` CV_32F, unrounded as CV_32FC3; empty before the first frame.
+    void backgroundImage(cv::Mat& background, int depth = CV_8U) const;
+
+    // Frames learnt since the model (last) started.
+    int frames() const { return m_frames; }
+
+private:
+    struct FreeMemory {
+        void operator()(void* memory) const { std::free(memory); }
+    };
+
+    void start(cv::Size size);
+    template <typename Value>
+    void fillBackground(cv::Mat& background) const;
+    float* plane(int mode, int field) const;
+    uint8_t* usedModes() const;
+
+    cv::Size m_size;
+    // Pixels a plane row holds: the width rounded up to whole groups of eight.
+    int m_stride = 0;
+    std::unique_ptr<void, FreeMemory> m_memory;
+    int m_frames = 0;
+};
