@@ -20,8 +20,8 @@ class RgbConverter;
 // pass converts each frame to R,G,B itself, as it hands it over, so that the learner's own
 // thread does nothing but feed the model, and no decoded picture is kept.
 //
-// The model's state is large (about 100 bytes a pixel, 200 MB for 1080p), so at most one
-// exists in the process at a time: a learner takes the process-wide model slot before its
+// The model's state is large (up to 100 bytes a pixel, 200 MB for 1080p, where the scene
+// fills every mode), so at most one exists in the process at a time: a learner takes the process-wide model slot before its
 // first frame and gives it back in finish(). A pass whose learner waits for the slot
 // meanwhile does nothing, while the pass holding it uses the cores.
 //

@@ -10,6 +10,9 @@
 #include <new>
 #include <vector>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 // Built with -ffp-contract=off (see CMakeLists.txt): a fused multiply-add would round
 // differently from the library's separate multiply and add.
 
@@ -37,6 +40,7 @@ constexpr int kLanes = 8;
 
 typedef float Floats __attribute__((vector_size(kLanes * sizeof(float))));
 typedef std::int32_t Ints __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+typedef std::uint8_t Bytes __attribute__((vector_size(kLanes)));
 typedef long long Longs __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
 
 // The model's learning rate for one frame, as the library derives it from the frame count.
@@ -70,6 +74,14 @@ TREMORA_INLINE Floats load(const float* at)
     Floats values;
     std::memcpy(&values, at, sizeof values);
     return values;
+}
+
+// Eight 8-bit values as floats, exactly.
+TREMORA_INLINE Floats loadBytes(const std::uint8_t* at)
+{
+    Bytes values;
+    std::memcpy(&values, at, sizeof values);
+    return __builtin_convertvector(values, Floats);
 }
 
 TREMORA_INLINE void store(float* at, Floats values)
@@ -229,9 +241,14 @@ TREMORA_INLINE void addModes(const Planes& planes, std::size_t at, const Floats 
     for (int mode = 0; mode < kModes; ++mode) {
         const Ints here = fresh & (slot == splat(mode));
         const Ints others = fresh & (splat(mode) < usedModes - splat(1));
+        // Modes no lane uses stay unwritten, so that their pages need not become resident.
+        if (!any(here | others))
+            continue;
         float* weight = planes.field[mode][kWeight] + at;
         const Floats old = load(weight);
         store(weight, select(here, newWeight, select(others, old * rates.keep, old)));
+        if (!any(here))
+            continue;
         storeWhere(planes.field[mode][kVariance] + at, here, splat(kInitialVariance));
         for (int channel = 0; channel < kChannels; ++channel)
             storeWhere(planes.field[mode][kMean + channel] + at, here, pixel[channel]);
@@ -249,10 +266,10 @@ TREMORA_INLINE void addModes(const Planes& planes, std::size_t at, const Floats 
 }
 
 // Returns the lanes that show the background.
-TREMORA_INLINE Ints updateGroup(const Planes& planes, std::size_t at, const float* const (&channels)[kChannels],
+TREMORA_INLINE Ints updateGroup(const Planes& planes, std::size_t at, const std::uint8_t* const (&channels)[kChannels],
                                 const Rates& rates)
 {
-    const Floats pixel[kChannels] = {load(channels[0]), load(channels[1]), load(channels[2])};
+    const Floats pixel[kChannels] = {loadBytes(channels[0]), loadBytes(channels[1]), loadBytes(channels[2])};
     Ints usedModes = loadModeCounts(planes.usedModes + at);
     Floats totalWeight = splat(0.0f);
     Ints background = splat(0);
@@ -264,49 +281,69 @@ TREMORA_INLINE Ints updateGroup(const Planes& planes, std::size_t at, const floa
     return background;
 }
 
-// `channels` hold the row's pixels as floats, zero past the width up to `stride`. With a
-// `foreground` row (of `stride` bytes), marks each pixel 0 for background, 255 otherwise.
-TREMORA_INLINE void updateRow(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels],
-                              int stride, std::uint8_t* foreground, const Rates& rates)
+// One thread's buffers for a row: its pixels split into channels (zero past the width up to
+// the stride) and, when asked for, its foreground marks.
+struct RowBuffers {
+    std::uint8_t* channels[kChannels];
+    std::uint8_t* foreground;
+    int stride;
+};
+
+TREMORA_INLINE void splitRow(const std::uint8_t* __restrict pixels, int width, std::uint8_t* __restrict first,
+                             std::uint8_t* __restrict second, std::uint8_t* __restrict third)
 {
-    for (int x = 0; x < stride; x += kLanes) {
-        const float* const group[kChannels] = {channels[0] + x, channels[1] + x, channels[2] + x};
+    for (int x = 0; x < width; ++x) {
+        first[x] = pixels[kChannels * x];
+        second[x] = pixels[kChannels * x + 1];
+        third[x] = pixels[kChannels * x + 2];
+    }
+}
+
+// Learns one row of `width` R,G,B pixels. With foreground marks asked for, marks each pixel
+// 0 for background, 255 otherwise.
+TREMORA_INLINE void updateRow(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
+                              const RowBuffers& buffers, const Rates& rates)
+{
+    splitRow(pixels, width, buffers.channels[0], buffers.channels[1], buffers.channels[2]);
+    for (int x = 0; x < buffers.stride; x += kLanes) {
+        const std::uint8_t* const group[kChannels] = {buffers.channels[0] + x, buffers.channels[1] + x,
+                                                      buffers.channels[2] + x};
         const Ints background = updateGroup(planes, rowStart + static_cast<std::size_t>(x), group, rates);
-        if (foreground)
+        if (buffers.foreground)
             for (int lane = 0; lane < kLanes; ++lane)
-                foreground[x + lane] = background[lane] ? 0 : 255;
+                buffers.foreground[x + lane] = background[lane] ? 0 : 255;
     }
 }
 
 #undef TREMORA_INLINE
 
-void updateRowBaseline(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels],
-                       int stride, std::uint8_t* foreground, const Rates& rates)
+void updateRowBaseline(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
+                       const RowBuffers& buffers, const Rates& rates)
 {
-    updateRow(planes, rowStart, channels, stride, foreground, rates);
+    updateRow(planes, rowStart, pixels, width, buffers, rates);
 }
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define TREMORA_AVX2_DISPATCH 1
 
 __attribute__((target("avx2"))) void updateRowAvx2(const Planes& planes, std::size_t rowStart,
-                                                  const float* const (&channels)[kChannels], int stride,
-                                                  std::uint8_t* foreground, const Rates& rates)
+                                                  const std::uint8_t* pixels, int width, const RowBuffers& buffers,
+                                                  const Rates& rates)
 {
-    updateRow(planes, rowStart, channels, stride, foreground, rates);
+    updateRow(planes, rowStart, pixels, width, buffers, rates);
 }
 
 const bool hasAvx2 = __builtin_cpu_supports("avx2");
 #endif
 
-void learnRow(const Planes& planes, std::size_t rowStart, const float* const (&channels)[kChannels], int stride,
-              std::uint8_t* foreground, const Rates& rates)
+void learnRow(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
+              const RowBuffers& buffers, const Rates& rates)
 {
 #ifdef TREMORA_AVX2_DISPATCH
     if (hasAvx2)
-        return updateRowAvx2(planes, rowStart, channels, stride, foreground, rates);
+        return updateRowAvx2(planes, rowStart, pixels, width, buffers, rates);
 #endif
-    updateRowBaseline(planes, rowStart, channels, stride, foreground, rates);
+    updateRowBaseline(planes, rowStart, pixels, width, buffers, rates);
 }
 
 Rates ratesForFrame(int frame)
@@ -328,18 +365,16 @@ public:
 
     void operator()(const cv::Range& range) const override
     {
-        std::vector<float> row(static_cast<std::size_t>(m_stride) * kChannels, 0.0f);
-        std::vector<std::uint8_t> foregroundRow(m_foreground ? static_cast<std::size_t>(m_stride) : 0);
-        const float* const channels[kChannels] = {row.data(), row.data() + m_stride, row.data() + 2 * m_stride};
+        const std::size_t stride = static_cast<std::size_t>(m_stride);
+        std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
+        const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
+                                 m_foreground ? memory.data() + 3 * stride : nullptr,
+                                 m_stride};
         for (int y = range.start; y < range.end; ++y) {
-            const std::uint8_t* pixels = m_frame.ptr<std::uint8_t>(y);
-            for (int x = 0; x < m_frame.cols; ++x)
-                for (int channel = 0; channel < kChannels; ++channel)
-                    row[static_cast<std::size_t>(channel * m_stride + x)] = pixels[kChannels * x + channel];
-            learnRow(m_planes, static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride), channels, m_stride,
-                     m_foreground ? foregroundRow.data() : nullptr, m_rates);
+            learnRow(m_planes, static_cast<std::size_t>(y) * stride, m_frame.ptr<std::uint8_t>(y), m_frame.cols,
+                     buffers, m_rates);
             if (m_foreground)
-                std::memcpy(m_foreground->ptr(y), foregroundRow.data(), static_cast<std::size_t>(m_frame.cols));
+                std::memcpy(m_foreground->ptr(y), buffers.foreground, static_cast<std::size_t>(m_frame.cols));
         }
     }
 
@@ -355,30 +390,54 @@ private:
 
 MixtureModel::MixtureModel() = default;
 
-MixtureModel::~MixtureModel() = default;
+MixtureModel::~MixtureModel()
+{
+    release();
+}
+
+void MixtureModel::release()
+{
+    if (m_memory)
+        munmap(m_memory, m_bytes);
+    m_memory = nullptr;
+    m_bytes = 0;
+}
 
 void MixtureModel::start(cv::Size size)
 {
-    m_memory.reset();
+    release();
     m_size = size;
     m_stride = (size.width + kLanes - 1) / kLanes * kLanes;
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(size.height);
-    // calloc hands large blocks out as fresh zero pages, which cost nothing until written.
-    m_memory.reset(std::calloc(pixels, kModes * kFields * sizeof(float) + sizeof(std::uint8_t)));
-    if (!m_memory)
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    m_planesOffset = (pixels + page - 1) / page * page;
+    m_bytes = m_planesOffset + pixels * kModes * kFields * sizeof(float);
+    // Fresh anonymous pages cost nothing until written, so the modes no pixel reaches never
+    // become resident.
+    void* memory = mmap(nullptr, m_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
         throw std::bad_alloc();
+    m_memory = static_cast<std::uint8_t*>(memory);
+    // Every pixel uses the mode counts and its first mode from the first frame on. Writing
+    // them now, in large pages where the system allows, spares each of their pages a fault on
+    // the first read and a second one, which flushes every core's address cache, on the
+    // first write.
+    const std::size_t firstMode = m_planesOffset + pixels * kFields * sizeof(float);
+    madvise(m_memory, firstMode, MADV_HUGEPAGE);
+    std::memset(m_memory, 0, firstMode);
     m_frames = 0;
 }
 
 float* MixtureModel::plane(int mode, int field) const
 {
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
-    return static_cast<float*>(m_memory.get()) + (static_cast<std::size_t>(mode) * kFields + field) * pixels;
+    return reinterpret_cast<float*>(m_memory + m_planesOffset)
+           + (static_cast<std::size_t>(mode) * kFields + static_cast<std::size_t>(field)) * pixels;
 }
 
 std::uint8_t* MixtureModel::usedModes() const
 {
-    return reinterpret_cast<std::uint8_t*>(plane(kModes, 0));
+    return m_memory;
 }
 
 void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)

@@ -3,8 +3,7 @@
 #include <opencv2/core/mat.hpp>
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
+#include <cstddef>
 
 // The library's adaptive Gaussian-mixture background model (cv::BackgroundSubtractorMOG2 at
 // its default parameters, learning at its automatic rate) for 8-bit three-channel frames,
@@ -39,11 +38,8 @@ public:
     int frames() const { return m_frames; }
 
 private:
-    struct FreeMemory {
-        void operator()(void* memory) const { std::free(memory); }
-    };
-
     void start(cv::Size size);
+    void release();
     template <typename Value>
     void fillBackground(cv::Mat& background) const;
     float* plane(int mode, int field) const;
@@ -52,6 +48,9 @@ private:
     cv::Size m_size;
     // Pixels a plane row holds: the width rounded up to whole groups of eight.
     int m_stride = 0;
-    std::unique_ptr<void, FreeMemory> m_memory;
+    // The count of modes in use a pixel, then the planes: all of one mode, then the next.
+    std::uint8_t* m_memory = nullptr;
+    std::size_t m_bytes = 0;
+    std::size_t m_planesOffset = 0;
     int m_frames = 0;
 };
