@@ -1,8 +1,12 @@
 // Times N updates of a default-constructed MOG2 background model on synthetic colour frames:
 // a still, textured scene with light sensor noise and a few boxes moving across it. Only the
-// apply() calls are timed; building each frame is not.
+// apply() calls are timed; building each frame is not. With --model tremora, times our own
+// computation of the same model (MixtureModel) on the same frames instead of the library's.
 //
 // Usage: tremora-mog2-bench [--width W] [--height H] [--calls N] [--threads T]
+//                           [--model library|tremora]
+
+#include "MixtureModel.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
@@ -23,14 +27,17 @@ struct Options {
     int height = 1080;
     int calls = 100;
     int threads = cv::getNumberOfCPUs();
+    bool ours = false; // our own computation of the same model instead of the library's
 };
 
 void printUsage(const char* program)
 {
     std::printf("Usage: %s [--width W] [--height H] [--calls N] [--threads T]\n"
+                "          [--model library|tremora]\n"
                 "Times N calls (default 100) of MOG2 apply() on W x H RGB frames\n"
                 "(default 1920 x 1080) with T OpenCV threads (default: the number of cores)\n"
-                "and prints the seconds they took.\n",
+                "and prints the seconds they took. --model tremora times Tremora's own\n"
+                "computation of the same model instead of the library's.\n",
                 program);
 }
 
@@ -62,9 +69,19 @@ int* optionTarget(const char* name, Options& options)
     return nullptr;
 }
 
+bool parseModel(const char* text, Options& options)
+{
+    if (std::strcmp(text, "library") != 0 && std::strcmp(text, "tremora") != 0)
+        return false;
+    options.ours = std::strcmp(text, "tremora") == 0;
+    return true;
+}
+
 bool parseOptions(int argc, char** argv, Options& options)
 {
     for (int i = 1; i < argc; i += 2) {
+        if (std::strcmp(argv[i], "--model") == 0 && i + 1 < argc && parseModel(argv[i + 1], options))
+            continue;
         int* target = optionTarget(argv[i], options);
         if (target == nullptr || i + 1 >= argc || !parsePositive(argv[i + 1], *target)) {
             std::fprintf(stderr, "%s: bad option '%s'\n", argv[0], argv[i]);
@@ -140,14 +157,18 @@ struct Result {
 Result timeApplyCalls(const Options& options)
 {
     const FrameMaker maker(options.width, options.height);
-    const cv::Ptr<cv::BackgroundSubtractorMOG2> model = cv::createBackgroundSubtractorMOG2();
+    const cv::Ptr<cv::BackgroundSubtractorMOG2> library = cv::createBackgroundSubtractorMOG2();
+    MixtureModel ours;
     cv::Mat frame;
     cv::Mat foreground;
     std::chrono::steady_clock::duration spent{};
     for (int i = 0; i < options.calls; ++i) {
         maker.make(i, frame);
         const auto start = std::chrono::steady_clock::now();
-        model->apply(frame, foreground, -1.0);
+        if (options.ours)
+            ours.apply(frame, i + 1 == options.calls ? &foreground : nullptr);
+        else
+            library->apply(frame, foreground, -1.0);
         spent += std::chrono::steady_clock::now() - start;
     }
     Result result;
@@ -173,8 +194,8 @@ int main(int argc, char** argv)
     try {
         const Result result = timeApplyCalls(options);
         // The foreground share shows the model really tracks the boxes: a few percent, not 0 or 100.
-        std::printf("mog2 apply: %d calls, %dx%d RGB, %d threads, foreground %.1f%%, seconds %.6f\n",
-                    options.calls, options.width, options.height, cv::getNumThreads(),
+        std::printf("%s apply: %d calls, %dx%d RGB, %d threads, foreground %.1f%%, seconds %.6f\n",
+                    options.ours ? "tremora mixture" : "mog2", options.calls, options.width, options.height, cv::getNumThreads(),
                     100.0 * result.lastForegroundShare, result.seconds);
     } catch (const cv::Exception& error) {
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
