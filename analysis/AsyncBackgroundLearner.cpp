@@ -51,12 +51,7 @@ private:
 
 } // namespace
 
-AsyncBackgroundLearner::AsyncBackgroundLearner()
-{
-    // One picture being learnt, the queue full, and one being converted meanwhile.
-    for (int i = 0; i < kQueueLength + 1; ++i)
-        m_free.push_back(std::make_unique<RgbConverter>());
-}
+AsyncBackgroundLearner::AsyncBackgroundLearner() = default;
 
 AsyncBackgroundLearner::~AsyncBackgroundLearner()
 {
@@ -126,6 +121,7 @@ void AsyncBackgroundLearner::finish()
     if (m_thread.joinable())
         m_thread.join();
     m_learner.reset();
+    m_free.clear();
     m_stopping = false;
     m_failure = nullptr;
     if (m_holdsSlot) {
@@ -143,6 +139,9 @@ int AsyncBackgroundLearner::learntFrames()
 
 void AsyncBackgroundLearner::start()
 {
+    // One picture being learnt, the queue full, and one being converted meanwhile.
+    for (int i = 0; i < kQueueLength + 1; ++i)
+        m_free.push_back(std::make_unique<RgbConverter>());
     m_learner = std::make_unique<BackgroundLearner>();
     m_thread = std::thread(&AsyncBackgroundLearner::work, this);
 }

@@ -21,8 +21,8 @@ class RgbConverter;
 // thread does nothing but feed the model, and no decoded picture is kept.
 //
 // The model's state is large (up to 100 bytes a pixel, 200 MB for 1080p, where the scene
-// fills every mode), so at most one exists in the process at a time: a learner takes the process-wide model slot before its
-// first frame and gives it back in finish(). A pass whose learner waits for the slot
+// fills every mode), so at most one exists in the process at a time: a learner takes the
+// process-wide model slot before its first frame and gives it back in finish(). A pass whose learner waits for the slot
 // meanwhile does nothing, while the pass holding it uses the cores.
 //
 // All calls come from the one thread that runs the pass; the learner's own thread only
@@ -52,9 +52,9 @@ public:
     // (8-bit R,G,B) into `background`; leaves it as it is when no frame has been learnt.
     void fetchBackground(cv::Mat& background);
 
-    // Waits until the queued frames are learnt, ends the thread, frees the model and gives
-    // the slot back. Later calls of learn() start over with a new model; fetchBackground()
-    // then gives nothing until a frame has been learnt again.
+    // Waits until the queued frames are learnt, ends the thread, frees the model and the
+    // pictures and gives the slot back. Later calls of learn() start over with a new model;
+    // fetchBackground() then gives nothing until a frame has been learnt again.
     void finish();
 
     // Frames learnt by the current model.
