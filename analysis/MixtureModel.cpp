@@ -54,6 +54,9 @@ struct Rates {
 struct Planes {
     float* field[kModes][kFields];
     std::uint8_t* usedModes;
+    // Per page's worth of pixels: how many of their modes' pages have been written.
+    std::uint8_t* writtenModes;
+    std::size_t pagePixels;
 };
 
 // The helpers and the update below are inlined into one copy per instruction set.
@@ -119,6 +122,19 @@ TREMORA_INLINE void storeModeCounts(std::uint8_t* at, Ints counts)
 {
     for (int lane = 0; lane < kLanes; ++lane)
         at[lane] = static_cast<std::uint8_t>(counts[lane]);
+}
+
+// A page first read is the system's shared zero page, and the write after it costs a second
+// fault, which flushes every core's address cache. A new mode's plane is read before it is
+// written, so its pages are written (with the zeros they hold) before their first use.
+TREMORA_INLINE void writeModeAhead(const Planes& planes, std::size_t at, int mode)
+{
+    const std::size_t page = at / planes.pagePixels;
+    if (mode < planes.writtenModes[page])
+        return;
+    for (int field = 0; field < kFields; ++field)
+        std::memset(planes.field[mode][field] + page * planes.pagePixels, 0, planes.pagePixels * sizeof(float));
+    planes.writtenModes[page] = static_cast<std::uint8_t>(mode + 1);
 }
 
 // Exchanges modes `upper` and `upper - 1` (all fields) in the lanes of `where`.
@@ -244,6 +260,7 @@ TREMORA_INLINE void addModes(const Planes& planes, std::size_t at, const Floats 
         // Modes no lane uses stay unwritten, so that their pages need not become resident.
         if (!any(here | others))
             continue;
+        writeModeAhead(planes, at, mode);
         float* weight = planes.field[mode][kWeight] + at;
         const Floats old = load(weight);
         store(weight, select(here, newWeight, select(others, old * rates.keep, old)));
@@ -286,7 +303,6 @@ TREMORA_INLINE Ints updateGroup(const Planes& planes, std::size_t at, const std:
 struct RowBuffers {
     std::uint8_t* channels[kChannels];
     std::uint8_t* foreground;
-    int stride;
 };
 
 TREMORA_INLINE void splitRow(const std::uint8_t* __restrict pixels, int width, std::uint8_t* __restrict first,
@@ -299,16 +315,27 @@ TREMORA_INLINE void splitRow(const std::uint8_t* __restrict pixels, int width, s
     }
 }
 
-// Learns one row of `width` R,G,B pixels. With foreground marks asked for, marks each pixel
-// 0 for background, 255 otherwise.
-TREMORA_INLINE void updateRow(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
-                              const RowBuffers& buffers, const Rates& rates)
+// The part of a row that one thread learns: plane positions [begin, end) of the row starting
+// at `rowStart`, all whole groups of eight; those past the width are padding.
+struct RowSpan {
+    std::size_t rowStart;
+    int begin;
+    int end;
+};
+
+// Learns one span of a row of `width` R,G,B pixels. With foreground marks asked for, marks
+// each pixel of the span 0 for background, 255 otherwise.
+TREMORA_INLINE void updateSpan(const Planes& planes, const RowSpan& span, const std::uint8_t* pixels, int width,
+                               const RowBuffers& buffers, const Rates& rates)
 {
-    splitRow(pixels, width, buffers.channels[0], buffers.channels[1], buffers.channels[2]);
-    for (int x = 0; x < buffers.stride; x += kLanes) {
+    const int pixelsEnd = std::min(span.end, width);
+    if (span.begin < pixelsEnd)
+        splitRow(pixels + kChannels * span.begin, pixelsEnd - span.begin, buffers.channels[0] + span.begin,
+                 buffers.channels[1] + span.begin, buffers.channels[2] + span.begin);
+    for (int x = span.begin; x < span.end; x += kLanes) {
         const std::uint8_t* const group[kChannels] = {buffers.channels[0] + x, buffers.channels[1] + x,
                                                       buffers.channels[2] + x};
-        const Ints background = updateGroup(planes, rowStart + static_cast<std::size_t>(x), group, rates);
+        const Ints background = updateGroup(planes, span.rowStart + static_cast<std::size_t>(x), group, rates);
         if (buffers.foreground)
             for (int lane = 0; lane < kLanes; ++lane)
                 buffers.foreground[x + lane] = background[lane] ? 0 : 255;
@@ -317,33 +344,33 @@ TREMORA_INLINE void updateRow(const Planes& planes, std::size_t rowStart, const 
 
 #undef TREMORA_INLINE
 
-void updateRowBaseline(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
-                       const RowBuffers& buffers, const Rates& rates)
+void updateSpanBaseline(const Planes& planes, const RowSpan& span, const std::uint8_t* pixels, int width,
+                        const RowBuffers& buffers, const Rates& rates)
 {
-    updateRow(planes, rowStart, pixels, width, buffers, rates);
+    updateSpan(planes, span, pixels, width, buffers, rates);
 }
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define TREMORA_AVX2_DISPATCH 1
 
-__attribute__((target("avx2"))) void updateRowAvx2(const Planes& planes, std::size_t rowStart,
-                                                  const std::uint8_t* pixels, int width, const RowBuffers& buffers,
-                                                  const Rates& rates)
+__attribute__((target("avx2"))) void updateSpanAvx2(const Planes& planes, const RowSpan& span,
+                                                   const std::uint8_t* pixels, int width, const RowBuffers& buffers,
+                                                   const Rates& rates)
 {
-    updateRow(planes, rowStart, pixels, width, buffers, rates);
+    updateSpan(planes, span, pixels, width, buffers, rates);
 }
 
 const bool hasAvx2 = __builtin_cpu_supports("avx2");
 #endif
 
-void learnRow(const Planes& planes, std::size_t rowStart, const std::uint8_t* pixels, int width,
-              const RowBuffers& buffers, const Rates& rates)
+void learnSpan(const Planes& planes, const RowSpan& span, const std::uint8_t* pixels, int width,
+               const RowBuffers& buffers, const Rates& rates)
 {
 #ifdef TREMORA_AVX2_DISPATCH
     if (hasAvx2)
-        return updateRowAvx2(planes, rowStart, pixels, width, buffers, rates);
+        return updateSpanAvx2(planes, span, pixels, width, buffers, rates);
 #endif
-    updateRowBaseline(planes, rowStart, pixels, width, buffers, rates);
+    updateSpanBaseline(planes, span, pixels, width, buffers, rates);
 }
 
 Rates ratesForFrame(int frame)
@@ -355,10 +382,11 @@ Rates ratesForFrame(int frame)
     return Rates{splat(alpha), splat(1.0f - alpha), splat(prune), splat(-prune)};
 }
 
-// Learns rows [range.start, range.end) of one frame.
-class RowsLearner : public cv::ParallelLoopBody {
+// Learns the pixels of plane pages [range.start, range.end) of one frame. Each page's pixels
+// are learnt by one thread, which thus alone writes its modes' pages ahead.
+class PagesLearner : public cv::ParallelLoopBody {
 public:
-    RowsLearner(const cv::Mat& frame, cv::Mat* foreground, const Planes& planes, int stride, const Rates& rates)
+    PagesLearner(const cv::Mat& frame, cv::Mat* foreground, const Planes& planes, int stride, const Rates& rates)
         : m_frame(frame), m_foreground(foreground), m_planes(planes), m_stride(stride), m_rates(rates)
     {
     }
@@ -366,15 +394,21 @@ public:
     void operator()(const cv::Range& range) const override
     {
         const std::size_t stride = static_cast<std::size_t>(m_stride);
+        const std::size_t pixels = stride * static_cast<std::size_t>(m_frame.rows);
         std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
         const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
-                                 m_foreground ? memory.data() + 3 * stride : nullptr,
-                                 m_stride};
-        for (int y = range.start; y < range.end; ++y) {
-            learnRow(m_planes, static_cast<std::size_t>(y) * stride, m_frame.ptr<std::uint8_t>(y), m_frame.cols,
-                     buffers, m_rates);
-            if (m_foreground)
-                std::memcpy(m_foreground->ptr(y), buffers.foreground, static_cast<std::size_t>(m_frame.cols));
+                                 m_foreground ? memory.data() + 3 * stride : nullptr};
+        const std::size_t end = std::min(static_cast<std::size_t>(range.end) * m_planes.pagePixels, pixels);
+        for (std::size_t at = static_cast<std::size_t>(range.start) * m_planes.pagePixels; at < end;) {
+            const int y = static_cast<int>(at / stride);
+            const RowSpan span{at - at % stride, static_cast<int>(at % stride),
+                               static_cast<int>(std::min(stride, at % stride + (end - at)))};
+            learnSpan(m_planes, span, m_frame.ptr<std::uint8_t>(y), m_frame.cols, buffers, m_rates);
+            const int marked = std::min(span.end, m_frame.cols) - span.begin;
+            if (m_foreground && marked > 0)
+                std::memcpy(m_foreground->ptr(y) + span.begin, buffers.foreground + span.begin,
+                            static_cast<std::size_t>(marked));
+            at += static_cast<std::size_t>(span.end - span.begin);
         }
     }
 
@@ -410,8 +444,10 @@ void MixtureModel::start(cv::Size size)
     m_stride = (size.width + kLanes - 1) / kLanes * kLanes;
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(size.height);
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    m_pagePixels = page / sizeof(float);
+    m_planePixels = (pixels + m_pagePixels - 1) / m_pagePixels * m_pagePixels;
     m_planesOffset = (pixels + page - 1) / page * page;
-    m_bytes = m_planesOffset + pixels * kModes * kFields * sizeof(float);
+    m_bytes = m_planesOffset + m_planePixels * kModes * kFields * sizeof(float);
     // Fresh anonymous pages cost nothing until written, so the modes no pixel reaches never
     // become resident.
     void* memory = mmap(nullptr, m_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -422,17 +458,17 @@ void MixtureModel::start(cv::Size size)
     // them now, in large pages where the system allows, spares each of their pages a fault on
     // the first read and a second one, which flushes every core's address cache, on the
     // first write.
-    const std::size_t firstMode = m_planesOffset + pixels * kFields * sizeof(float);
+    const std::size_t firstMode = m_planesOffset + m_planePixels * kFields * sizeof(float);
     madvise(m_memory, firstMode, MADV_HUGEPAGE);
     std::memset(m_memory, 0, firstMode);
+    m_writtenModes.assign(m_planePixels / m_pagePixels, 1);
     m_frames = 0;
 }
 
 float* MixtureModel::plane(int mode, int field) const
 {
-    const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
     return reinterpret_cast<float*>(m_memory + m_planesOffset)
-           + (static_cast<std::size_t>(mode) * kFields + static_cast<std::size_t>(field)) * pixels;
+           + (static_cast<std::size_t>(mode) * kFields + static_cast<std::size_t>(field)) * m_planePixels;
 }
 
 std::uint8_t* MixtureModel::usedModes() const
@@ -453,9 +489,12 @@ void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
         for (int field = 0; field < kFields; ++field)
             planes.field[mode][field] = plane(mode, field);
     planes.usedModes = usedModes();
+    planes.writtenModes = m_writtenModes.data();
+    planes.pagePixels = m_pagePixels;
     const Rates rates = ratesForFrame(m_frames);
-    // The library splits a frame into stripes of about 65,536 pixels.
-    cv::parallel_for_(cv::Range(0, frame.rows), RowsLearner(frame, foreground, planes, m_stride, rates),
+    // Stripes of about 65,536 pixels, as the library's.
+    cv::parallel_for_(cv::Range(0, static_cast<int>(m_writtenModes.size())),
+                      PagesLearner(frame, foreground, planes, m_stride, rates),
                       static_cast<double>(frame.total()) / (1 << 16));
 }
 

@@ -2,8 +2,9 @@
 
 #include <opencv2/core/mat.hpp>
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 // The library's adaptive Gaussian-mixture background model (cv::BackgroundSubtractorMOG2 at
 // its default parameters, learning at its automatic rate) for 8-bit three-channel frames,
@@ -48,9 +49,14 @@ private:
     cv::Size m_size;
     // Pixels a plane row holds: the width rounded up to whole groups of eight.
     int m_stride = 0;
-    // The count of modes in use a pixel, then the planes: all of one mode, then the next.
+    // The count of modes in use a pixel, then the planes: all of one mode, then the next,
+    // each starting on a page of its own.
     std::uint8_t* m_memory = nullptr;
     std::size_t m_bytes = 0;
     std::size_t m_planesOffset = 0;
+    std::size_t m_pagePixels = 0;  // pixels a page of a plane holds
+    std::size_t m_planePixels = 0; // pixels a plane holds, whole pages
+    // For each page's worth of pixels, how many of their modes' pages have been written.
+    std::vector<std::uint8_t> m_writtenModes;
     int m_frames = 0;
 };
