@@ -31,6 +31,10 @@ public:
     // the library classifies it before learning: 0 where it shows the background, else 255.
     void apply(const cv::Mat& frame, cv::Mat* foreground = nullptr);
 
+    // Learns CV_8UC3 frames in order, exactly as one apply() call each would, but faster:
+    // each part of the model is updated by all of them while it is in the cache.
+    void applyAll(const std::vector<cv::Mat>& frames);
+
     // The model's background in the frames' channel order, as a CV_8UC3 image or, with
     // `depth` CV_32F, unrounded as CV_32FC3; empty before the first frame.
     void backgroundImage(cv::Mat& background, int depth = CV_8U) const;
@@ -38,9 +42,14 @@ public:
     // Frames learnt since the model (last) started.
     int frames() const { return m_frames; }
 
+    // For tests of the baseline code on processors with AVX2: with false, every model uses
+    // only the baseline code from its next frame on. Thread-safe.
+    static void setAvx2Allowed(bool allowed);
+
 private:
     void start(cv::Size size);
     void release();
+    void learnFrames(const cv::Mat* frames, int count, cv::Mat* foreground);
     template <typename Value>
     void fillBackground(cv::Mat& background) const;
     float* plane(int mode, int field) const;
