@@ -130,42 +130,30 @@ FrameRates ratesForFrame(int frame)
     return FrameRates{alpha, 1.0f - alpha, prune, -prune};
 }
 
-// Learns the pixels of plane pages [range.start, range.end) from `count` frames of one size,
-// page by page: a page's part of the model stays in the cache from one frame to the next,
-// instead of the whole model passing through memory once a frame. Each page's pixels are
-// learnt by one thread, which thus alone writes its modes' pages ahead.
+// Learns the pixels of plane pages [range.start, range.end) of one frame. Each page's pixels
+// are learnt by one thread, which thus alone writes its modes' pages ahead.
 class PagesLearner : public cv::ParallelLoopBody {
 public:
-    PagesLearner(const cv::Mat* frames, const FrameRates* rates, int count, cv::Mat* foreground, const Planes& planes,
+    PagesLearner(const cv::Mat& frame, const FrameRates& rates, cv::Mat* foreground, const Planes& planes,
                  int stride)
-        : m_frames(frames), m_rates(rates), m_count(count), m_foreground(foreground), m_planes(planes),
-          m_stride(stride)
+        : m_frame(frame), m_rates(rates), m_foreground(foreground), m_planes(planes), m_stride(stride)
     {
     }
 
     void operator()(const cv::Range& range) const override
     {
         const std::size_t stride = static_cast<std::size_t>(m_stride);
+        const std::size_t pixels = stride * static_cast<std::size_t>(m_frame.rows);
         std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
         const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
                                  m_foreground ? memory.data() + 3 * stride : nullptr};
-        for (int page = range.start; page < range.end; ++page)
-            for (int frame = 0; frame < m_count; ++frame)
-                learnPage(static_cast<std::size_t>(page), m_frames[frame], m_rates[frame], buffers);
-    }
-
-private:
-    void learnPage(std::size_t page, const cv::Mat& frame, const FrameRates& rates, const RowBuffers& buffers) const
-    {
-        const std::size_t stride = static_cast<std::size_t>(m_stride);
-        const std::size_t pixels = stride * static_cast<std::size_t>(frame.rows);
-        const std::size_t end = std::min((page + 1) * m_planes.pagePixels, pixels);
-        for (std::size_t at = page * m_planes.pagePixels; at < end;) {
+        const std::size_t end = std::min(static_cast<std::size_t>(range.end) * m_planes.pagePixels, pixels);
+        for (std::size_t at = static_cast<std::size_t>(range.start) * m_planes.pagePixels; at < end;) {
             const int y = static_cast<int>(at / stride);
             const RowSpan span{at - at % stride, static_cast<int>(at % stride),
                                static_cast<int>(std::min(stride, at % stride + (end - at)))};
-            learnSpan(m_planes, span, frame.ptr<std::uint8_t>(y), frame.cols, buffers, rates);
-            const int marked = std::min(span.end, frame.cols) - span.begin;
+            learnSpan(m_planes, span, m_frame.ptr<std::uint8_t>(y), m_frame.cols, buffers, m_rates);
+            const int marked = std::min(span.end, m_frame.cols) - span.begin;
             if (m_foreground && marked > 0)
                 std::memcpy(m_foreground->ptr(y) + span.begin, buffers.foreground + span.begin,
                             static_cast<std::size_t>(marked));
@@ -173,10 +161,10 @@ private:
         }
     }
 
-    const cv::Mat* m_frames;
-    const FrameRates* m_rates;
-    int m_count;
-    cv::Mat* m_foreground; // only with one frame
+private:
+    const cv::Mat& m_frame;
+    const FrameRates& m_rates;
+    cv::Mat* m_foreground;
     const Planes& m_planes;
     int m_stride;
 };
@@ -247,27 +235,8 @@ void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
     CV_Assert(frame.type() == CV_8UC3 && !frame.empty());
     if (foreground)
         foreground->create(frame.size(), CV_8UC1);
-    learnFrames(&frame, 1, foreground);
-}
-
-void MixtureModel::applyAll(const std::vector<cv::Mat>& frames)
-{
-    for (const cv::Mat& frame : frames)
-        CV_Assert(frame.type() == CV_8UC3 && !frame.empty());
-    std::size_t first = 0;
-    while (first < frames.size()) {
-        std::size_t end = first + 1;
-        while (end < frames.size() && frames[end].size() == frames[first].size())
-            ++end;
-        learnFrames(frames.data() + first, static_cast<int>(end - first), nullptr);
-        first = end;
-    }
-}
-
-void MixtureModel::learnFrames(const cv::Mat* frames, int count, cv::Mat* foreground)
-{
-    if (!m_memory || frames[0].size() != m_size)
-        start(frames[0].size());
+    if (!m_memory || frame.size() != m_size)
+        start(frame.size());
     Planes planes;
     for (int mode = 0; mode < kModes; ++mode)
         for (int field = 0; field < kFields; ++field)
@@ -275,13 +244,11 @@ void MixtureModel::learnFrames(const cv::Mat* frames, int count, cv::Mat* foregr
     planes.usedModes = usedModes();
     planes.writtenModes = m_writtenModes.data();
     planes.pagePixels = m_pagePixels;
-    std::vector<FrameRates> rates;
-    for (int i = 0; i < count; ++i)
-        rates.push_back(ratesForFrame(++m_frames));
+    const FrameRates rates = ratesForFrame(++m_frames);
     // Stripes of about 65,536 pixels, as the library's.
     cv::parallel_for_(cv::Range(0, static_cast<int>(m_writtenModes.size())),
-                      PagesLearner(frames, rates.data(), count, foreground, planes, m_stride),
-                      static_cast<double>(frames[0].total()) / (1 << 16));
+                      PagesLearner(frame, rates, foreground, planes, m_stride),
+                      static_cast<double>(frame.total()) / (1 << 16));
 }
 
 template <typename Value>

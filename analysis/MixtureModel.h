@@ -31,10 +31,6 @@ public:
     // the library classifies it before learning: 0 where it shows the background, else 255.
     void apply(const cv::Mat& frame, cv::Mat* foreground = nullptr);
 
-    // Learns CV_8UC3 frames in order, exactly as one apply() call each would, but faster:
-    // each part of the model is updated by all of them while it is in the cache.
-    void applyAll(const std::vector<cv::Mat>& frames);
-
     // The model's background in the frames' channel order, as a CV_8UC3 image or, with
     // `depth` CV_32F, unrounded as CV_32FC3; empty before the first frame.
     void backgroundImage(cv::Mat& background, int depth = CV_8U) const;
@@ -49,7 +45,6 @@ public:
 private:
     void start(cv::Size size);
     void release();
-    void learnFrames(const cv::Mat* frames, int count, cv::Mat* foreground);
     template <typename Value>
     void fillBackground(cv::Mat& background) const;
     float* plane(int mode, int field) const;
