@@ -64,13 +64,40 @@ struct Rates {
     Floats pruneBelow;
 };
 
+// A mode's fields for one group of kLanes pixels: kFields runs of kLanes floats.
+constexpr std::size_t kBlockFloats = kFields * kLanes;
+
+// The model's memory. Every pixel has a first mode from its first frame on, so the first
+// modes of all groups lie in one array. Few pixels ever need more (in noisy footage about a
+// fifth of the groups need a second), so further modes live in blocks handed out to a group
+// as one of its pixels first needs that mode; the pages of blocks never handed out cost
+// nothing.
 struct Planes {
-    float* field[kModes][kFields];
-    std::uint8_t* usedModes;
-    // Per page's worth of pixels: how many of their modes' pages have been written.
-    std::uint8_t* writtenModes;
-    std::size_t pagePixels;
+    std::uint8_t* usedModes;    // modes in use, one byte a pixel
+    float* firstModes;          // one block a group
+    std::uint32_t* extraModes;  // per group, the block of modes 1, 2, ...; 0 while it has none
+    float* blocks;              // blocks for modes past the first; block 0 is never handed out
+    std::atomic<std::uint32_t>* blocksUsed;
 };
+
+// A group's view of its modes: null where it has no block yet.
+struct Group {
+    const Planes* planes;
+    std::uint32_t* extraModes;
+    float* mode[kModes];
+};
+
+inline Group groupAt(const Planes& planes, std::size_t at)
+{
+    const std::size_t index = at / kLanes;
+    Group group{&planes, planes.extraModes + index * (kModes - 1), {}};
+    group.mode[0] = planes.firstModes + index * kBlockFloats;
+    for (int mode = 1; mode < kModes; ++mode) {
+        const std::uint32_t block = group.extraModes[mode - 1];
+        group.mode[mode] = block ? planes.blocks + block * kBlockFloats : nullptr;
+    }
+    return group;
+}
 
 // One thread's buffers for a row: its pixels split into channels (zero past the width up to
 // the stride) and, when asked for, its foreground marks.
@@ -130,12 +157,15 @@ FrameRates ratesForFrame(int frame)
     return FrameRates{alpha, 1.0f - alpha, prune, -prune};
 }
 
-// Learns the pixels of plane pages [range.start, range.end) of one frame. Each page's pixels
-// are learnt by one thread, which thus alone writes its modes' pages ahead.
-class PagesLearner : public cv::ParallelLoopBody {
+// Pixels a thread learns in one go: many groups, so that the library's stripes stay large.
+constexpr std::size_t kChunkPixels = 1024;
+
+// Learns the pixels of chunks [range.start, range.end) of one frame. Each group is learnt by
+// one thread, which alone gives it blocks.
+class ChunksLearner : public cv::ParallelLoopBody {
 public:
-    PagesLearner(const cv::Mat& frame, const FrameRates& rates, cv::Mat* foreground, const Planes& planes,
-                 int stride)
+    ChunksLearner(const cv::Mat& frame, const FrameRates& rates, cv::Mat* foreground, const Planes& planes,
+                  int stride)
         : m_frame(frame), m_rates(rates), m_foreground(foreground), m_planes(planes), m_stride(stride)
     {
     }
@@ -147,8 +177,8 @@ public:
         std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
         const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
                                  m_foreground ? memory.data() + 3 * stride : nullptr};
-        const std::size_t end = std::min(static_cast<std::size_t>(range.end) * m_planes.pagePixels, pixels);
-        for (std::size_t at = static_cast<std::size_t>(range.start) * m_planes.pagePixels; at < end;) {
+        const std::size_t end = std::min(static_cast<std::size_t>(range.end) * kChunkPixels, pixels);
+        for (std::size_t at = static_cast<std::size_t>(range.start) * kChunkPixels; at < end;) {
             const int y = static_cast<int>(at / stride);
             const RowSpan span{at - at % stride, static_cast<int>(at % stride),
                                static_cast<int>(std::min(stride, at % stride + (end - at)))};
@@ -168,6 +198,19 @@ private:
     const Planes& m_planes;
     int m_stride;
 };
+
+Planes planesOf(std::uint8_t* memory, std::size_t firstModes, std::size_t extraModes, std::size_t blocks,
+                std::atomic<std::uint32_t>& blocksUsed)
+{
+    return Planes{memory, reinterpret_cast<float*>(memory + firstModes),
+                  reinterpret_cast<std::uint32_t*>(memory + extraModes), reinterpret_cast<float*>(memory + blocks),
+                  &blocksUsed};
+}
+
+std::size_t roundUp(std::size_t value, std::size_t step)
+{
+    return (value + step - 1) / step * step;
+}
 
 } // namespace
 
@@ -195,39 +238,29 @@ void MixtureModel::start(cv::Size size)
 {
     release();
     m_size = size;
-    m_stride = (size.width + kLanes - 1) / kLanes * kLanes;
+    m_stride = static_cast<int>(roundUp(static_cast<std::size_t>(size.width), kLanes));
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(size.height);
+    const std::size_t groups = pixels / kLanes;
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    m_pagePixels = page / sizeof(float);
-    m_planePixels = (pixels + m_pagePixels - 1) / m_pagePixels * m_pagePixels;
-    m_planesOffset = (pixels + page - 1) / page * page;
-    m_bytes = m_planesOffset + m_planePixels * kModes * kFields * sizeof(float);
-    // Fresh anonymous pages cost nothing until written, so the modes no pixel reaches never
+    m_firstModesOffset = roundUp(pixels, page);
+    m_extraModesOffset = m_firstModesOffset + roundUp(groups * kBlockFloats * sizeof(float), page);
+    m_blocksOffset = m_extraModesOffset + roundUp(groups * (kModes - 1) * sizeof(std::uint32_t), page);
+    // Room for every group to have all its modes, plus the block never handed out.
+    m_bytes = m_blocksOffset + (groups * (kModes - 1) + 1) * kBlockFloats * sizeof(float);
+    // Fresh anonymous pages cost nothing until written, so blocks never handed out never
     // become resident.
     void* memory = mmap(nullptr, m_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         throw std::bad_alloc();
     m_memory = static_cast<std::uint8_t*>(memory);
-    // Every pixel uses the mode counts and its first mode from the first frame on. Writing
-    // them now, in large pages where the system allows, spares each of their pages a fault on
-    // the first read and a second one, which flushes every core's address cache, on the
-    // first write.
-    const std::size_t firstMode = m_planesOffset + m_planePixels * kFields * sizeof(float);
-    madvise(m_memory, firstMode, MADV_HUGEPAGE);
-    std::memset(m_memory, 0, firstMode);
-    m_writtenModes.assign(m_planePixels / m_pagePixels, 1);
+    // The mode counts, the first modes and the block numbers are used by every group from the
+    // first frame on. Writing them now, in large pages where the system allows, spares each
+    // of their pages a fault on the first read and a second one, which flushes every core's
+    // address cache, on the first write.
+    madvise(m_memory, m_blocksOffset, MADV_HUGEPAGE);
+    std::memset(m_memory, 0, m_blocksOffset);
+    m_blocksUsed.store(1, std::memory_order_relaxed);
     m_frames = 0;
-}
-
-float* MixtureModel::plane(int mode, int field) const
-{
-    return reinterpret_cast<float*>(m_memory + m_planesOffset)
-           + (static_cast<std::size_t>(mode) * kFields + static_cast<std::size_t>(field)) * m_planePixels;
-}
-
-std::uint8_t* MixtureModel::usedModes() const
-{
-    return m_memory;
 }
 
 void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
@@ -237,34 +270,32 @@ void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
         foreground->create(frame.size(), CV_8UC1);
     if (!m_memory || frame.size() != m_size)
         start(frame.size());
-    Planes planes;
-    for (int mode = 0; mode < kModes; ++mode)
-        for (int field = 0; field < kFields; ++field)
-            planes.field[mode][field] = plane(mode, field);
-    planes.usedModes = usedModes();
-    planes.writtenModes = m_writtenModes.data();
-    planes.pagePixels = m_pagePixels;
+    const Planes model = planesOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
     const FrameRates rates = ratesForFrame(++m_frames);
+    const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
     // Stripes of about 65,536 pixels, as the library's.
-    cv::parallel_for_(cv::Range(0, static_cast<int>(m_writtenModes.size())),
-                      PagesLearner(frame, rates, foreground, planes, m_stride),
+    cv::parallel_for_(cv::Range(0, static_cast<int>(roundUp(pixels, kChunkPixels) / kChunkPixels)),
+                      ChunksLearner(frame, rates, foreground, model, m_stride),
                       static_cast<double>(frame.total()) / (1 << 16));
 }
 
 template <typename Value>
 void MixtureModel::fillBackground(cv::Mat& background) const
 {
-    const std::uint8_t* used = usedModes();
+    const Planes model = planesOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
     for (int y = 0; y < m_size.height; ++y) {
         Value* out = background.ptr<Value>(y);
         for (int x = 0; x < m_size.width; ++x) {
             const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride) + x;
+            const Group group = groupAt(model, at);
+            const std::size_t lane = at % kLanes;
             float sum[kChannels] = {0.0f, 0.0f, 0.0f};
             float totalWeight = 0.0f;
-            for (int mode = 0; mode < used[at]; ++mode) {
-                const float weight = plane(mode, kWeight)[at];
+            for (int mode = 0; mode < model.usedModes[at]; ++mode) {
+                const float* fields = group.mode[mode];
+                const float weight = fields[kWeight * kLanes + lane];
                 for (int channel = 0; channel < kChannels; ++channel)
-                    sum[channel] += weight * plane(mode, kMean + channel)[at];
+                    sum[channel] += weight * fields[(kMean + channel) * kLanes + lane];
                 totalWeight += weight;
                 if (totalWeight > kBackgroundRatio)
                     break;

@@ -2,9 +2,9 @@
 
 #include <opencv2/core/mat.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 // The library's adaptive Gaussian-mixture background model (cv::BackgroundSubtractorMOG2 at
 // its default parameters, learning at its automatic rate) for 8-bit three-channel frames,
@@ -12,10 +12,11 @@
 // background images are identical to the library's to the last bit. Three things differ,
 // none of them visible in the background:
 // - the foreground mask is optional and tells no shadows apart (the library marks them 127);
-// - eight pixels are updated at once, with each mode's weights, variances and means in planes
-//   of their own, so a frame reads only the modes its pixels use;
-// - the planes start as untouched zero pages, so a scene that needs few modes a pixel keeps
-//   only those resident instead of the full 100 bytes a pixel.
+// - eight pixels are updated at once, with each mode's weights, variances and means in
+//   blocks of their own, so a frame reads only the modes its pixels use;
+// - the blocks of a group's second to fifth modes are handed out as its pixels first need
+//   them, so a scene that needs few modes a pixel keeps only those resident instead of the
+//   full 100 bytes a pixel.
 //
 // Called from one thread at a time; apply() spreads its work over the library's threads.
 class MixtureModel {
@@ -47,20 +48,18 @@ private:
     void release();
     template <typename Value>
     void fillBackground(cv::Mat& background) const;
-    float* plane(int mode, int field) const;
-    uint8_t* usedModes() const;
 
     cv::Size m_size;
-    // Pixels a plane row holds: the width rounded up to whole groups of eight.
+    // Pixels a row of the model holds: the width rounded up to whole groups of eight.
     int m_stride = 0;
-    // The count of modes in use a pixel, then the planes: all of one mode, then the next,
-    // each starting on a page of its own.
+    // One mapping: the count of modes in use a pixel, each group's first mode, each group's
+    // block numbers of its further modes, then the blocks; each part starts on a page.
     std::uint8_t* m_memory = nullptr;
     std::size_t m_bytes = 0;
-    std::size_t m_planesOffset = 0;
-    std::size_t m_pagePixels = 0;  // pixels a page of a plane holds
-    std::size_t m_planePixels = 0; // pixels a plane holds, whole pages
-    // For each page's worth of pixels, how many of their modes' pages have been written.
-    std::vector<std::uint8_t> m_writtenModes;
+    std::size_t m_firstModesOffset = 0;
+    std::size_t m_extraModesOffset = 0;
+    std::size_t m_blocksOffset = 0;
+    // Blocks handed out so far, block 0 included; counted up by apply()'s threads.
+    mutable std::atomic<std::uint32_t> m_blocksUsed{1};
     int m_frames = 0;
 };
