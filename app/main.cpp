@@ -1,4 +1,5 @@
 #include "MainWindow.h"
+#include "ProcessMemory.h"
 #include "Startup.h"
 #include "TerminationSignals.h"
 
@@ -6,6 +7,7 @@
 
 int main(int argc, char** argv)
 {
+    ProcessMemory::returnLargeBlocksAtOnce();
     QApplication application(argc, argv);
     Startup::setSettingsIdentity();
 

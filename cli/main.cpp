@@ -1,5 +1,6 @@
 #include "CancelSignals.h"
 #include "MapTool.h"
+#include "ProcessMemory.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -20,6 +21,7 @@ int terminalWidth(int fd)
 // No display is needed: the core application is enough to find the image format plugins.
 int main(int argc, char** argv)
 {
+    ProcessMemory::returnLargeBlocksAtOnce();
     QCoreApplication application(argc, argv);
     CancelSignals::install();
 
