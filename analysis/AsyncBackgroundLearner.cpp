@@ -139,8 +139,8 @@ int AsyncBackgroundLearner::learntFrames()
 
 void AsyncBackgroundLearner::start()
 {
-    // One picture being learnt, the queue full, and one being converted meanwhile.
-    for (int i = 0; i < kQueueLength + 1; ++i)
+    // A full queue being learnt, the queue full again, and one being converted meanwhile.
+    for (int i = 0; i < 2 * kQueueLength + 1; ++i)
         m_free.push_back(std::make_unique<RgbConverter>());
     m_learner = std::make_unique<BackgroundLearner>();
     m_thread = std::thread(&AsyncBackgroundLearner::work, this);
@@ -153,21 +153,29 @@ void AsyncBackgroundLearner::work()
         m_changed.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
         if (m_queue.empty())
             return;
-        std::unique_ptr<RgbConverter> picture = std::move(m_queue.front());
-        m_queue.pop_front();
+        // Every picture waiting is learnt in one go: the model learns several faster than
+        // one after another.
+        std::vector<std::unique_ptr<RgbConverter>> pictures;
+        while (!m_queue.empty()) {
+            pictures.push_back(std::move(m_queue.front()));
+            m_queue.pop_front();
+        }
         m_busy = true;
         lock.unlock();
         std::exception_ptr failure;
         try {
-            const cv::Mat rgb(picture->height(), picture->width(), CV_8UC3, const_cast<uint8_t*>(picture->data()),
-                              static_cast<size_t>(picture->stride()));
-            m_learner->learn(rgb);
+            std::vector<cv::Mat> frames;
+            for (const std::unique_ptr<RgbConverter>& picture : pictures)
+                frames.emplace_back(picture->height(), picture->width(), CV_8UC3,
+                                    const_cast<uint8_t*>(picture->data()), static_cast<size_t>(picture->stride()));
+            m_learner->learn(frames);
         } catch (...) {
             failure = std::current_exception();
         }
         lock.lock();
         m_busy = false;
-        m_free.push_back(std::move(picture));
+        for (std::unique_ptr<RgbConverter>& picture : pictures)
+            m_free.push_back(std::move(picture));
         if (failure) {
             m_failure = failure;
             dropQueue();

@@ -31,7 +31,7 @@ class RgbConverter;
 class AsyncBackgroundLearner {
 public:
     // Frames waiting to be learnt at most; learn() blocks while this many wait. Each is an
-    // R,G,B picture of its own.
+    // R,G,B picture of its own. The thread learns all that wait in one go.
     static constexpr int kQueueLength = 2;
 
     AsyncBackgroundLearner();

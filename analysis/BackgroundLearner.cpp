@@ -20,6 +20,12 @@ void BackgroundLearner::learn(const cv::Mat& rgbFrame)
     ++m_learntFrames;
 }
 
+void BackgroundLearner::learn(const std::vector<cv::Mat>& rgbFrames)
+{
+    m_model.applyAll(rgbFrames);
+    m_learntFrames += static_cast<int>(rgbFrames.size());
+}
+
 void BackgroundLearner::fetchBackground(cv::Mat& background) const
 {
     if (m_learntFrames > 0)

@@ -5,6 +5,8 @@
 
 #include <opencv2/core/mat.hpp>
 
+#include <vector>
+
 class MpegFrame;
 
 // Learns the scene's background from colour frames with the library's Gaussian-mixture
@@ -22,6 +24,8 @@ public:
     // of frames stays in step with the video; a frame without pixels is not fed.
     void learn(const MpegFrame& frame);
     void learn(const cv::Mat& rgbFrame);
+    // Learns R,G,B frames in order, as one learn() call each would, but faster.
+    void learn(const std::vector<cv::Mat>& rgbFrames);
 
     // Copies the model's background (8-bit R,G,B) into `background`. Does nothing before the
     // first frame has been learnt: the model has no image to give then.

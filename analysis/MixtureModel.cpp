@@ -160,30 +160,41 @@ FrameRates ratesForFrame(int frame)
 // Pixels a thread learns in one go: many groups, so that the library's stripes stay large.
 constexpr std::size_t kChunkPixels = 1024;
 
-// Learns the pixels of chunks [range.start, range.end) of one frame. Each group is learnt by
-// one thread, which alone gives it blocks.
+// Learns the pixels of chunks [range.start, range.end) from `count` frames of one size, chunk
+// by chunk: a chunk's part of the model stays in the cache from one frame to the next instead
+// of passing through memory once a frame. Each group is learnt by one thread, which alone
+// gives it blocks.
 class ChunksLearner : public cv::ParallelLoopBody {
 public:
-    ChunksLearner(const cv::Mat& frame, const FrameRates& rates, cv::Mat* foreground, const Planes& planes,
-                  int stride)
-        : m_frame(frame), m_rates(rates), m_foreground(foreground), m_planes(planes), m_stride(stride)
+    ChunksLearner(const cv::Mat* frames, const FrameRates* rates, int count, cv::Mat* foreground,
+                  const Planes& planes, int stride)
+        : m_frames(frames), m_rates(rates), m_count(count), m_foreground(foreground), m_planes(planes),
+          m_stride(stride)
     {
     }
 
     void operator()(const cv::Range& range) const override
     {
         const std::size_t stride = static_cast<std::size_t>(m_stride);
-        const std::size_t pixels = stride * static_cast<std::size_t>(m_frame.rows);
         std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
         const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
                                  m_foreground ? memory.data() + 3 * stride : nullptr};
-        const std::size_t end = std::min(static_cast<std::size_t>(range.end) * kChunkPixels, pixels);
-        for (std::size_t at = static_cast<std::size_t>(range.start) * kChunkPixels; at < end;) {
+        for (int chunk = range.start; chunk < range.end; ++chunk)
+            for (int frame = 0; frame < m_count; ++frame)
+                learnChunk(static_cast<std::size_t>(chunk), m_frames[frame], m_rates[frame], buffers);
+    }
+
+private:
+    void learnChunk(std::size_t chunk, const cv::Mat& frame, const FrameRates& rates, const RowBuffers& buffers) const
+    {
+        const std::size_t stride = static_cast<std::size_t>(m_stride);
+        const std::size_t end = std::min((chunk + 1) * kChunkPixels, stride * static_cast<std::size_t>(frame.rows));
+        for (std::size_t at = chunk * kChunkPixels; at < end;) {
             const int y = static_cast<int>(at / stride);
             const RowSpan span{at - at % stride, static_cast<int>(at % stride),
                                static_cast<int>(std::min(stride, at % stride + (end - at)))};
-            learnSpan(m_planes, span, m_frame.ptr<std::uint8_t>(y), m_frame.cols, buffers, m_rates);
-            const int marked = std::min(span.end, m_frame.cols) - span.begin;
+            learnSpan(m_planes, span, frame.ptr<std::uint8_t>(y), frame.cols, buffers, rates);
+            const int marked = std::min(span.end, frame.cols) - span.begin;
             if (m_foreground && marked > 0)
                 std::memcpy(m_foreground->ptr(y) + span.begin, buffers.foreground + span.begin,
                             static_cast<std::size_t>(marked));
@@ -191,10 +202,10 @@ public:
         }
     }
 
-private:
-    const cv::Mat& m_frame;
-    const FrameRates& m_rates;
-    cv::Mat* m_foreground;
+    const cv::Mat* m_frames;
+    const FrameRates* m_rates;
+    int m_count;
+    cv::Mat* m_foreground; // only with one frame
     const Planes& m_planes;
     int m_stride;
 };
@@ -268,15 +279,36 @@ void MixtureModel::apply(const cv::Mat& frame, cv::Mat* foreground)
     CV_Assert(frame.type() == CV_8UC3 && !frame.empty());
     if (foreground)
         foreground->create(frame.size(), CV_8UC1);
-    if (!m_memory || frame.size() != m_size)
-        start(frame.size());
+    learn(&frame, 1, foreground);
+}
+
+void MixtureModel::applyAll(const std::vector<cv::Mat>& frames)
+{
+    for (const cv::Mat& frame : frames)
+        CV_Assert(frame.type() == CV_8UC3 && !frame.empty());
+    std::size_t first = 0;
+    while (first < frames.size()) {
+        std::size_t end = first + 1;
+        while (end < frames.size() && frames[end].size() == frames[first].size())
+            ++end;
+        learn(frames.data() + first, static_cast<int>(end - first), nullptr);
+        first = end;
+    }
+}
+
+void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
+{
+    if (!m_memory || frames[0].size() != m_size)
+        start(frames[0].size());
     const Planes model = planesOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
-    const FrameRates rates = ratesForFrame(++m_frames);
+    std::vector<FrameRates> rates;
+    for (int i = 0; i < count; ++i)
+        rates.push_back(ratesForFrame(++m_frames));
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
     // Stripes of about 65,536 pixels, as the library's.
     cv::parallel_for_(cv::Range(0, static_cast<int>(roundUp(pixels, kChunkPixels) / kChunkPixels)),
-                      ChunksLearner(frame, rates, foreground, model, m_stride),
-                      static_cast<double>(frame.total()) / (1 << 16));
+                      ChunksLearner(frames, rates.data(), count, foreground, model, m_stride),
+                      static_cast<double>(frames[0].total()) / (1 << 16));
 }
 
 template <typename Value>

@@ -5,6 +5,7 @@
 #include <opencv2/video/background_segm.hpp>
 
 #include <random>
+#include <vector>
 
 namespace {
 
@@ -68,6 +69,26 @@ private slots:
         cv::Mat expected, actual;
         model->getBackgroundImage(expected);
         learner.fetchBackground(actual);
+        QVERIFY(equal(actual, expected));
+    }
+
+    void framesLearntTogetherGiveWhatOneByOneGives()
+    {
+        std::mt19937 random(23);
+        const cv::Size size(21, 13);
+        BackgroundLearner together;
+        BackgroundLearner oneByOne;
+        std::vector<cv::Mat> frames;
+        for (int i = 0; i < 12; ++i) {
+            frames.push_back(randomRgb(size, random));
+            oneByOne.learn(frames.back());
+        }
+        together.learn(std::vector<cv::Mat>(frames.begin(), frames.begin() + 5));
+        together.learn(std::vector<cv::Mat>(frames.begin() + 5, frames.end()));
+        cv::Mat expected, actual;
+        oneByOne.fetchBackground(expected);
+        together.fetchBackground(actual);
+        QCOMPARE(together.learntFrames(), 12);
         QVERIFY(equal(actual, expected));
     }
 

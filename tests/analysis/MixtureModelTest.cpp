@@ -69,6 +69,45 @@ Mismatch firstMismatch(int frames, const FrameMaker& makeFrame)
     return {};
 }
 
+// As firstMismatch, but ours learns the frames in batches of 1, 2, 3, ... 7 frames, then
+// again from 1, and the backgrounds are compared after each batch. `learntFrames` gets the
+// count of frames our model says it has learnt.
+Mismatch firstMismatchInBatches(int frames, const FrameMaker& makeFrame, int& learntFrames)
+{
+    cv::Ptr<cv::BackgroundSubtractorMOG2> library = cv::createBackgroundSubtractorMOG2();
+    cv::Ptr<cv::BackgroundSubtractorMOG2> libraryOnFloats = cv::createBackgroundSubtractorMOG2();
+    MixtureModel ours;
+    cv::Mat mask, floats, expected, actual, expectedUnrounded, actualUnrounded;
+    int batchSize = 1;
+    for (int first = 0; first < frames; first += batchSize, batchSize = batchSize % 7 + 1) {
+        std::vector<cv::Mat> batch;
+        for (int i = first; i < std::min(first + batchSize, frames); ++i) {
+            batch.push_back(makeFrame(i));
+            library->apply(batch.back(), mask, -1.0);
+            batch.back().convertTo(floats, CV_32F);
+            libraryOnFloats->apply(floats, mask, -1.0);
+        }
+        ours.applyAll(batch);
+        library->getBackgroundImage(expected);
+        libraryOnFloats->getBackgroundImage(expectedUnrounded);
+        ours.backgroundImage(actual);
+        ours.backgroundImage(actualUnrounded, CV_32F);
+        const bool sameUnrounded = actualUnrounded.size() == expectedUnrounded.size()
+                                   && std::memcmp(actualUnrounded.data, expectedUnrounded.data,
+                                                  actualUnrounded.total() * actualUnrounded.elemSize())
+                                          == 0;
+        if (!identical(actual, expected) || !sameUnrounded) {
+            Mismatch mismatch;
+            mismatch.frame = first + static_cast<int>(batch.size()) - 1;
+            if (actual.size() == expected.size() && actual.type() == expected.type())
+                mismatch.differingValues = cv::countNonZero(cv::Mat(actual != expected).reshape(1));
+            return mismatch;
+        }
+    }
+    learntFrames = ours.frames();
+    return {};
+}
+
 #define VERIFY_SAME_AS_LIBRARY(frames, maker)                                                                          \
     do {                                                                                                               \
         const Mismatch mismatch = firstMismatch((frames), (maker));                                                    \
@@ -229,6 +268,36 @@ private slots:
         QCOMPARE(model.frames(), 1);
     }
 
+    void framesLearntInBatchesGiveTheSameModel()
+    {
+        cv::RNG random(11);
+        const cv::Size size(203, 67);
+        const cv::Mat scene = texturedScene(size, random);
+        int learntFrames = 0;
+        const Mismatch mismatch = firstMismatchInBatches(
+            90,
+            [&](int i) {
+                cv::Mat frame = i % 9 == 0 ? uniformNoise(size, random) : withSensorNoise(scene, 3.0, random);
+                cv::rectangle(frame, cv::Rect((i * 5) % size.width, 10, 20, 30), cv::Scalar(10, 200, 90),
+                              cv::FILLED);
+                return frame;
+            },
+            learntFrames);
+        QVERIFY2(mismatch.frame < 0, qPrintable(QStringLiteral("differs after frame %1").arg(mismatch.frame)));
+        QCOMPARE(learntFrames, 90);
+    }
+
+    void batchWithAFrameOfAnotherSizeStartsOverAtThatFrame()
+    {
+        cv::RNG random(12);
+        int learntFrames = 0;
+        const Mismatch mismatch = firstMismatchInBatches(
+            30, [&](int i) { return uniformNoise(i < 12 || i > 19 ? cv::Size(30, 10) : cv::Size(9, 4), random); },
+            learntFrames);
+        QVERIFY2(mismatch.frame < 0, qPrintable(QStringLiteral("differs after frame %1").arg(mismatch.frame)));
+        QCOMPARE(learntFrames, 10);
+    }
+
     void baselineCodeLikeTheLibrary()
     {
         // The same model without AVX2 (which the machines running these tests mostly have).
@@ -241,9 +310,12 @@ private slots:
             cv::rectangle(frame, cv::Rect((i * 5) % size.width, 4, 20, 20), cv::Scalar(240, 20, 90), cv::FILLED);
             return frame;
         };
-        const Mismatch mismatch = firstMismatch(60, makeFrame);
+        const Mismatch oneByOne = firstMismatch(60, makeFrame);
+        int learntFrames = 0;
+        const Mismatch inBatches = firstMismatchInBatches(60, makeFrame, learntFrames);
         MixtureModel::setAvx2Allowed(true);
-        QVERIFY2(mismatch.frame < 0, qPrintable(QStringLiteral("differs after frame %1").arg(mismatch.frame)));
+        QVERIFY2(oneByOne.frame < 0, qPrintable(QStringLiteral("differs after frame %1").arg(oneByOne.frame)));
+        QVERIFY2(inBatches.frame < 0, qPrintable(QStringLiteral("differs after frame %1").arg(inBatches.frame)));
     }
 
     void largeFrameLikeTheLibrary()
