@@ -31,38 +31,68 @@ bool identical(const cv::Mat& a, const cv::Mat& b)
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
 }
 
-// Returns the first frame after which the backgrounds differ, or frame -1.
-Mismatch firstMismatch(int frames, const FrameMaker& makeFrame)
+int differingValues(const cv::Mat& a, const cv::Mat& b)
 {
-    cv::Ptr<cv::BackgroundSubtractorMOG2> library = cv::createBackgroundSubtractorMOG2();
-    cv::Ptr<cv::BackgroundSubtractorMOG2> libraryOnFloats = cv::createBackgroundSubtractorMOG2();
-    MixtureModel ours;
-    cv::Mat expectedMask, actualMask, unusedMask, expected, actual, floats, expectedUnrounded, actualUnrounded;
-    for (int i = 0; i < frames; ++i) {
-        const cv::Mat frame = makeFrame(i);
-        library->apply(frame, expectedMask, -1.0);
-        frame.convertTo(floats, CV_32F);
-        libraryOnFloats->apply(floats, unusedMask, -1.0);
-        ours.apply(frame, &actualMask);
-        library->getBackgroundImage(expected);
-        libraryOnFloats->getBackgroundImage(expectedUnrounded);
+    if (a.size() != b.size() || a.type() != b.type())
+        return -1;
+    return cv::countNonZero(cv::Mat(a != b).reshape(1));
+}
+
+// The library's model twice: on the frames as given, and on the same frames as floats, for
+// the unrounded background.
+class LibraryModels {
+public:
+    // Learns `frame`; `mask` gets the library's foreground mask.
+    void apply(const cv::Mat& frame, cv::Mat& mask)
+    {
+        m_model->apply(frame, mask, -1.0);
+        frame.convertTo(m_floats, CV_32F);
+        m_modelOnFloats->apply(m_floats, m_unusedMask, -1.0);
+    }
+
+    // Compares the backgrounds with ours; `frame` numbers the mismatch.
+    Mismatch compare(const MixtureModel& ours, int frame) const
+    {
+        cv::Mat expected, actual, expectedUnrounded, actualUnrounded;
+        m_model->getBackgroundImage(expected);
+        m_modelOnFloats->getBackgroundImage(expectedUnrounded);
         ours.backgroundImage(actual);
         ours.backgroundImage(actualUnrounded, CV_32F);
-        // The library marks shadows 127 among the foreground; ours does not tell them apart.
-        const cv::Mat maskDifference = (expectedMask == 0) != (actualMask == 0);
         const bool sameUnrounded = actualUnrounded.size() == expectedUnrounded.size()
                                    && std::memcmp(actualUnrounded.data, expectedUnrounded.data,
                                                   actualUnrounded.total() * actualUnrounded.elemSize())
                                           == 0;
-        if (!identical(actual, expected) || cv::countNonZero(maskDifference) > 0 || !sameUnrounded) {
-            Mismatch mismatch;
+        if (identical(actual, expected) && sameUnrounded)
+            return {};
+        Mismatch mismatch;
+        mismatch.frame = frame;
+        mismatch.differingValues = differingValues(actual, expected);
+        mismatch.differingUnroundedValues = differingValues(actualUnrounded, expectedUnrounded);
+        return mismatch;
+    }
+
+private:
+    cv::Ptr<cv::BackgroundSubtractorMOG2> m_model = cv::createBackgroundSubtractorMOG2();
+    cv::Ptr<cv::BackgroundSubtractorMOG2> m_modelOnFloats = cv::createBackgroundSubtractorMOG2();
+    cv::Mat m_floats;
+    cv::Mat m_unusedMask;
+};
+
+// Returns the first frame after which the backgrounds or the masks differ, or frame -1.
+Mismatch firstMismatch(int frames, const FrameMaker& makeFrame)
+{
+    LibraryModels library;
+    MixtureModel ours;
+    cv::Mat expectedMask, actualMask;
+    for (int i = 0; i < frames; ++i) {
+        const cv::Mat frame = makeFrame(i);
+        library.apply(frame, expectedMask);
+        ours.apply(frame, &actualMask);
+        Mismatch mismatch = library.compare(ours, i);
+        // The library marks shadows 127 among the foreground; ours does not tell them apart.
+        mismatch.differingMaskPixels = cv::countNonZero((expectedMask == 0) != (actualMask == 0));
+        if (mismatch.frame >= 0 || mismatch.differingMaskPixels > 0) {
             mismatch.frame = i;
-            if (actual.size() == expected.size() && actual.type() == expected.type())
-                mismatch.differingValues = cv::countNonZero(cv::Mat(actual != expected).reshape(1));
-            mismatch.differingMaskPixels = cv::countNonZero(maskDifference);
-            if (actualUnrounded.size() == expectedUnrounded.size())
-                mismatch.differingUnroundedValues =
-                    cv::countNonZero(cv::Mat(actualUnrounded != expectedUnrounded).reshape(1));
             return mismatch;
         }
     }
@@ -74,35 +104,20 @@ Mismatch firstMismatch(int frames, const FrameMaker& makeFrame)
 // count of frames our model says it has learnt.
 Mismatch firstMismatchInBatches(int frames, const FrameMaker& makeFrame, int& learntFrames)
 {
-    cv::Ptr<cv::BackgroundSubtractorMOG2> library = cv::createBackgroundSubtractorMOG2();
-    cv::Ptr<cv::BackgroundSubtractorMOG2> libraryOnFloats = cv::createBackgroundSubtractorMOG2();
+    LibraryModels library;
     MixtureModel ours;
-    cv::Mat mask, floats, expected, actual, expectedUnrounded, actualUnrounded;
+    cv::Mat mask;
     int batchSize = 1;
     for (int first = 0; first < frames; first += batchSize, batchSize = batchSize % 7 + 1) {
         std::vector<cv::Mat> batch;
         for (int i = first; i < std::min(first + batchSize, frames); ++i) {
             batch.push_back(makeFrame(i));
-            library->apply(batch.back(), mask, -1.0);
-            batch.back().convertTo(floats, CV_32F);
-            libraryOnFloats->apply(floats, mask, -1.0);
+            library.apply(batch.back(), mask);
         }
         ours.applyAll(batch);
-        library->getBackgroundImage(expected);
-        libraryOnFloats->getBackgroundImage(expectedUnrounded);
-        ours.backgroundImage(actual);
-        ours.backgroundImage(actualUnrounded, CV_32F);
-        const bool sameUnrounded = actualUnrounded.size() == expectedUnrounded.size()
-                                   && std::memcmp(actualUnrounded.data, expectedUnrounded.data,
-                                                  actualUnrounded.total() * actualUnrounded.elemSize())
-                                          == 0;
-        if (!identical(actual, expected) || !sameUnrounded) {
-            Mismatch mismatch;
-            mismatch.frame = first + static_cast<int>(batch.size()) - 1;
-            if (actual.size() == expected.size() && actual.type() == expected.type())
-                mismatch.differingValues = cv::countNonZero(cv::Mat(actual != expected).reshape(1));
+        const Mismatch mismatch = library.compare(ours, first + static_cast<int>(batch.size()) - 1);
+        if (mismatch.frame >= 0)
             return mismatch;
-        }
     }
     learntFrames = ours.frames();
     return {};
