@@ -80,7 +80,7 @@ bool windowDragEnterAccepted(MainWindow& window, QWidget* over)
 
 } // namespace
 
-class AddingInputsTest : public QObject {
+class AddingInputsTest : public WindowTestCase {
     Q_OBJECT
 
 private slots:
@@ -107,37 +107,24 @@ private slots:
 private:
     QString makeClip(const QString& path);
 
-    std::unique_ptr<TestSupport::ScopedSettings> m_settings;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<MainWindow> m_window;
-    QListWidget* m_list = nullptr;
     QString m_clip;
 };
 
 void AddingInputsTest::initTestCase()
 {
-    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-    QCoreApplication::setOrganizationName("tremora");
-    QCoreApplication::setApplicationName("tremora");
+    prepareApplication();
 }
 
 void AddingInputsTest::init()
 {
-    m_settings = std::make_unique<TestSupport::ScopedSettings>();
-    m_dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_dir->isValid());
+    QVERIFY(openWindow());
     m_clip = m_dir->filePath("source.mkv");
     QVERIFY(writeSmallClip(m_clip));
-    m_window = std::make_unique<MainWindow>();
-    m_list = mainList(*m_window);
-    QVERIFY(m_list);
 }
 
 void AddingInputsTest::cleanup()
 {
-    m_window.reset();
-    m_dir.reset();
-    m_settings.reset();
+    closeWindow();
 }
 
 QString AddingInputsTest::makeClip(const QString& path)

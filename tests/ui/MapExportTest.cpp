@@ -88,7 +88,7 @@ private:
 
 } // namespace
 
-class MapExportTest : public QObject {
+class MapExportTest : public WindowTestCase {
     Q_OBJECT
 
 private slots:
@@ -129,17 +129,11 @@ private:
     QString m_smallClip;
     QString m_longClip;
     QString m_wideClip;
-    std::unique_ptr<TestSupport::ScopedSettings> m_settings;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<MainWindow> m_window;
-    QListWidget* m_list = nullptr;
 };
 
 void MapExportTest::initTestCase()
 {
-    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-    QCoreApplication::setOrganizationName("tremora");
-    QCoreApplication::setApplicationName("tremora");
+    prepareApplication();
     QVERIFY(m_clips.isValid());
     m_smallClip = m_clips.filePath("small.mkv");
     m_longClip = m_clips.filePath("long.mkv");
@@ -152,20 +146,13 @@ void MapExportTest::initTestCase()
 
 void MapExportTest::init()
 {
-    m_settings = std::make_unique<TestSupport::ScopedSettings>();
-    m_dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_dir->isValid());
+    QVERIFY(openWindow());
     QVERIFY(QDir().mkpath(m_dir->filePath("videos")));
-    m_window = std::make_unique<MainWindow>();
-    m_list = mainList(*m_window);
-    QVERIFY(m_list);
 }
 
 void MapExportTest::cleanup()
 {
-    m_window.reset();
-    m_dir.reset();
-    m_settings.reset();
+    closeWindow();
 }
 
 // Copies `clip` (the small one by default) under each name into videos/, adds the copies in

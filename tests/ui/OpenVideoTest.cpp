@@ -25,7 +25,7 @@ public slots:
     void open(const QUrl& url) { urls.append(url); }
 };
 
-class OpenVideoTest : public QObject {
+class OpenVideoTest : public WindowTestCase {
     Q_OBJECT
 
 private slots:
@@ -43,31 +43,20 @@ private:
     void addRows(const QStringList& names);
     QUrl urlOfRow(int row) const;
 
-    std::unique_ptr<TestSupport::ScopedSettings> m_settings;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    std::unique_ptr<MainWindow> m_window;
-    QListWidget* m_list = nullptr;
     OpenedUrls m_opened;
     QString m_clip;
 };
 
 void OpenVideoTest::initTestCase()
 {
-    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-    QCoreApplication::setOrganizationName("tremora");
-    QCoreApplication::setApplicationName("tremora");
+    prepareApplication();
 }
 
 void OpenVideoTest::init()
 {
-    m_settings = std::make_unique<TestSupport::ScopedSettings>();
-    m_dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_dir->isValid());
+    QVERIFY(openWindow());
     m_clip = m_dir->filePath("source.mkv");
     QVERIFY(writeSmallClip(m_clip));
-    m_window = std::make_unique<MainWindow>();
-    m_list = mainList(*m_window);
-    QVERIFY(m_list);
     m_opened.urls.clear();
     QDesktopServices::setUrlHandler("file", &m_opened, "open");
 }
@@ -75,9 +64,7 @@ void OpenVideoTest::init()
 void OpenVideoTest::cleanup()
 {
     QDesktopServices::unsetUrlHandler("file");
-    m_window.reset();
-    m_dir.reset();
-    m_settings.reset();
+    closeWindow();
 }
 
 void OpenVideoTest::addRows(const QStringList& names)

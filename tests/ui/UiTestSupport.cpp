@@ -14,6 +14,36 @@
 #include <utility>
 
 namespace UiTestSupport {
+
+WindowTestCase::WindowTestCase() = default;
+
+WindowTestCase::~WindowTestCase() = default;
+
+void WindowTestCase::prepareApplication()
+{
+    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+    QCoreApplication::setOrganizationName("tremora");
+    QCoreApplication::setApplicationName("tremora");
+}
+
+bool WindowTestCase::openWindow()
+{
+    m_settings = std::make_unique<TestSupport::ScopedSettings>();
+    m_dir = std::make_unique<QTemporaryDir>();
+    if (!m_dir->isValid())
+        return false;
+    m_window = std::make_unique<MainWindow>();
+    m_list = mainList(*m_window);
+    return m_list != nullptr;
+}
+
+void WindowTestCase::closeWindow()
+{
+    m_window.reset();
+    m_list = nullptr;
+    m_dir.reset();
+    m_settings.reset();
+}
 namespace {
 
 // Matroska whatever the file name says: the reader goes by content, so clips may be named

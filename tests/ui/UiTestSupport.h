@@ -9,16 +9,45 @@
 #include <QTimer>
 #include <QVector>
 
+#include <QObject>
+#include <QTemporaryDir>
+
 #include <functional>
+#include <memory>
 
 class MainWindow;
 class QAction;
 class QListWidget;
 class Tremora;
 
+namespace TestSupport {
+class ScopedSettings;
+}
+
 // Helpers for the window tests: clips, access to the window's named objects, and a script
 // that answers the real modal dialogs a flow opens. Used on the test's (GUI) thread only.
 namespace UiTestSupport {
+
+// The common ground of the window tests: before each test function a fresh window with
+// settings of its own and an empty temporary folder, dropped again after it.
+class WindowTestCase : public QObject {
+protected:
+    WindowTestCase();
+    ~WindowTestCase() override;
+
+    // From initTestCase(): Qt's own dialogs (which the tests can drive) and the program's
+    // settings identity.
+    static void prepareApplication();
+    // From init(); false when the folder cannot be made.
+    bool openWindow();
+    // From cleanup().
+    void closeWindow();
+
+    std::unique_ptr<TestSupport::ScopedSettings> m_settings;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<MainWindow> m_window;
+    QListWidget* m_list = nullptr;
+};
 
 // A 64x48 ffv1 clip of six frames with motion everywhere, so its job finishes within a
 // moment and leaves a coloured map.
