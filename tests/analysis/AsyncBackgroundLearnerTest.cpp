@@ -1,6 +1,7 @@
 #include "AsyncBackgroundLearner.h"
 #include "BackgroundLearner.h"
 #include "MpegFrame.h"
+#include "TestPictures.h"
 
 #include <QtTest>
 
@@ -24,14 +25,9 @@ using SharedFrame = std::shared_ptr<const MpegFrame>;
 // A YUV 4:2:0 picture: a smooth scene with noise and a square at `x`.
 SharedFrame picture(int width, int height, int x, unsigned seed)
 {
-    AVFrame* frame = av_frame_alloc();
-    frame->format = AV_PIX_FMT_YUV420P;
-    frame->width = width;
-    frame->height = height;
-    if (av_frame_get_buffer(frame, 0) < 0) {
-        av_frame_free(&frame);
+    AVFrame* frame = TestPictures::allocatePicture(AV_PIX_FMT_YUV420P, width, height);
+    if (!frame)
         return nullptr;
-    }
     std::mt19937 random(seed);
     for (int plane = 0; plane < 3; ++plane) {
         const int w = plane == 0 ? width : (width + 1) / 2;

@@ -1,6 +1,7 @@
 #include "MpegFrame.h"
 #include "MpegReader.h"
 #include "MpegWriter.h"
+#include "TestPictures.h"
 #include "TestSupport.h"
 
 #include <QFile>
@@ -28,14 +29,9 @@ constexpr double kFps = 25.0;
 // A YUV420P picture: a horizontal luma ramp starting at `luma`, neutral chroma.
 std::unique_ptr<MpegFrame> makePicture(int luma, int64_t pts, int width = kWidth, int height = kHeight)
 {
-    AVFrame* frame = av_frame_alloc();
-    frame->format = AV_PIX_FMT_YUV420P;
-    frame->width = width;
-    frame->height = height;
-    if (av_frame_get_buffer(frame, 0) < 0) {
-        av_frame_free(&frame);
+    AVFrame* frame = TestPictures::allocatePicture(AV_PIX_FMT_YUV420P, width, height);
+    if (!frame)
         return nullptr;
-    }
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x)
             frame->data[0][y * frame->linesize[0] + x] = static_cast<uint8_t>(qBound(16, luma + x / 4, 235));

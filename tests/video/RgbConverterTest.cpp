@@ -1,5 +1,6 @@
 #include "MpegFrame.h"
 #include "RgbConverter.h"
+#include "TestPictures.h"
 
 #include <QtTest>
 
@@ -21,14 +22,9 @@ using FramePtr = std::unique_ptr<MpegFrame>;
 // every byte pattern is some colour).
 FramePtr randomPicture(AVPixelFormat format, int width, int height, unsigned seed)
 {
-    AVFrame* frame = av_frame_alloc();
-    frame->format = format;
-    frame->width = width;
-    frame->height = height;
-    if (av_frame_get_buffer(frame, 0) < 0) {
-        av_frame_free(&frame);
+    AVFrame* frame = TestPictures::allocatePicture(format, width, height);
+    if (!frame)
         return nullptr;
-    }
     std::mt19937 random(seed);
     for (int plane = 0; plane < AV_NUM_DATA_POINTERS && frame->buf[plane]; ++plane)
         for (size_t i = 0; i < frame->buf[plane]->size; ++i)
