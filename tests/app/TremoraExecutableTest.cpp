@@ -17,24 +17,6 @@ namespace {
 constexpr int kStartTimeoutMs = 30000;
 constexpr int kExitTimeoutMs = 60000;
 
-// True once the process has handlers for both signals, i.e. start-up got that far: a
-// signal sent earlier would end it the default way and prove nothing.
-bool catchesTerminationSignals(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return false;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (!line.startsWith("SigCgt:"))
-            continue;
-        bool ok = false;
-        const qulonglong caught = line.mid(7).trimmed().toULongLong(&ok, 16);
-        const qulonglong wanted = (1ull << (SIGTERM - 1)) | (1ull << (SIGINT - 1));
-        return ok && (caught & wanted) == wanted;
-    }
-    return false;
-}
-
 bool makeClip(const QString& path, int frames)
 {
     return TestSupport::runFfmpeg({"-f", "lavfi", "-i",
@@ -88,7 +70,7 @@ void TremoraExecutableTest::runAndSignal(const QString& configHome, int signalNu
     program.start(QStringLiteral(TREMORA_EXECUTABLE), m_clipPaths);
     QVERIFY(program.waitForStarted(kStartTimeoutMs));
 
-    QTRY_VERIFY_WITH_TIMEOUT(catchesTerminationSignals(program.processId()), kStartTimeoutMs);
+    QTRY_VERIFY_WITH_TIMEOUT(TestSupport::catchesSignals(program.processId(), {SIGTERM, SIGINT}), kStartTimeoutMs);
     // The video library describes every file it opens: both command-line clips were queued
     // and analysed by the running program.
     for (const QString& clip : qAsConst(m_clipPaths))

@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QSettings>
 
@@ -72,6 +73,24 @@ ScopedSettings::ScopedSettings()
     for (QSettings::Format format : {QSettings::NativeFormat, QSettings::IniFormat})
         for (QSettings::Scope scope : {QSettings::UserScope, QSettings::SystemScope})
             QSettings::setPath(format, scope, m_dir.path());
+}
+
+bool catchesSignals(qint64 pid, const std::vector<int>& signalNumbers)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return false;
+    qulonglong wanted = 0;
+    for (const int signalNumber : signalNumbers)
+        wanted |= 1ull << (signalNumber - 1);
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (!line.startsWith("SigCgt:"))
+            continue;
+        bool ok = false;
+        const qulonglong caught = line.mid(7).trimmed().toULongLong(&ok, 16);
+        return ok && (caught & wanted) == wanted;
+    }
+    return false;
 }
 
 } // namespace TestSupport

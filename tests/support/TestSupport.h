@@ -25,6 +25,10 @@ bool writeRawClip(const QString& path, int width, int height,
 // A grey frame of one value, the building block of exact-count clips.
 QByteArray grayFrame(int width, int height, unsigned char value);
 
+// True once process `pid` has handlers for all of `signalNumbers`, i.e. its start-up got that
+// far: a signal sent earlier would end it the default way and prove nothing.
+bool catchesSignals(qint64 pid, const std::vector<int>& signalNumbers);
+
 // Points QSettings (native and ini formats, user and system scope) at a fresh temporary
 // folder for as long as the object lives, so a test never reads or writes real settings.
 class ScopedSettings {

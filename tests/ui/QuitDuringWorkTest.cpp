@@ -70,23 +70,6 @@ bool anyRowProcessing(QListWidget* list)
     return false;
 }
 
-// True once the process has handlers for SIGTERM, i.e. start-up got that far: a signal
-// sent earlier would end it the default way and prove nothing.
-bool catchesSigterm(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return false;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (!line.startsWith("SigCgt:"))
-            continue;
-        bool ok = false;
-        const qulonglong caught = line.mid(7).trimmed().toULongLong(&ok, 16);
-        return ok && (caught & (1ull << (SIGTERM - 1))) != 0;
-    }
-    return false;
-}
-
 } // namespace
 
 class QuitDuringWorkTest : public QObject {
@@ -347,7 +330,7 @@ void QuitDuringWorkTest::programEndsOnSigtermMidRunWithCompleteSettings()
             [&program, &errorOutput] { errorOutput += program.readAllStandardError(); });
     program.start(QStringLiteral(TREMORA_EXECUTABLE), clips);
     QVERIFY(program.waitForStarted(kStartTimeoutMs));
-    QTRY_VERIFY_WITH_TIMEOUT(catchesSigterm(program.processId()), kStartTimeoutMs);
+    QTRY_VERIFY_WITH_TIMEOUT(TestSupport::catchesSignals(program.processId(), {SIGTERM}), kStartTimeoutMs);
     // The video library describes each file it opens: the first two are being analysed.
     for (int i = 0; i < kRunning; ++i)
         QTRY_VERIFY_WITH_TIMEOUT(errorOutput.contains(QFile::encodeName(clips.at(i))), kStartTimeoutMs);
