@@ -69,10 +69,10 @@ constexpr std::size_t kBlockFloats = kFields * kLanes;
 
 // The model's memory. Every pixel has a first mode from its first frame on, so the first
 // modes of all groups lie in one array. Few pixels ever need more (in noisy footage about a
-// fifth of the groups need a second), so further modes live in blocks handed out to a group
+// quarter of the groups need a second), so further modes live in blocks handed out to a group
 // as one of its pixels first needs that mode; the pages of blocks never handed out cost
 // nothing.
-struct Planes {
+struct ModelMemory {
     std::uint8_t* usedModes;    // modes in use, one byte a pixel
     float* firstModes;          // one block a group
     std::uint32_t* extraModes;  // per group, the block of modes 1, 2, ...; 0 while it has none
@@ -82,19 +82,19 @@ struct Planes {
 
 // A group's view of its modes: null where it has no block yet.
 struct Group {
-    const Planes* planes;
+    const ModelMemory* memory;
     std::uint32_t* extraModes;
     float* mode[kModes];
 };
 
-inline Group groupAt(const Planes& planes, std::size_t at)
+inline Group groupAt(const ModelMemory& memory, std::size_t at)
 {
     const std::size_t index = at / kLanes;
-    Group group{&planes, planes.extraModes + index * (kModes - 1), {}};
-    group.mode[0] = planes.firstModes + index * kBlockFloats;
+    Group group{&memory, memory.extraModes + index * (kModes - 1), {}};
+    group.mode[0] = memory.firstModes + index * kBlockFloats;
     for (int mode = 1; mode < kModes; ++mode) {
         const std::uint32_t block = group.extraModes[mode - 1];
-        group.mode[mode] = block ? planes.blocks + block * kBlockFloats : nullptr;
+        group.mode[mode] = block ? memory.blocks + block * kBlockFloats : nullptr;
     }
     return group;
 }
@@ -106,7 +106,7 @@ struct RowBuffers {
     std::uint8_t* foreground;
 };
 
-// The part of a row that one thread learns: plane positions [begin, end) of the row starting
+// The part of a row that one thread learns: model positions [begin, end) of the row starting
 // at `rowStart`, all whole groups of eight; those past the width are padding.
 struct RowSpan {
     std::size_t rowStart;
@@ -138,14 +138,14 @@ const bool hasAvx2 = __builtin_cpu_supports("avx2");
 
 std::atomic<bool> avx2Allowed{true};
 
-void learnSpan(const Planes& planes, const RowSpan& span, const std::uint8_t* pixels, int width,
+void learnSpan(const ModelMemory& memory, const RowSpan& span, const std::uint8_t* pixels, int width,
                const RowBuffers& buffers, const FrameRates& frameRates)
 {
 #ifdef TREMORA_AVX2_DISPATCH
     if (hasAvx2 && avx2Allowed.load(std::memory_order_relaxed))
-        return avx2::updateSpan(planes, span, pixels, width, buffers, frameRates);
+        return avx2::updateSpan(memory, span, pixels, width, buffers, frameRates);
 #endif
-    baseline::updateSpan(planes, span, pixels, width, buffers, frameRates);
+    baseline::updateSpan(memory, span, pixels, width, buffers, frameRates);
 }
 
 FrameRates ratesForFrame(int frame)
@@ -167,8 +167,8 @@ constexpr std::size_t kChunkPixels = 1024;
 class ChunksLearner : public cv::ParallelLoopBody {
 public:
     ChunksLearner(const cv::Mat* frames, const FrameRates* rates, int count, cv::Mat* foreground,
-                  const Planes& planes, int stride)
-        : m_frames(frames), m_rates(rates), m_count(count), m_foreground(foreground), m_planes(planes),
+                  const ModelMemory& model, int stride)
+        : m_frames(frames), m_rates(rates), m_count(count), m_foreground(foreground), m_model(model),
           m_stride(stride)
     {
     }
@@ -176,9 +176,9 @@ public:
     void operator()(const cv::Range& range) const override
     {
         const std::size_t stride = static_cast<std::size_t>(m_stride);
-        std::vector<std::uint8_t> memory(stride * (kChannels + 1), 0);
-        const RowBuffers buffers{{memory.data(), memory.data() + stride, memory.data() + 2 * stride},
-                                 m_foreground ? memory.data() + 3 * stride : nullptr};
+        std::vector<std::uint8_t> rows(stride * (kChannels + 1), 0);
+        const RowBuffers buffers{{rows.data(), rows.data() + stride, rows.data() + 2 * stride},
+                                 m_foreground ? rows.data() + 3 * stride : nullptr};
         for (int chunk = range.start; chunk < range.end; ++chunk)
             for (int frame = 0; frame < m_count; ++frame)
                 learnChunk(static_cast<std::size_t>(chunk), m_frames[frame], m_rates[frame], buffers);
@@ -193,7 +193,7 @@ private:
             const int y = static_cast<int>(at / stride);
             const RowSpan span{at - at % stride, static_cast<int>(at % stride),
                                static_cast<int>(std::min(stride, at % stride + (end - at)))};
-            learnSpan(m_planes, span, frame.ptr<std::uint8_t>(y), frame.cols, buffers, rates);
+            learnSpan(m_model, span, frame.ptr<std::uint8_t>(y), frame.cols, buffers, rates);
             const int marked = std::min(span.end, frame.cols) - span.begin;
             if (m_foreground && marked > 0)
                 std::memcpy(m_foreground->ptr(y) + span.begin, buffers.foreground + span.begin,
@@ -206,16 +206,16 @@ private:
     const FrameRates* m_rates;
     int m_count;
     cv::Mat* m_foreground; // only with one frame
-    const Planes& m_planes;
+    const ModelMemory& m_model;
     int m_stride;
 };
 
-Planes planesOf(std::uint8_t* memory, std::size_t firstModes, std::size_t extraModes, std::size_t blocks,
+ModelMemory memoryOf(std::uint8_t* memory, std::size_t firstModes, std::size_t extraModes, std::size_t blocks,
                 std::atomic<std::uint32_t>& blocksUsed)
 {
-    return Planes{memory, reinterpret_cast<float*>(memory + firstModes),
-                  reinterpret_cast<std::uint32_t*>(memory + extraModes), reinterpret_cast<float*>(memory + blocks),
-                  &blocksUsed};
+    return ModelMemory{memory, reinterpret_cast<float*>(memory + firstModes),
+                       reinterpret_cast<std::uint32_t*>(memory + extraModes),
+                       reinterpret_cast<float*>(memory + blocks), &blocksUsed};
 }
 
 std::size_t roundUp(std::size_t value, std::size_t step)
@@ -300,7 +300,7 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
 {
     if (!m_memory || frames[0].size() != m_size)
         start(frames[0].size());
-    const Planes model = planesOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
+    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
     std::vector<FrameRates> rates;
     for (int i = 0; i < count; ++i)
         rates.push_back(ratesForFrame(++m_frames));
@@ -314,7 +314,7 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
 template <typename Value>
 void MixtureModel::fillBackground(cv::Mat& background) const
 {
-    const Planes model = planesOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
+    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
     for (int y = 0; y < m_size.height; ++y) {
         Value* out = background.ptr<Value>(y);
         for (int x = 0; x < m_size.width; ++x) {
