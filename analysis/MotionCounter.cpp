@@ -2,6 +2,8 @@
 
 #include "MotionKernels.h"
 
+#include <opencv2/core/utility.hpp>
+
 #include <algorithm>
 #include <cstring>
 
@@ -23,63 +25,107 @@ std::uint8_t thresholdByte(double threshold)
     return static_cast<std::uint8_t>(threshold);
 }
 
+int stripesFor(int requested, cv::Size size)
+{
+    const long long pixels = static_cast<long long>(size.width) * size.height;
+    const long long fitting = pixels / MotionCounter::kMinStripePixels;
+    const int wanted = requested > 0 ? requested : static_cast<int>(std::min<long long>(cv::getNumThreads(), fitting));
+    return std::max(1, std::min(wanted, size.height));
+}
+
+// The first row of stripe `stripe` of `stripes` over `rows` rows; stripe `stripes` gives `rows`.
+int firstRowOf(int stripe, int stripes, int rows)
+{
+    return static_cast<int>(static_cast<long long>(rows) * stripe / stripes);
+}
+
 } // namespace
 
-MotionCounter::MotionCounter(cv::Size size, bool blur)
+MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
     : m_blur(blur)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
+    , m_stripes(stripesFor(stripes, size))
     , m_previous(size, CV_8UC1, cv::Scalar(0))
     , m_quiet(size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent))
-    , m_columnSums(blur ? static_cast<size_t>(size.width) + 2 * kRadius : 0)
+    , m_columnSums(blur ? static_cast<size_t>(m_stripes) * (static_cast<size_t>(size.width) + 2 * kRadius) : 0)
 {
+}
+
+template <typename Work>
+void MotionCounter::forEachStripe(const Work& work)
+{
+    const int rows = m_previous.rows;
+    const size_t sumsPerStripe = static_cast<size_t>(m_previous.cols) + 2 * kRadius;
+    cv::parallel_for_(
+        cv::Range(0, m_stripes),
+        [&](const cv::Range& stripes) {
+            for (int stripe = stripes.start; stripe < stripes.end; ++stripe) {
+                std::uint16_t* sums = m_blur ? m_columnSums.data() + stripe * sumsPerStripe : nullptr;
+                work(firstRowOf(stripe, m_stripes, rows), firstRowOf(stripe + 1, m_stripes, rows), sums);
+            }
+        },
+        m_stripes);
 }
 
 void MotionCounter::start(const cv::Mat& firstFrame)
 {
     m_pairs = 0;
     m_quiet.setTo(cv::Scalar(MotionKernels::kQuietForNewEvent));
+    forEachStripe([&](int firstRow, int endRow, std::uint16_t* sums) { startRows(firstFrame, firstRow, endRow, sums); });
+}
+
+void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
+{
+    forEachStripe(
+        [&](int firstRow, int endRow, std::uint16_t* sums) { countRows(frame, motionCount, firstRow, endRow, sums); });
+    ++m_pairs;
+}
+
+void MotionCounter::startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums)
+{
     const int width = m_previous.cols;
-    for (int y = 0; y < m_previous.rows; ++y) {
+    for (int y = firstRow; y < endRow; ++y) {
         std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
         if (m_blur)
-            MotionKernels::meansOf49(columnSums(firstFrame, y), previous, width);
+            MotionKernels::meansOf49(columnSums(firstFrame, y, firstRow, sums), previous, width);
         else
             std::memcpy(previous, firstFrame.ptr<std::uint8_t>(y), static_cast<size_t>(width));
     }
 }
 
-void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
+void MotionCounter::countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow,
+                              std::uint16_t* sums)
 {
     const int width = m_previous.cols;
     const std::uint8_t threshold = thresholdByte(m_threshold);
-    for (int y = 0; y < m_previous.rows; ++y) {
+    for (int y = firstRow; y < endRow; ++y) {
         std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
         std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
         std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
         if (m_blur)
-            MotionKernels::countBlurredRow(columnSums(frame, y), previous, quiet, counts, width, threshold);
+            MotionKernels::countBlurredRow(columnSums(frame, y, firstRow, sums), previous, quiet, counts, width,
+                                           threshold);
         else
             MotionKernels::countRow(frame.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
     }
-    ++m_pairs;
 }
 
-const std::uint16_t* MotionCounter::columnSums(const cv::Mat& frame, int row)
+const std::uint16_t* MotionCounter::columnSums(const cv::Mat& frame, int row, int firstRow, std::uint16_t* sums) const
 {
     const int width = m_previous.cols;
     const int height = m_previous.rows;
-    std::uint16_t* sums = m_columnSums.data() + kRadius;
-    if (row == 0) {
-        std::fill(m_columnSums.begin(), m_columnSums.end(), std::uint16_t{0});
+    std::uint16_t* rowSums = sums + kRadius;
+    if (row == firstRow) {
+        std::fill(sums, sums + width + 2 * kRadius, std::uint16_t{0});
         for (int d = -kRadius; d <= kRadius; ++d)
-            MotionKernels::addRow(sums, frame.ptr<std::uint8_t>(reflect101(d, height)), width);
+            MotionKernels::addRow(rowSums, frame.ptr<std::uint8_t>(reflect101(row + d, height)), width);
     } else {
-        MotionKernels::slideRows(sums, frame.ptr<std::uint8_t>(reflect101(row + kRadius, height)),
+        MotionKernels::slideRows(rowSums, frame.ptr<std::uint8_t>(reflect101(row + kRadius, height)),
                                  frame.ptr<std::uint8_t>(reflect101(row - kRadius - 1, height)), width);
     }
     for (int d = 1; d <= kRadius; ++d) {
-        sums[-d] = sums[reflect101(-d, width)];
-        sums[width - 1 + d] = sums[reflect101(width - 1 + d, width)];
+        rowSums[-d] = rowSums[reflect101(-d, width)];
+        rowSums[width - 1 + d] = rowSums[reflect101(width - 1 + d, width)];
     }
-    return m_columnSums.data();
+    return sums;
 }

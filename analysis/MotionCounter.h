@@ -9,8 +9,9 @@
 // at a time. Each frame is smoothed (7 x 7 box mean, reflect-101 borders, as cv::blur),
 // compared with the frame before (absolute difference above the threshold, as cv::absdiff
 // and cv::threshold) and counted, row by row in one pass, into buffers of its own: the
-// frames themselves are only read. One object serves one analysis pass; not thread-safe,
-// used by the pass's own thread only.
+// frames themselves are only read. Bands of rows (stripes) are counted at once on the
+// library's threads; the result does not depend on how many. One object serves one analysis
+// pass; not thread-safe, used by the pass's own thread only.
 class MotionCounter {
 public:
     // Motion at a pixel counts as a new event only if at least this many pairs have passed
@@ -20,8 +21,14 @@ public:
     static constexpr double kThresholdBlurred = 20.0;
     static constexpr double kThresholdSharp = 40.0;
 
+    // Pixels a stripe gets at least when the counter chooses the stripes itself: below
+    // this, handing a stripe to another thread costs more than it saves.
+    static constexpr int kMinStripePixels = 1 << 16;
+
     // `size` is the video's frame size; all working buffers are allocated here, once.
-    MotionCounter(cv::Size size, bool blur);
+    // `stripes` bands of rows are counted at once (at most one a row); 0 chooses one for each
+    // of the library's threads, as far as the frame has kMinStripePixels pixels for each.
+    MotionCounter(cv::Size size, bool blur, int stripes = 0);
 
     // Takes the video's first frame (8-bit 1-channel view of the video's size, rows may be
     // padded) as the picture the next frame is compared with. Starts the pair count anew;
@@ -36,6 +43,8 @@ public:
     double threshold() const { return m_threshold; }
     // Pairs analysed since start().
     int pairs() const { return m_pairs; }
+    // Bands of rows counted at once.
+    int stripes() const { return m_stripes; }
     // The picture the next frame is compared with: the last frame, smoothed with blur on.
     const cv::Mat& previous() const { return m_previous; }
     // Per pixel, the pairs since its last motion, not counting that pair, up to
@@ -43,14 +52,22 @@ public:
     const cv::Mat& quietPairs() const { return m_quiet; }
 
 private:
-    // The column sums (7 rows each) of row `row` of `frame`, rows 0, 1, 2 ... in turn,
-    // with 3 reflected sums on either side.
-    const std::uint16_t* columnSums(const cv::Mat& frame, int row);
+    // Runs `work(firstRow, endRow, columnSums)` for every stripe, on the library's threads;
+    // each stripe has a column-sum buffer of its own.
+    template <typename Work>
+    void forEachStripe(const Work& work);
+    // The column sums (7 rows each) of row `row` of `frame` in `sums`, the stripe's rows
+    // `firstRow`, `firstRow` + 1 ... in turn, with 3 reflected sums on either side.
+    const std::uint16_t* columnSums(const cv::Mat& frame, int row, int firstRow, std::uint16_t* sums) const;
+    void startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums);
+    void countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
 
     bool m_blur;
     double m_threshold;
+    int m_stripes;
     int m_pairs = 0;
     cv::Mat m_previous;
     cv::Mat m_quiet;
+    // One buffer a stripe, back to back.
     std::vector<std::uint16_t> m_columnSums;
 };

@@ -5,8 +5,10 @@
 
 #include <QtTest>
 
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <functional>
 #include <vector>
 
@@ -31,10 +33,10 @@ std::vector<cv::Mat> blinkingPixel(cv::Size size, int frameCount, const std::fun
 
 // Runs the counter over `frames` the way a pass does: the first frame starts it, every
 // later one makes a pair with the frame before.
-cv::Mat countOver(const std::vector<cv::Mat>& frames, bool blur)
+cv::Mat countOver(const std::vector<cv::Mat>& frames, bool blur, int stripes = 0)
 {
     const cv::Size size = frames.front().size();
-    MotionCounter counter(size, blur);
+    MotionCounter counter(size, blur, stripes);
     cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
     counter.start(frames.front());
     for (size_t i = 1; i < frames.size(); ++i)
@@ -297,6 +299,57 @@ private slots:
         const cv::Mat expected = referenceCounts(frames, blur);
         QVERIFY(cv::countNonZero(expected) > 0);
         QVERIFY(equal(countOver(frames, blur), expected));
+    }
+
+    void anyNumberOfStripesGivesTheReferenceCounts_data()
+    {
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        QTest::addColumn<int>("stripes");
+        QTest::addColumn<bool>("blur");
+        // Stripes lower than the kernel, uneven stripes, and more stripes than rows.
+        for (const bool blur : {true, false}) {
+            for (const cv::Size size : {cv::Size(33, 17), cv::Size(1, 40), cv::Size(40, 1), cv::Size(1, 1),
+                                        cv::Size(5, 3), cv::Size(67, 13), cv::Size(20, 64), cv::Size(9, 97)}) {
+                for (const int stripes : {1, 2, 3, 4, 7, 200})
+                    QTest::addRow("%dx%d %d stripes %s", size.width, size.height, stripes, blur ? "blurred" : "sharp")
+                        << size.width << size.height << stripes << blur;
+            }
+        }
+    }
+
+    void anyNumberOfStripesGivesTheReferenceCounts()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        QFETCH(int, stripes);
+        QFETCH(bool, blur);
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(width, height), 200, 17);
+        MotionCounter counter(frames.front().size(), blur, stripes);
+        QCOMPARE(counter.stripes(), std::min(stripes, height));
+        counter.start(frames.front());
+        QVERIFY(equal(counter.previous(), blur ? libraryBlur(frames.front()) : frames.front()));
+        const cv::Mat expected = referenceCounts(frames, blur);
+        QVERIFY(cv::countNonZero(expected) > 0);
+        QVERIFY(equal(countOver(frames, blur, stripes), expected));
+    }
+
+    void chosenStripesGiveEachAtLeastTheirMinimumPixels()
+    {
+        const int threads = cv::getNumThreads();
+        cv::setNumThreads(4);
+        const int rows = MotionCounter::kMinStripePixels / 64;
+        const int fourFit = MotionCounter(cv::Size(64, 4 * rows), true).stripes();
+        const int threeFit = MotionCounter(cv::Size(64, 4 * rows - 1), true).stripes();
+        const int noneFits = MotionCounter(cv::Size(64, rows - 1), true).stripes();
+        const int oneEachThread = MotionCounter(cv::Size(64, 40 * rows), true).stripes();
+        const int oneARow = MotionCounter(cv::Size(4 * MotionCounter::kMinStripePixels, 2), true).stripes();
+        cv::setNumThreads(threads);
+        QCOMPARE(fourFit, 4);
+        QCOMPARE(threeFit, 3);
+        QCOMPARE(noneFits, 1);
+        QCOMPARE(oneEachThread, 4);
+        QCOMPARE(oneARow, 2);
     }
 
     void matchesTheLibrarysOperationsOnRandomFrames()
