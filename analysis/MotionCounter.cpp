@@ -25,14 +25,6 @@ std::uint8_t thresholdByte(double threshold)
     return static_cast<std::uint8_t>(threshold);
 }
 
-int stripesFor(int requested, cv::Size size)
-{
-    const long long pixels = static_cast<long long>(size.width) * size.height;
-    const long long fitting = pixels / MotionCounter::kMinStripePixels;
-    const int wanted = requested > 0 ? requested : static_cast<int>(std::min<long long>(cv::getNumThreads(), fitting));
-    return std::max(1, std::min(wanted, size.height));
-}
-
 // The first row of stripe `stripe` of `stripes` over `rows` rows; stripe `stripes` gives `rows`.
 int firstRowOf(int stripe, int stripes, int rows)
 {
@@ -41,10 +33,17 @@ int firstRowOf(int stripe, int stripes, int rows)
 
 } // namespace
 
+int MotionCounter::stripesFor(cv::Size size, int threads)
+{
+    const long long pixels = static_cast<long long>(std::max(size.width, 0)) * std::max(size.height, 0);
+    const long long fitting = std::min<long long>(threads, pixels / kMinStripePixels);
+    return static_cast<int>(std::max(fitting, 1LL));
+}
+
 MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
     : m_blur(blur)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
-    , m_stripes(stripesFor(stripes, size))
+    , m_stripes(std::max(1, std::min(stripes > 0 ? stripes : stripesFor(size, cv::getNumThreads()), size.height)))
     , m_previous(size, CV_8UC1, cv::Scalar(0))
     , m_quiet(size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent))
     , m_columnSums(blur ? static_cast<size_t>(m_stripes) * (static_cast<size_t>(size.width) + 2 * kRadius) : 0)

@@ -25,9 +25,13 @@ public:
     // this, handing a stripe to another thread costs more than it saves.
     static constexpr int kMinStripePixels = 1 << 16;
 
+    // The stripes worth counting frames of `size` in on up to `threads` threads: one a
+    // thread, as far as the frame has kMinStripePixels pixels for each; at least one.
+    static int stripesFor(cv::Size size, int threads);
+
     // `size` is the video's frame size; all working buffers are allocated here, once.
-    // `stripes` bands of rows are counted at once (at most one a row); 0 chooses one for each
-    // of the library's threads, as far as the frame has kMinStripePixels pixels for each.
+    // `stripes` bands of rows are counted at once (at most one a row); 0 means
+    // stripesFor(size, the library's thread count).
     MotionCounter(cv::Size size, bool blur, int stripes = 0);
 
     // Takes the video's first frame (8-bit 1-channel view of the video's size, rows may be

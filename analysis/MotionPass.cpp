@@ -100,14 +100,16 @@ public:
     // counter and the learner's conversion are done with a frame before the next is taken,
     // so frames share the decoder's pictures. Keeping one longer would make the decoder's
     // reuse of its pictures, and so what the pictures of a damaged video show, depend on
-    // timing.
+    // timing. The count is split over as many threads as the decoder has: the cores this
+    // pass does not share with others; a pass sharing them counts on its own thread, where
+    // handing rows to another would only wait for the other pass's work.
     PairLoop(MpegReader& reader, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
              cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
         : m_source(reader, decoderThreads > 1)
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
         , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
-        , m_counter(size, settings.blur)
+        , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads))
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
