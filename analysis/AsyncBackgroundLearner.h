@@ -41,8 +41,10 @@ public:
     AsyncBackgroundLearner(const AsyncBackgroundLearner&) = delete;
     AsyncBackgroundLearner& operator=(const AsyncBackgroundLearner&) = delete;
 
-    // Converts `frame` to R,G,B (as BackgroundLearner::learn does) and queues the picture;
-    // the frame itself is not kept. Before the first frame the model slot is taken; while
+    // Converts `frame` to R,G,B (RgbConverter) and queues the picture; the frame itself is
+    // not kept. A frame that cannot be converted is queued as black or as an earlier picture,
+    // so that the model's count of frames stays in step with the video; a frame without
+    // pixels is skipped. Before the first frame the model slot is taken; while
     // another learner holds it, `canceled` is asked about every 20 ms, and a true answer
     // gives up: the frame is not queued and the result is false. True once the frame is
     // queued (or, having no pixels, skipped).

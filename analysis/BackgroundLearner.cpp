@@ -1,24 +1,6 @@
 #include "BackgroundLearner.h"
 
-#include "MpegFrame.h"
-
 BackgroundLearner::BackgroundLearner() = default;
-
-void BackgroundLearner::learn(const MpegFrame& frame)
-{
-    m_converter.convert(frame);
-    if (!m_converter.data())
-        return;
-    const cv::Mat rgb(m_converter.height(), m_converter.width(), CV_8UC3, const_cast<uint8_t*>(m_converter.data()),
-                      static_cast<size_t>(m_converter.stride()));
-    learn(rgb);
-}
-
-void BackgroundLearner::learn(const cv::Mat& rgbFrame)
-{
-    m_model.apply(rgbFrame);
-    ++m_learntFrames;
-}
 
 void BackgroundLearner::learn(const std::vector<cv::Mat>& rgbFrames)
 {

@@ -1,6 +1,7 @@
 #include "AsyncBackgroundLearner.h"
 #include "BackgroundLearner.h"
 #include "MpegFrame.h"
+#include "RgbConverter.h"
 #include "TestPictures.h"
 
 #include <QtTest>
@@ -53,8 +54,12 @@ std::vector<SharedFrame> scene(int count, unsigned seed)
 cv::Mat synchronousBackground(const std::vector<SharedFrame>& frames)
 {
     BackgroundLearner learner;
-    for (const SharedFrame& frame : frames)
-        learner.learn(*frame);
+    RgbConverter converter;
+    for (const SharedFrame& frame : frames) {
+        converter.convert(*frame);
+        learner.learn({cv::Mat(converter.height(), converter.width(), CV_8UC3, const_cast<uint8_t*>(converter.data()),
+                               static_cast<size_t>(converter.stride()))});
+    }
     cv::Mat background;
     learner.fetchBackground(background);
     return background;

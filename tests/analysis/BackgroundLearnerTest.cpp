@@ -46,7 +46,7 @@ private slots:
         BackgroundLearner learner;
         const cv::Mat scene(4, 6, CV_8UC3, cv::Scalar(10, 120, 230));
         for (int i = 0; i < 5; ++i)
-            learner.learn(scene);
+            learner.learn({scene});
         cv::Mat background;
         learner.fetchBackground(background);
         QCOMPARE(learner.learntFrames(), 5);
@@ -63,7 +63,7 @@ private slots:
         cv::Mat mask;
         for (int i = 0; i < 30; ++i) {
             const cv::Mat frame = randomRgb(size, random);
-            learner.learn(frame);
+            learner.learn({frame});
             model->apply(frame, mask, -1.0);
         }
         cv::Mat expected, actual;
@@ -81,7 +81,7 @@ private slots:
         std::vector<cv::Mat> frames;
         for (int i = 0; i < 12; ++i) {
             frames.push_back(randomRgb(size, random));
-            oneByOne.learn(frames.back());
+            oneByOne.learn({frames.back()});
         }
         together.learn(std::vector<cv::Mat>(frames.begin(), frames.begin() + 5));
         together.learn(std::vector<cv::Mat>(frames.begin() + 5, frames.end()));
@@ -95,7 +95,7 @@ private slots:
     void fetchKeepsTheCallersBuffer()
     {
         BackgroundLearner learner;
-        learner.learn(cv::Mat(4, 6, CV_8UC3, cv::Scalar(1, 2, 3)));
+        learner.learn({cv::Mat(4, 6, CV_8UC3, cv::Scalar(1, 2, 3))});
         cv::Mat background(4, 6, CV_8UC3, cv::Scalar(0, 0, 0));
         const uchar* data = background.data;
         learner.fetchBackground(background);
