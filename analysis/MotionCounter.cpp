@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -46,6 +47,7 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
     , m_stripes(std::max(1, std::min(stripes > 0 ? stripes : stripesFor(size, cv::getNumThreads()), size.height)))
     , m_previous(size, CV_8UC1, cv::Scalar(0))
     , m_quiet(size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent))
+    , m_parallel(m_stripes - 1)
     , m_columnSums(blur ? static_cast<size_t>(m_stripes) * (static_cast<size_t>(size.width) + 2 * kRadius) : 0)
 {
 }
@@ -55,15 +57,12 @@ void MotionCounter::forEachStripe(const Work& work)
 {
     const int rows = m_previous.rows;
     const size_t sumsPerStripe = static_cast<size_t>(m_previous.cols) + 2 * kRadius;
-    cv::parallel_for_(
-        cv::Range(0, m_stripes),
-        [&](const cv::Range& stripes) {
-            for (int stripe = stripes.start; stripe < stripes.end; ++stripe) {
-                std::uint16_t* sums = m_blur ? m_columnSums.data() + stripe * sumsPerStripe : nullptr;
-                work(firstRowOf(stripe, m_stripes, rows), firstRowOf(stripe + 1, m_stripes, rows), sums);
-            }
-        },
-        m_stripes);
+    const auto stripe = [&](int index) {
+        std::uint16_t* sums = m_blur ? m_columnSums.data() + index * sumsPerStripe : nullptr;
+        work(firstRowOf(index, m_stripes, rows), firstRowOf(index + 1, m_stripes, rows), sums);
+    };
+    // Passed by reference, so that wrapping it allocates nothing a frame.
+    m_parallel.run(m_stripes, std::cref(stripe));
 }
 
 void MotionCounter::start(const cv::Mat& firstFrame)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ParallelStripes.h"
+
 #include <opencv2/core/mat.hpp>
 
 #include <cstdint>
@@ -9,9 +11,10 @@
 // at a time. Each frame is smoothed (7 x 7 box mean, reflect-101 borders, as cv::blur),
 // compared with the frame before (absolute difference above the threshold, as cv::absdiff
 // and cv::threshold) and counted, row by row in one pass, into buffers of its own: the
-// frames themselves are only read. Bands of rows (stripes) are counted at once on the
-// library's threads; the result does not depend on how many. One object serves one analysis
-// pass; not thread-safe, used by the pass's own thread only.
+// frames themselves are only read. Bands of rows (stripes) are counted at once, on the
+// calling thread and on helper threads of the counter's own; the result does not depend on
+// how many. One object serves one analysis pass; not thread-safe, used by the pass's own
+// thread only.
 class MotionCounter {
 public:
     // Motion at a pixel counts as a new event only if at least this many pairs have passed
@@ -56,7 +59,7 @@ public:
     const cv::Mat& quietPairs() const { return m_quiet; }
 
 private:
-    // Runs `work(firstRow, endRow, columnSums)` for every stripe, on the library's threads;
+    // Runs `work(firstRow, endRow, columnSums)` for every stripe, on the counter's threads;
     // each stripe has a column-sum buffer of its own.
     template <typename Work>
     void forEachStripe(const Work& work);
@@ -72,6 +75,8 @@ private:
     int m_pairs = 0;
     cv::Mat m_previous;
     cv::Mat m_quiet;
+    // One helper a stripe besides the first, which the calling thread counts.
+    ParallelStripes m_parallel;
     // One buffer a stripe, back to back.
     std::vector<std::uint16_t> m_columnSums;
 };

@@ -1,0 +1,117 @@
+#include "ParallelStripes.h"
+
+#include <QtTest>
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Long enough for a helper to wake on a loaded machine, short enough for a failing test.
+constexpr std::chrono::seconds kPatience(10);
+
+} // namespace
+
+class ParallelStripesTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void everyPieceRunsOnceBeforeRunReturns()
+    {
+        ParallelStripes stripes(3);
+        std::vector<std::atomic<int>> runs(100);
+        stripes.run(100, [&](int piece) { runs[static_cast<size_t>(piece)].fetch_add(1); });
+        for (const std::atomic<int>& count : runs)
+            QCOMPARE(count.load(), 1);
+    }
+
+    void aSleepingHelperWakesToRunAPieceWhileTheCallerRunsAnother()
+    {
+        // Each piece waits until the other has begun: only two threads at once finish both
+        // without running out of patience. The helper is asleep when each job starts.
+        ParallelStripes stripes(1);
+        for (int job = 0; job < 3; ++job) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::atomic<int> begun{0};
+            std::atomic<int> metTheOther{0};
+            stripes.run(2, [&](int) {
+                begun.fetch_add(1);
+                const Clock::time_point giveUp = Clock::now() + kPatience;
+                while (begun.load() < 2 && Clock::now() < giveUp)
+                    std::this_thread::yield();
+                if (begun.load() == 2)
+                    metTheOther.fetch_add(1);
+            });
+            QCOMPARE(metTheOther.load(), 2);
+        }
+    }
+
+    void withoutHelpersTheCallerRunsEveryPiece()
+    {
+        ParallelStripes stripes(0);
+        std::set<std::thread::id> threads;
+        int pieces = 0;
+        stripes.run(5, [&](int) {
+            threads.insert(std::this_thread::get_id());
+            ++pieces;
+        });
+        QCOMPARE(pieces, 5);
+        QCOMPARE(threads.size(), size_t{1});
+        QVERIFY(*threads.begin() == std::this_thread::get_id());
+    }
+
+    void noPiecesRunForAnEmptyJob()
+    {
+        ParallelStripes stripes(2);
+        std::atomic<int> pieces{0};
+        stripes.run(0, [&](int) { pieces.fetch_add(1); });
+        QCOMPARE(pieces.load(), 0);
+    }
+
+    void manyJobsInARowEachRunWhole()
+    {
+        // Helpers go to sleep and wake again between jobs; none may miss a job or run a
+        // piece of one twice.
+        ParallelStripes stripes(2);
+        long long total = 0;
+        for (int job = 0; job < 2000; ++job) {
+            std::atomic<int> sum{0};
+            const int count = 1 + job % 4;
+            stripes.run(count, [&](int piece) { sum.fetch_add(piece + 1); });
+            QCOMPARE(sum.load(), count * (count + 1) / 2);
+            total += sum.load();
+        }
+        QCOMPARE(total, 500LL * (1 + 3 + 6 + 10));
+    }
+
+    void piecesWriteWhatTheCallerReadsAfterwards()
+    {
+        // Plain memory written by the helpers is the caller's to read once run() returns.
+        ParallelStripes stripes(3);
+        std::vector<int> values(64, 0);
+        for (int round = 1; round <= 50; ++round) {
+            stripes.run(64, [&](int piece) { values[static_cast<size_t>(piece)] = round * piece; });
+            for (int piece = 0; piece < 64; ++piece)
+                QCOMPARE(values[static_cast<size_t>(piece)], round * piece);
+        }
+    }
+
+    void helpersEndWithTheObjectWhetherTheyWorkedOrNot()
+    {
+        for (int i = 0; i < 50; ++i) {
+            ParallelStripes idle(2);
+            ParallelStripes used(2);
+            std::atomic<int> pieces{0};
+            used.run(3, [&](int) { pieces.fetch_add(1); });
+            QCOMPARE(pieces.load(), 3);
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(ParallelStripesTest)
+#include "ParallelStripesTest.moc"
