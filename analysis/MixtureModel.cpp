@@ -8,6 +8,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <vector>
 
@@ -164,7 +165,7 @@ constexpr std::size_t kChunkPixels = 1024;
 // by chunk: a chunk's part of the model stays in the cache from one frame to the next instead
 // of passing through memory once a frame. Each group is learnt by one thread, which alone
 // gives it blocks.
-class ChunksLearner : public cv::ParallelLoopBody {
+class ChunksLearner {
 public:
     ChunksLearner(const cv::Mat* frames, const FrameRates* rates, int count, cv::Mat* foreground,
                   const ModelMemory& model, int stride)
@@ -173,7 +174,7 @@ public:
     {
     }
 
-    void operator()(const cv::Range& range) const override
+    void operator()(const cv::Range& range) const
     {
         const std::size_t stride = static_cast<std::size_t>(m_stride);
         std::vector<std::uint8_t> rows(stride * (kChannels + 1), 0);
@@ -230,7 +231,10 @@ void MixtureModel::setAvx2Allowed(bool allowed)
     avx2Allowed.store(allowed, std::memory_order_relaxed);
 }
 
-MixtureModel::MixtureModel() = default;
+MixtureModel::MixtureModel(int threads)
+    : m_parallel((threads > 0 ? threads : cv::getNumThreads()) - 1)
+{
+}
 
 MixtureModel::~MixtureModel()
 {
@@ -305,10 +309,16 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
     for (int i = 0; i < count; ++i)
         rates.push_back(ratesForFrame(++m_frames));
     const std::size_t pixels = static_cast<std::size_t>(m_stride) * static_cast<std::size_t>(m_size.height);
+    const int chunks = static_cast<int>(roundUp(pixels, kChunkPixels) / kChunkPixels);
     // Stripes of about 65,536 pixels, as the library's.
-    cv::parallel_for_(cv::Range(0, static_cast<int>(roundUp(pixels, kChunkPixels) / kChunkPixels)),
-                      ChunksLearner(frames, rates.data(), count, foreground, model, m_stride),
-                      static_cast<double>(frames[0].total()) / (1 << 16));
+    const int stripes = std::clamp(static_cast<int>(frames[0].total() >> 16), 1, chunks);
+    const ChunksLearner learner(frames, rates.data(), count, foreground, model, m_stride);
+    const auto learnStripe = [&](int stripe) {
+        learner(cv::Range(static_cast<int>(static_cast<long long>(chunks) * stripe / stripes),
+                          static_cast<int>(static_cast<long long>(chunks) * (stripe + 1) / stripes)));
+    };
+    // Passed by reference, so that wrapping it allocates nothing a call.
+    m_parallel.run(stripes, std::cref(learnStripe));
 }
 
 template <typename Value>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ParallelStripes.h"
+
 #include <opencv2/core/mat.hpp>
 
 #include <atomic>
@@ -19,10 +21,12 @@
 //   them, so a scene that needs few modes a pixel keeps only those resident instead of the
 //   full 100 bytes a pixel.
 //
-// Called from one thread at a time; apply() spreads its work over the library's threads.
+// Called from one thread at a time; apply() spreads its work over that thread and helper
+// threads of the model's own, which sleep between calls.
 class MixtureModel {
 public:
-    MixtureModel();
+    // Learns on up to `threads` threads; 0 means as many as the library's thread count.
+    explicit MixtureModel(int threads = 0);
     ~MixtureModel();
 
     MixtureModel(const MixtureModel&) = delete;
@@ -68,4 +72,5 @@ private:
     // Blocks handed out so far, block 0 included; counted up by apply()'s threads.
     mutable std::atomic<std::uint32_t> m_blocksUsed{1};
     int m_frames = 0;
+    ParallelStripes m_parallel;
 };

@@ -35,7 +35,7 @@ void printUsage(const char* program)
     std::printf("Usage: %s [--width W] [--height H] [--calls N] [--threads T]\n"
                 "          [--model library|tremora]\n"
                 "Times N calls (default 100) of MOG2 apply() on W x H RGB frames\n"
-                "(default 1920 x 1080) with T OpenCV threads (default: the number of cores)\n"
+                "(default 1920 x 1080) on T threads (default: the number of cores)\n"
                 "and prints the seconds they took. --model tremora times Tremora's own\n"
                 "computation of the same model instead of the library's.\n",
                 program);
