@@ -273,7 +273,7 @@ void MixtureModel::start(cv::Size size)
     // of their pages a fault on the first read and a second one, which flushes every core's
     // address cache, on the first write.
     madvise(m_memory, m_blocksOffset, MADV_HUGEPAGE);
-    std::memset(m_memory, 0, m_blocksOffset);
+    touchPages(m_memory, m_blocksOffset);
     m_blocksUsed.store(1, std::memory_order_relaxed);
     m_frames = 0;
 }
@@ -319,6 +319,20 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
     };
     // Passed by reference, so that wrapping it allocates nothing a call.
     m_parallel.run(stripes, std::cref(learnStripe));
+}
+
+// Writes zeros, which a new mapping holds already, over every page of the `bytes` at
+// `memory`. Each new page costs the system a fault and a clear, which on a virtual machine may
+// wait for the host: the model's threads share them, a large page each at a time.
+void MixtureModel::touchPages(std::uint8_t* memory, std::size_t bytes)
+{
+    constexpr std::size_t kStripeBytes = std::size_t{2} << 20;
+    const int stripes = static_cast<int>(roundUp(bytes, kStripeBytes) / kStripeBytes);
+    const auto touchStripe = [&](int stripe) {
+        const std::size_t begin = static_cast<std::size_t>(stripe) * kStripeBytes;
+        std::memset(memory + begin, 0, std::min(kStripeBytes, bytes - begin));
+    };
+    m_parallel.run(stripes, std::cref(touchStripe));
 }
 
 template <typename Value>

@@ -56,6 +56,7 @@ private:
     void start(cv::Size size);
     void release();
     void learn(const cv::Mat* frames, int count, cv::Mat* foreground);
+    void touchPages(std::uint8_t* memory, std::size_t bytes);
     template <typename Value>
     void fillBackground(cv::Mat& background) const;
 
