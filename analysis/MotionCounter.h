@@ -24,8 +24,8 @@ public:
     static constexpr double kThresholdBlurred = 20.0;
     static constexpr double kThresholdSharp = 40.0;
 
-    // Pixels a stripe gets at least when the counter chooses the stripes itself: below
-    // this, handing a stripe to another thread costs more than it saves.
+    // Pixels a stripe gets at least from stripesFor: below this, handing a stripe to
+    // another thread costs more than it saves.
     static constexpr int kMinStripePixels = 1 << 16;
 
     // The stripes worth counting frames of `size` in on up to `threads` threads: one a
