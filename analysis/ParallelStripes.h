@@ -15,8 +15,10 @@
 // run() is called by one thread at a time (the owner's); the helpers only run pieces.
 class ParallelStripes {
 public:
-    // Starts `helpers` threads (none for 0 or less).
+    // Starts `helpers` threads (none for 0 or less), or as many as the system allows.
     explicit ParallelStripes(int helpers);
+    // Helper threads running.
+    int helpers() const { return static_cast<int>(m_helpers.size()); }
     // Ends and joins the helpers.
     ~ParallelStripes();
 

@@ -4,9 +4,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -15,15 +20,51 @@ using Clock = std::chrono::steady_clock;
 // Long enough for a helper to wake on a loaded machine, short enough for a failing test.
 constexpr std::chrono::seconds kPatience(10);
 
+// The process's address space now, in bytes.
+rlim_t addressSpaceInUse()
+{
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
 } // namespace
 
 class ParallelStripesTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void helpersTheSystemCannotStartLeaveTheirPiecesToTheCaller()
+    {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        QSKIP("The sanitizers reserve address space that a limit on it would take away.");
+#endif
+        // A megabyte more address space than in use: no room for a new thread's stack. First
+        // of the tests, because the C library keeps the stacks of ended threads for new ones.
+        rlimit saved{};
+        QCOMPARE(getrlimit(RLIMIT_AS, &saved), 0);
+        rlimit limited = saved;
+        limited.rlim_cur = addressSpaceInUse() + (1 << 20);
+        QCOMPARE(setrlimit(RLIMIT_AS, &limited), 0);
+        auto stripes = std::make_unique<ParallelStripes>(3);
+        QCOMPARE(setrlimit(RLIMIT_AS, &saved), 0);
+        QCOMPARE(stripes->helpers(), 0);
+        std::set<std::thread::id> threads;
+        int pieces = 0;
+        stripes->run(4, [&](int) {
+            threads.insert(std::this_thread::get_id());
+            ++pieces;
+        });
+        QCOMPARE(pieces, 4);
+        QCOMPARE(threads.size(), size_t{1});
+        QVERIFY(*threads.begin() == std::this_thread::get_id());
+    }
+
     void everyPieceRunsOnceBeforeRunReturns()
     {
         ParallelStripes stripes(3);
+        QCOMPARE(stripes.helpers(), 3);
         std::vector<std::atomic<int>> runs(100);
         stripes.run(100, [&](int piece) { runs[static_cast<size_t>(piece)].fetch_add(1); });
         for (const std::atomic<int>& count : runs)
@@ -54,6 +95,7 @@ private slots:
     void withoutHelpersTheCallerRunsEveryPiece()
     {
         ParallelStripes stripes(0);
+        QCOMPARE(stripes.helpers(), 0);
         std::set<std::thread::id> threads;
         int pieces = 0;
         stripes.run(5, [&](int) {
