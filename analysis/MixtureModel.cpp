@@ -314,8 +314,8 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
     const int stripes = std::clamp(static_cast<int>(frames[0].total() >> 16), 1, chunks);
     const ChunksLearner learner(frames, rates.data(), count, foreground, model, m_stride);
     const auto learnStripe = [&](int stripe) {
-        learner(cv::Range(static_cast<int>(static_cast<long long>(chunks) * stripe / stripes),
-                          static_cast<int>(static_cast<long long>(chunks) * (stripe + 1) / stripes)));
+        learner(cv::Range(ParallelStripes::firstOf(stripe, stripes, chunks),
+                          ParallelStripes::firstOf(stripe + 1, stripes, chunks)));
     };
     // Passed by reference, so that wrapping it allocates nothing a call.
     m_parallel.run(stripes, std::cref(learnStripe));

@@ -26,12 +26,6 @@ std::uint8_t thresholdByte(double threshold)
     return static_cast<std::uint8_t>(threshold);
 }
 
-// The first row of stripe `stripe` of `stripes` over `rows` rows; stripe `stripes` gives `rows`.
-int firstRowOf(int stripe, int stripes, int rows)
-{
-    return static_cast<int>(static_cast<long long>(rows) * stripe / stripes);
-}
-
 } // namespace
 
 int MotionCounter::stripesFor(cv::Size size, int threads)
@@ -59,7 +53,8 @@ void MotionCounter::forEachStripe(const Work& work)
     const size_t sumsPerStripe = static_cast<size_t>(m_previous.cols) + 2 * kRadius;
     const auto stripe = [&](int index) {
         std::uint16_t* sums = m_blur ? m_columnSums.data() + index * sumsPerStripe : nullptr;
-        work(firstRowOf(index, m_stripes, rows), firstRowOf(index + 1, m_stripes, rows), sums);
+        work(ParallelStripes::firstOf(index, m_stripes, rows), ParallelStripes::firstOf(index + 1, m_stripes, rows),
+             sums);
     };
     // Passed by reference, so that wrapping it allocates nothing a frame.
     m_parallel.run(m_stripes, std::cref(stripe));

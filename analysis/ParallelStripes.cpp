@@ -38,8 +38,6 @@ void ParallelStripes::run(int count, const std::function<void(int)>& work)
     runPieces(lock);
     m_done.wait(lock, [this] { return m_finished == m_count; });
     m_work = nullptr;
-    m_count = 0;
-    m_next = 0;
 }
 
 void ParallelStripes::help()

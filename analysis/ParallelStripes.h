@@ -29,6 +29,13 @@ public:
     // pieces must be independent of each other and must not throw.
     void run(int count, const std::function<void(int)>& work);
 
+    // Where piece `piece` of `count` begins when `total` items are split evenly; piece
+    // `count` gives `total`. Thread-safe.
+    static int firstOf(int piece, int count, int total)
+    {
+        return static_cast<int>(static_cast<long long>(total) * piece / count);
+    }
+
 private:
     void help();
     // Runs pieces while any is left to take; called and returning with m_mutex held.

@@ -103,6 +103,20 @@ private slots:
         QVERIFY(runsEveryPieceOnTheCaller(stripes, 5));
     }
 
+    void evenSplitsCoverEveryItemOnceInPiecesDifferingByOneAtMost()
+    {
+        for (const int total : {0, 1, 7, 1080, 2025})
+            for (const int count : {1, 2, 3, 7, 31}) {
+                QCOMPARE(ParallelStripes::firstOf(0, count, total), 0);
+                QCOMPARE(ParallelStripes::firstOf(count, count, total), total);
+                for (int piece = 0; piece < count; ++piece) {
+                    const int size = ParallelStripes::firstOf(piece + 1, count, total)
+                                     - ParallelStripes::firstOf(piece, count, total);
+                    QVERIFY(size == total / count || size == total / count + 1);
+                }
+            }
+    }
+
     void noPiecesRunForAnEmptyJob()
     {
         ParallelStripes stripes(2);
