@@ -3,10 +3,18 @@
 #include "MpegFrame.h"
 #include "MpegReader.h"
 
+#include <algorithm>
 #include <new>
 
-FrameSource::FrameSource(MpegReader& reader, bool ahead)
+int FrameSource::depthFor(int width, int height)
+{
+    const long long pictureBytes = std::max(1LL, static_cast<long long>(width) * height * 3 / 2);
+    return static_cast<int>(std::clamp<long long>(kQueueBytes / pictureBytes, kMinDepth, kMaxDepth));
+}
+
+FrameSource::FrameSource(MpegReader& reader, bool ahead, int depth)
     : m_reader(reader)
+    , m_depth(std::max(depth, 1))
 {
     if (ahead)
         m_thread = std::thread(&FrameSource::readAhead, this);
@@ -60,7 +68,7 @@ void FrameSource::readAhead()
     for (;;) {
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [this] { return m_stopping || static_cast<int>(m_queue.size()) < kDepth; });
+            m_changed.wait(lock, [this] { return m_stopping || static_cast<int>(m_queue.size()) < m_depth; });
             if (m_stopping)
                 return;
         }

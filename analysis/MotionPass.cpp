@@ -6,6 +6,7 @@
 #include "MotionCounter.h"
 #include "MpegFrame.h"
 #include "MpegReader.h"
+#include "ThreadPriority.h"
 
 #include <QMutexLocker>
 
@@ -13,7 +14,9 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -103,9 +106,9 @@ public:
     // timing. The count is split over as many threads as the decoder has: the cores this
     // pass does not share with others; a pass sharing them counts on its own thread, where
     // handing rows to another would only wait for the other pass's work.
-    PairLoop(MpegReader& reader, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
+    PairLoop(FrameSource& source, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
              cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
-        : m_source(reader, decoderThreads > 1)
+        : m_source(source)
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
         , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
@@ -174,7 +177,7 @@ private:
             m_hooks.refresh(MotionPassHooks::Refresh::Periodic);
     }
 
-    FrameSource m_source;
+    FrameSource& m_source;
     const cv::Size m_size;
     const int m_updateInterval;
     const bool m_backgroundAtFirstPair;
@@ -185,8 +188,40 @@ private:
     MotionPassHooks& m_hooks;
 };
 
+// Runs `work` on a thread of its own, at a priority below the decoder's threads (the threads
+// `work` starts inherit it), and waits for it; what `work` throws is thrown again here. Where
+// no thread can be started, runs `work` on the calling thread as it is.
+void runBelowDecoder(const std::function<void()>& work)
+{
+    std::exception_ptr failure;
+    std::thread worker;
+    try {
+        worker = std::thread([&] {
+            ThreadPriority::lowerCallingThread(ThreadPriority::kBelowDecoder);
+            try {
+                work();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        });
+    } catch (const std::system_error&) {
+        work();
+        return;
+    }
+    worker.join();
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
 // Everything between opening and closing. A picture too large for memory surfaces as an
 // exception from the matrix library; it ends the pass like a read failure.
+//
+// A decoder with threads of its own reads ahead, and then everything else the pass computes
+// (the count, the learning and the threads they start) runs below the decoder's priority:
+// the decoder, which the whole pass waits for, then never waits for a core, and the frames
+// it decodes meanwhile queue up (up to FrameSource::depthFor) until the count catches up in
+// the time the decoder leaves a core idle. The reading-ahead thread is started before, so it
+// keeps the decoder's priority.
 void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const MotionPassSettings& settings,
              cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
 {
@@ -195,8 +230,15 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const Motio
         hooks.started();
         if (hooks.cancelRequested() || !firstFrame)
             return;
-        PairLoop(reader, reader.decoderThreads(), size, settings, motionCount, background, hooks)
-            .run(std::move(firstFrame));
+        const int decoderThreads = reader.decoderThreads();
+        FrameSource source(reader, decoderThreads > 1, FrameSource::depthFor(size.width, size.height));
+        const auto loop = [&] {
+            PairLoop(source, decoderThreads, size, settings, motionCount, background, hooks).run(std::move(firstFrame));
+        };
+        if (decoderThreads > 1)
+            runBelowDecoder(loop);
+        else
+            loop();
     } catch (const std::exception&) {
     }
 }

@@ -11,7 +11,8 @@
 // pairs. The window's job and the command-line map tool both run their passes through
 // runMotionPass, so the same video gives the same counts, background and map in both.
 
-// What a caller plugs into a pass. Every call comes from the thread running the pass.
+// What a caller plugs into a pass. Every call comes from the thread running the pass: the
+// calling one, or one the pass starts for its loop (see MotionPass::run).
 class MotionPassHooks {
 public:
     enum class Refresh {
@@ -77,7 +78,10 @@ int decoderThreadsFor(int requested, int runningPasses, int cores);
 // before opening) and left untouched when the file cannot be opened. The video's size is
 // that of its first frame (the reader's when it yields none). The file is opened and
 // closed under ffmpegMutex; everything else runs unlocked. Decoding, and learning the
-// background during the first pairs, use threads of their own besides the calling one.
+// background during the first pairs, use threads of their own besides the calling one. With
+// several decoder threads, the loop over the pairs runs on a thread of its own too, whose
+// priority (and that of the threads it starts) is lowered below the decoder's, while the
+// calling thread waits; the calling thread's own priority is left as it was.
 // Blocks until the pass ends. Reentrant: passes over different matrices may run on several
 // threads at once; their background models take turns (see MotionPassHooks).
 MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,

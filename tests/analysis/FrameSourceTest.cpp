@@ -110,9 +110,33 @@ private slots:
         }
         // No more than the frames taken and the few read ahead.
         const int read = MpegReader::m_processedFrameCount.load() - before;
-        QVERIFY2(read >= 2 && read <= 2 + FrameSource::kDepth + 1, qPrintable(QString::number(read)));
+        QVERIFY2(read >= 2 && read <= 2 + FrameSource::kMinDepth + 1, qPrintable(QString::number(read)));
         // The reader is the caller's again.
         QVERIFY(std::unique_ptr<MpegFrame>(reader.read(false)));
+    }
+
+    void readsAheadUpToItsDepthAndNoFurther()
+    {
+        constexpr int kDepth = 6;
+        MpegReader reader;
+        reader.setDecoderThreads(2);
+        QVERIFY(reader.open(m_clip.toUtf8().constData()));
+        const int before = MpegReader::m_processedFrameCount.load();
+        FrameSource source(reader, true, kDepth);
+        QVERIFY(source.next().frame);
+        const auto read = [&] { return MpegReader::m_processedFrameCount.load() - before; };
+        QTRY_COMPARE_WITH_TIMEOUT(read(), 1 + kDepth, 10000);
+        QTest::qWait(200);
+        QCOMPARE(read(), 1 + kDepth);
+    }
+
+    void depthIsWhatFitsTheQueuesMemoryWithinItsBounds()
+    {
+        QCOMPARE(FrameSource::depthFor(1920, 1080), FrameSource::kMaxDepth);
+        QCOMPARE(FrameSource::depthFor(3840, 2160), 8);
+        QCOMPARE(FrameSource::depthFor(7680, 4320), FrameSource::kMinDepth);
+        QCOMPARE(FrameSource::depthFor(1, 1), FrameSource::kMaxDepth);
+        QCOMPARE(FrameSource::depthFor(0, 0), FrameSource::kMaxDepth);
     }
 };
 

@@ -6,6 +6,7 @@
 #include "MpegReader.h"
 #include "ReferenceMotion.h"
 #include "TestSupport.h"
+#include "ThreadPriority.h"
 
 #include <QDir>
 #include <QFile>
@@ -15,8 +16,13 @@
 #include <opencv2/video/background_segm.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <utility>
+
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace ClipMaking;
 
@@ -77,6 +83,34 @@ public:
 
 private:
     int m_polls;
+};
+
+long callingThreadId()
+{
+    return syscall(SYS_gettid);
+}
+
+int niceOfCallingThread()
+{
+    errno = 0;
+    return getpriority(PRIO_PROCESS, static_cast<id_t>(callingThreadId()));
+}
+
+// Also records which thread reports the pairs, and at what nice value.
+class ThreadRecordingHooks : public RecordingHooks {
+public:
+    long pairThread = 0;
+    int pairNice = 0;
+    bool pairsFromOneThread = true;
+
+    void pairAnalysed() override
+    {
+        RecordingHooks::pairAnalysed();
+        const long thread = callingThreadId();
+        pairsFromOneThread = pairsFromOneThread && (pairThread == 0 || pairThread == thread);
+        pairThread = thread;
+        pairNice = niceOfCallingThread();
+    }
 };
 
 struct PassResult {
@@ -634,6 +668,29 @@ private slots:
         QVERIFY(cv::countNonZero(expected) > 100);
         QVERIFY(equal(result.counts, expected));
         QVERIFY(equal(result.background, referenceBackground(oneThread.rgb)));
+    }
+
+    void withSeveralDecoderThreadsTheLoopRunsBelowTheDecodersPriority()
+    {
+        const QString path = clip(QStringLiteral("priority.mkv"), speckledNoise(kSize, 30, 9));
+        QVERIFY(!path.isEmpty());
+        const int callerNice = niceOfCallingThread();
+        ThreadRecordingHooks several;
+        const PassResult onSeveral = runPass(path, several, true, 300, 2);
+        QCOMPARE(onSeveral.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(several.pairs, 29);
+        QVERIFY(several.pairsFromOneThread);
+        QVERIFY(several.pairThread != callingThreadId());
+        QCOMPARE(several.pairNice, std::min(callerNice + ThreadPriority::kBelowDecoder, 19));
+        QCOMPARE(niceOfCallingThread(), callerNice);
+
+        // One decoder thread decodes on the pass's thread: the caller's, left as it is.
+        ThreadRecordingHooks one;
+        const PassResult onOne = runPass(path, one, true, 300, 1);
+        QCOMPARE(one.pairThread, callingThreadId());
+        QCOMPARE(one.pairNice, callerNice);
+        QVERIFY(equal(onSeveral.counts, onOne.counts));
+        QVERIFY(equal(onSeveral.background, onOne.background));
     }
 
     void automaticDecoderThreadsShareTheCores()

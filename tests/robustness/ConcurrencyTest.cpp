@@ -1,7 +1,8 @@
 // The analysis core's work across threads: the frame counter raised from many threads while
 // it is read, jobs' state and cancel flag shared between a pool thread and the GUI thread,
-// two passes at once on a pool of two, and a job refreshing its row while the GUI thread
-// reads it. Meant for the ThreadSanitizer build as much as for the others.
+// two passes at once on a pool of two, a pass whose decoder and loop have threads of their
+// own, and a job refreshing its row while the GUI thread reads it. Meant for the
+// ThreadSanitizer build as much as for the others.
 
 #include "AtomicCounter.h"
 #include "MotionPass.h"
@@ -42,13 +43,28 @@ struct PassResult {
     cv::Mat background;
 };
 
-PassResult runPass(const QString& path)
+PassResult runPass(const QString& path, int decoderThreads = 1)
 {
     NeverCancelHooks hooks;
     PassResult result;
-    result.outcome = MotionPass::run(path.toUtf8(), MotionPassSettings{}, result.counts, result.background, hooks);
+    MotionPassSettings settings;
+    settings.decoderThreads = decoderThreads;
+    result.outcome = MotionPass::run(path.toUtf8(), settings, result.counts, result.background, hooks);
     return result;
 }
+
+// Cancels once told to from another thread; counts the pairs it is told of.
+class CancelOnRequestHooks final : public MotionPassHooks {
+public:
+    std::atomic<bool> cancel{false};
+    std::atomic<int> pairs{0};
+
+    bool cancelRequested() override { return cancel.load(); }
+    void started() override {}
+    void positionChanged(std::int64_t) override {}
+    void pairAnalysed() override { pairs.fetch_add(1); }
+    void refresh(Refresh) override {}
+};
 
 bool equal(const cv::Mat& a, const cv::Mat& b)
 {
@@ -171,6 +187,42 @@ private slots:
         QVERIFY(equal(firstTogether.background, firstAlone.background));
         QVERIFY(equal(secondTogether.counts, secondAlone.counts));
         QVERIFY(equal(secondTogether.background, secondAlone.background));
+    }
+
+    void passOnSeveralDecoderThreadsMatchesItsRunOnOne()
+    {
+        // With several decoder threads the pass reads ahead and loops on a thread of its own.
+        const QString path = clip("several.mkv", "96x64", 120);
+        QVERIFY(!path.isEmpty());
+        const PassResult onOne = runPass(path, 1);
+        const PassResult onSeveral = runPass(path, 2);
+        QCOMPARE(onOne.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(onSeveral.outcome, MotionPassOutcome::Finished);
+        QVERIFY(equal(onSeveral.counts, onOne.counts));
+        QVERIFY(equal(onSeveral.background, onOne.background));
+    }
+
+    void passOnSeveralDecoderThreadsStopsWhenCanceledFromAnotherThread()
+    {
+        const QString path = clip("canceled.mkv", "96x64", 400);
+        QVERIFY(!path.isEmpty());
+        CancelOnRequestHooks hooks;
+        MotionPassOutcome outcome = MotionPassOutcome::OpenFailed;
+        cv::Mat counts, background;
+        std::thread pass([&] {
+            MotionPassSettings settings;
+            settings.decoderThreads = 2;
+            outcome = MotionPass::run(path.toUtf8(), settings, counts, background, hooks);
+        });
+        QElapsedTimer timer;
+        timer.start();
+        while (hooks.pairs.load() < 5 && timer.elapsed() < kTimeBoundMs)
+            QThread::msleep(1);
+        hooks.cancel.store(true);
+        pass.join();
+        QCOMPARE(outcome, MotionPassOutcome::Canceled);
+        QVERIFY(hooks.pairs.load() >= 5);
+        QVERIFY(hooks.pairs.load() < 399);
     }
 
     void jobsCanceledFromTheGuiThreadStopWhileOthersFinish()
