@@ -219,11 +219,11 @@ void runBelowDecoder(const std::function<void()>& work)
 // A decoder with threads of its own reads ahead, and then everything else the pass computes
 // (the count, the learning and the threads they start) runs below the decoder's priority:
 // the decoder, which the whole pass waits for, then never waits for a core, and the frames
-// it decodes meanwhile queue up (up to FrameSource::depthFor) until the count catches up in
+// it decodes meanwhile queue up (see MotionPass::readAheadDepthFor) until the count catches up in
 // the time the decoder leaves a core idle. The reading-ahead thread is started before, so it
 // keeps the decoder's priority.
-void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const MotionPassSettings& settings,
-             cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
+void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, int runningPasses,
+             const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
 {
     try {
         resetMaps(size, motionCount, background);
@@ -231,7 +231,7 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, const Motio
         if (hooks.cancelRequested() || !firstFrame)
             return;
         const int decoderThreads = reader.decoderThreads();
-        FrameSource source(reader, decoderThreads > 1, FrameSource::depthFor(size.width, size.height));
+        FrameSource source(reader, decoderThreads > 1, MotionPass::readAheadDepthFor(size, runningPasses));
         const auto loop = [&] {
             PairLoop(source, decoderThreads, size, settings, motionCount, background, hooks).run(std::move(firstFrame));
         };
@@ -252,6 +252,11 @@ int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
     return std::max(cores / std::max(runningPasses, 1), 1);
 }
 
+int MotionPass::readAheadDepthFor(cv::Size size, int runningPasses)
+{
+    return runningPasses > 1 ? FrameSource::kMinDepth : FrameSource::depthFor(size.width, size.height);
+}
+
 MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSettings& settings,
                                   cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
 {
@@ -269,7 +274,7 @@ MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSe
         firstFrame = readFirstFrame(reader);
         size = videoSize(reader, firstFrame.get());
     }
-    analyse(reader, std::move(firstFrame), size, settings, motionCount, background, hooks);
+    analyse(reader, std::move(firstFrame), size, running.count(), settings, motionCount, background, hooks);
     closeLocked(reader);
     return hooks.cancelRequested() ? MotionPassOutcome::Canceled : MotionPassOutcome::Finished;
 }

@@ -72,6 +72,12 @@ constexpr int kLearningPairs = 100;
 // while `runningPasses` passes (itself included) run on a machine of `cores` cores.
 int decoderThreadsFor(int requested, int runningPasses, int cores);
 
+// The frames a pass over pictures of `size` reads ahead with several decoder threads while
+// `runningPasses` passes (itself included) run: alone, as many as FrameSource::depthFor
+// allows; sharing the machine, FrameSource::kMinDepth, so that passes side by side do not
+// each hold a deep queue.
+int readAheadDepthFor(cv::Size size, int runningPasses);
+
 // Runs the pass over the video at `utf8Path`, writing into `motionCount` (8-bit 1-channel,
 // per-pixel event count, wrapping after 255) and `background` (8-bit 3-channel R,G,B).
 // Both are reset to zero at the video's size before the loop (to 0 x 0 when canceled

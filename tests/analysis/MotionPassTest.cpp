@@ -1,5 +1,6 @@
 #include "AsyncBackgroundLearner.h"
 #include "ClipMaking.h"
+#include "FrameSource.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "MpegFrame.h"
@@ -702,6 +703,14 @@ private slots:
         QCOMPARE(MotionPass::decoderThreadsFor(0, 1, 1), 1);
         QCOMPARE(MotionPass::decoderThreadsFor(3, 2, 2), 3);
         QCOMPARE(MotionPass::decoderThreadsFor(1, 1, 8), 1);
+    }
+
+    void aLonePassReadsFarAheadAndPassesSideBySideDoNot()
+    {
+        QCOMPARE(MotionPass::readAheadDepthFor(cv::Size(1920, 1080), 1), FrameSource::depthFor(1920, 1080));
+        QVERIFY(MotionPass::readAheadDepthFor(cv::Size(1920, 1080), 1) > FrameSource::kMinDepth);
+        QCOMPARE(MotionPass::readAheadDepthFor(cv::Size(1920, 1080), 2), FrameSource::kMinDepth);
+        QCOMPARE(MotionPass::readAheadDepthFor(cv::Size(64, 48), 3), FrameSource::kMinDepth);
     }
 
     void passWaitingForTheModelPollsCancelAndEndsCanceled()
