@@ -219,9 +219,9 @@ void runBelowDecoder(const std::function<void()>& work)
 // A decoder with threads of its own reads ahead, and then everything else the pass computes
 // (the count, the learning and the threads they start) runs below the decoder's priority:
 // the decoder, which the whole pass waits for, then never waits for a core, and the frames
-// it decodes meanwhile queue up (see MotionPass::readAheadDepthFor) until the count catches up in
-// the time the decoder leaves a core idle. The reading-ahead thread is started before, so it
-// keeps the decoder's priority.
+// it decodes meanwhile queue up (see MotionPass::readAheadDepthFor) until the count catches
+// up in the time the decoder leaves a core idle. The reading-ahead thread is started before,
+// so it keeps the decoder's priority.
 void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, int runningPasses,
              const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
 {
