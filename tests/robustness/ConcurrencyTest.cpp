@@ -19,6 +19,7 @@
 #include <opencv2/core.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -53,7 +54,8 @@ PassResult runPass(const QString& path, int decoderThreads = 1)
     return result;
 }
 
-// Cancels once told to from another thread; counts the pairs it is told of.
+// Cancels once told to from another thread; counts the pairs it is told of, each taking a
+// millisecond at least, so that a short clip cannot end before the cancel arrives.
 class CancelOnRequestHooks final : public MotionPassHooks {
 public:
     std::atomic<bool> cancel{false};
@@ -62,7 +64,11 @@ public:
     bool cancelRequested() override { return cancel.load(); }
     void started() override {}
     void positionChanged(std::int64_t) override {}
-    void pairAnalysed() override { pairs.fetch_add(1); }
+    void pairAnalysed() override
+    {
+        pairs.fetch_add(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     void refresh(Refresh) override {}
 };
 
