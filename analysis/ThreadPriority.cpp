@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #ifdef __linux__
-#include <cerrno>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,17 +10,32 @@
 
 namespace ThreadPriority {
 
+#ifdef __linux__
+namespace {
+
+// Linux applies PRIO_PROCESS to the single thread whose id it is given.
+id_t callingThread()
+{
+    return static_cast<id_t>(syscall(SYS_gettid));
+}
+
+} // namespace
+#endif
+
+int niceOfCallingThread()
+{
+#ifdef __linux__
+    // A thread may always ask for its own value, so -1 is the value, not a failure.
+    return getpriority(PRIO_PROCESS, callingThread());
+#else
+    return 0;
+#endif
+}
+
 bool lowerCallingThread(int increment)
 {
 #ifdef __linux__
-    constexpr int kWeakest = 19;
-    // Linux applies PRIO_PROCESS to the single thread whose id it is given.
-    const auto thread = static_cast<id_t>(syscall(SYS_gettid));
-    errno = 0;
-    const int current = getpriority(PRIO_PROCESS, thread);
-    if (current == -1 && errno != 0)
-        return false;
-    return setpriority(PRIO_PROCESS, thread, std::min(current + increment, kWeakest)) == 0;
+    return setpriority(PRIO_PROCESS, callingThread(), std::min(niceOfCallingThread() + increment, kWeakest)) == 0;
 #else
     (void)increment;
     return false;

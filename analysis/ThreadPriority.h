@@ -6,6 +6,11 @@ namespace ThreadPriority {
 
 // How far a pass lowers the threads of its own work below the video decoder's threads.
 constexpr int kBelowDecoder = 10;
+// The largest nice value, the weakest priority.
+constexpr int kWeakest = 19;
+
+// The calling thread's nice value; 0 where the system has no such setting. Thread-safe.
+int niceOfCallingThread();
 
 // Raises the calling thread's nice value by `increment` (at most to the weakest priority).
 // On Linux the nice value belongs to the thread, and threads it starts afterwards inherit it.

@@ -17,11 +17,9 @@
 #include <opencv2/video/background_segm.hpp>
 
 #include <algorithm>
-#include <cerrno>
 #include <memory>
 #include <utility>
 
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -86,15 +84,11 @@ private:
     int m_polls;
 };
 
+using ThreadPriority::niceOfCallingThread;
+
 long callingThreadId()
 {
     return syscall(SYS_gettid);
-}
-
-int niceOfCallingThread()
-{
-    errno = 0;
-    return getpriority(PRIO_PROCESS, static_cast<id_t>(callingThreadId()));
 }
 
 // Also records which thread reports the pairs, and at what nice value.
@@ -682,7 +676,7 @@ private slots:
         QCOMPARE(several.pairs, 29);
         QVERIFY(several.pairsFromOneThread);
         QVERIFY(several.pairThread != callingThreadId());
-        QCOMPARE(several.pairNice, std::min(callerNice + ThreadPriority::kBelowDecoder, 19));
+        QCOMPARE(several.pairNice, std::min(callerNice + ThreadPriority::kBelowDecoder, ThreadPriority::kWeakest));
         QCOMPARE(niceOfCallingThread(), callerNice);
 
         // One decoder thread decodes on the pass's thread: the caller's, left as it is.

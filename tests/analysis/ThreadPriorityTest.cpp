@@ -3,7 +3,6 @@
 #include <QtTest>
 
 #include <algorithm>
-#include <cerrno>
 #include <thread>
 
 #include <sys/resource.h>
@@ -12,9 +11,11 @@
 
 namespace {
 
+using ThreadPriority::kWeakest;
+
+// Read straight from the system, so that the tests do not take the code under test's word.
 int niceOfCallingThread()
 {
-    errno = 0;
     return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)));
 }
 
@@ -44,8 +45,8 @@ private slots:
             after = niceOfCallingThread();
         });
         QVERIFY(lowered);
-        QCOMPARE(after, std::min(before + 3, 19));
-        QVERIFY(after > before || before == 19);
+        QCOMPARE(after, std::min(before + 3, kWeakest));
+        QVERIFY(after > before || before == kWeakest);
         QCOMPARE(niceOfCallingThread(), mainBefore);
     }
 
@@ -71,7 +72,7 @@ private slots:
             after = niceOfCallingThread();
         });
         QVERIFY(lowered);
-        QCOMPARE(after, 19);
+        QCOMPARE(after, kWeakest);
     }
 };
 
