@@ -86,6 +86,18 @@ QString expectedControls(bool anySelected, bool notEmpty, bool anyActive)
         .arg(anyActive);
 }
 
+// Adds `paths` behind two jobs on `holder`, a clip long enough to keep the window's two pool
+// threads busy, so every added job is still waiting when the window last evaluates its
+// controls, however soon it will end. The holders, rows 0 and 1, are then stopped through
+// their own flags, which the window does not watch. True once every job has ended.
+bool runBehindHeldThreads(MainWindow& window, const QString& holder, const QStringList& paths)
+{
+    window.processFiles(QStringList{holder, holder} + paths);
+    jobAt(window, 0)->m_cancel = -1;
+    jobAt(window, 1)->m_cancel = -1;
+    return QTest::qWaitFor([&window] { return allFinal(window); }, 20000);
+}
+
 bool makeClip(const QString& path, const QString& size, int frames)
 {
     const QString source = QStringLiteral("testsrc=size=%1:rate=25").arg(size);
@@ -256,17 +268,18 @@ void MainWindowTest::addingOneFileAppendsSelectsEnablesAndStartsIt()
     QTRY_VERIFY(allFinal(window));
     listOf(window)->clearSelection();
 
-    window.processFile(m_shortClip);
+    // A long clip, so the job is surely still active when the window evaluates its controls.
+    window.processFile(m_longClip);
     QCOMPARE(listOf(window)->count(), 2);
     Tremora* job = lastJob(window);
-    QCOMPARE(job->m_path, m_shortClip);
+    QCOMPARE(job->m_path, m_longClip);
     QVERIFY(job->isSelected());
     QVERIFY(!jobAt(window, 0)->isSelected());
     QVERIFY(!job->autoDelete());
     QCOMPARE(job->m_iconSize, QSize(1280, 720));
     QCOMPARE(job->m_updateInterval, 300);
     QCOMPARE(guardedControls(window), expectedControls(true, true, true));
-    QTRY_VERIFY_WITH_TIMEOUT(stateOf(job) == Tremora::Done, 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(stateOf(job) != Tremora::Waiting, 20000);
 }
 
 void MainWindowTest::addedFilesJoinExistingSelection()
@@ -339,8 +352,8 @@ void MainWindowTest::fiveFilesRunTwoAtATimeInOrderAdded()
 void MainWindowTest::cancelStaysEnabledAfterLastJobEnds()
 {
     MainWindow window;
-    window.processFile(m_shortClip);
-    QTRY_VERIFY_WITH_TIMEOUT(allFinal(window), 20000);
+    QVERIFY(runBehindHeldThreads(window, m_longClip, {m_shortClip}));
+    QCOMPARE(stateOf(jobAt(window, 2)), int(Tremora::Done));
     // Several ticks pass; none of them re-evaluates the controls.
     QTest::qWait(2200);
     QCOMPARE(guardedControls(window), expectedControls(true, true, true));
@@ -364,8 +377,7 @@ void MainWindowTest::cancelStaysEnabledUntilReevaluated()
     QFETCH(bool, notEmptyAfter);
 
     MainWindow window;
-    window.processFile(m_shortClip);
-    QTRY_VERIFY_WITH_TIMEOUT(allFinal(window), 20000);
+    QVERIFY(runBehindHeldThreads(window, m_longClip, {m_shortClip}));
     QCOMPARE(guardedControls(window), expectedControls(true, true, true));
 
     if (trigger == QLatin1String("selection"))
@@ -379,8 +391,8 @@ void MainWindowTest::cancelStaysEnabledUntilReevaluated()
 
     QCOMPARE(guardedControls(window), expectedControls(selectedAfter, notEmptyAfter, false));
     if (trigger.startsWith(QLatin1String("cancel"))) {
-        QCOMPARE(jobAt(window, 0)->m_cancel.load(), -1);
-        QCOMPARE(stateOf(jobAt(window, 0)), int(Tremora::Done));
+        QCOMPARE(jobAt(window, 2)->m_cancel.load(), -1);
+        QCOMPARE(stateOf(jobAt(window, 2)), int(Tremora::Done));
     }
 }
 
@@ -423,10 +435,9 @@ void MainWindowTest::cancelActsOnAllRowsSelectedOrNot()
 void MainWindowTest::selectionChangesGuardRemoveSaveAndOpen()
 {
     MainWindow window;
-    window.processFiles({kMissing, kMissing});
-    QTRY_VERIFY(allFinal(window));
+    QVERIFY(runBehindHeldThreads(window, m_longClip, {kMissing, kMissing}));
 
-    // Both jobs have failed by now, but only the selection change shows it.
+    // Every job has ended by now, but only the selection change shows it.
     QCOMPARE(guardedControls(window), expectedControls(true, true, true));
     listOf(window)->clearSelection();
     QCOMPARE(guardedControls(window), expectedControls(false, true, false));
