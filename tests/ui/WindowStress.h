@@ -132,6 +132,7 @@ private:
     void saveSnapshot();
     void saveMapThroughDialog(Tremora* job, bool throughSaveAll);
     void saveAllThroughDialog();
+    bool anyRowActive() const;
     void checkControlsConsistent();
     void checkAfterOperation();
 
