@@ -26,6 +26,14 @@ std::uint8_t thresholdByte(double threshold)
     return static_cast<std::uint8_t>(threshold);
 }
 
+// The analysed pixels of `mask` as 255, the ignored ones as 0; all 255 without a mask.
+cv::Mat analysedPixels(cv::Size size, const cv::Mat& mask)
+{
+    if (mask.empty())
+        return cv::Mat(size, CV_8UC1, cv::Scalar(255));
+    return mask != 0;
+}
+
 } // namespace
 
 int MotionCounter::stripesFor(cv::Size size, int threads)
@@ -36,7 +44,13 @@ int MotionCounter::stripesFor(cv::Size size, int threads)
 }
 
 MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
+    : MotionCounter(size, blur, stripes, Detail())
+{
+}
+
+MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail& detail)
     : m_blur(blur)
+    , m_detailed(detail.enabled)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
     , m_stripes(std::max(1, std::min(stripes > 0 ? stripes : stripesFor(size, cv::getNumThreads()), size.height)))
     , m_previous(size, CV_8UC1, cv::Scalar(0))
@@ -44,6 +58,11 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
     , m_parallel(m_stripes - 1)
     , m_columnSums(blur ? static_cast<size_t>(m_stripes) * (static_cast<size_t>(size.width) + 2 * kRadius) : 0)
 {
+    if (m_detailed) {
+        m_mask = analysedPixels(size, detail.mask);
+        m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
+        m_stripeTallies.resize(static_cast<size_t>(m_stripes));
+    }
 }
 
 template <typename Work>
@@ -53,8 +72,8 @@ void MotionCounter::forEachStripe(const Work& work)
     const size_t sumsPerStripe = static_cast<size_t>(m_previous.cols) + 2 * kRadius;
     const auto stripe = [&](int index) {
         std::uint16_t* sums = m_blur ? m_columnSums.data() + index * sumsPerStripe : nullptr;
-        work(ParallelStripes::firstOf(index, m_stripes, rows), ParallelStripes::firstOf(index + 1, m_stripes, rows),
-             sums);
+        work(index, ParallelStripes::firstOf(index, m_stripes, rows),
+             ParallelStripes::firstOf(index + 1, m_stripes, rows), sums);
     };
     // Passed by reference, so that wrapping it allocates nothing a frame.
     m_parallel.run(m_stripes, std::cref(stripe));
@@ -63,14 +82,30 @@ void MotionCounter::forEachStripe(const Work& work)
 void MotionCounter::start(const cv::Mat& firstFrame)
 {
     m_pairs = 0;
+    m_lastPair = {};
+    if (m_detailed)
+        m_events.setTo(cv::Scalar(0));
     m_quiet.setTo(cv::Scalar(MotionKernels::kQuietForNewEvent));
-    forEachStripe([&](int firstRow, int endRow, std::uint16_t* sums) { startRows(firstFrame, firstRow, endRow, sums); });
+    forEachStripe(
+        [&](int, int firstRow, int endRow, std::uint16_t* sums) { startRows(firstFrame, firstRow, endRow, sums); });
 }
 
 void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
 {
-    forEachStripe(
-        [&](int firstRow, int endRow, std::uint16_t* sums) { countRows(frame, motionCount, firstRow, endRow, sums); });
+    if (m_detailed) {
+        forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
+            countRowsDetailed(frame, motionCount, firstRow, endRow, sums, m_stripeTallies[static_cast<size_t>(stripe)]);
+        });
+        m_lastPair = {};
+        for (const PairActivity& tally : m_stripeTallies) {
+            m_lastPair.movingPixels += tally.movingPixels;
+            m_lastPair.newEvents += tally.newEvents;
+        }
+    } else {
+        forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
+            countRows(frame, motionCount, firstRow, endRow, sums);
+        });
+    }
     ++m_pairs;
 }
 
@@ -100,6 +135,28 @@ void MotionCounter::countRows(const cv::Mat& frame, cv::Mat& motionCount, int fi
                                            threshold);
         else
             MotionKernels::countRow(frame.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
+    }
+}
+
+void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow,
+                                      std::uint16_t* sums, PairActivity& tally)
+{
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    tally = {};
+    for (int y = firstRow; y < endRow; ++y) {
+        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+        std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
+        std::uint16_t* events = m_events.ptr<std::uint16_t>(y);
+        const std::uint8_t* mask = m_mask.ptr<std::uint8_t>(y);
+        const MotionKernels::RowTally row = m_blur
+            ? MotionKernels::countBlurredRowDetailed(columnSums(frame, y, firstRow, sums), previous, quiet, counts,
+                                                     events, mask, width, threshold)
+            : MotionKernels::countRowDetailed(frame.ptr<std::uint8_t>(y), previous, quiet, counts, events, mask,
+                                              width, threshold);
+        tally.movingPixels += row.moving;
+        tally.newEvents += row.newEvents;
     }
 }
 

@@ -32,10 +32,27 @@ public:
     // thread, as far as the frame has kMinStripePixels pixels for each; at least one.
     static int stripesFor(cv::Size size, int threads);
 
+    // What the counting saw in one pair over the whole frame.
+    struct PairActivity {
+        std::int64_t movingPixels = 0; // pixels whose difference is above the threshold
+        std::int64_t newEvents = 0;    // of those, the ones whose motion is a new event
+    };
+
+    // More than the map needs, chosen once for a pass. Without it the counter runs its
+    // fastest loop and neither exactCounts() nor lastPair() is kept.
+    struct Detail {
+        // Per pixel, the exact count, the activity of each pair, and `mask` are wanted.
+        bool enabled = false;
+        // 8-bit 1-channel of the video's size: 0 where pixels are ignored (they never move),
+        // anything else where they are analysed. Empty: every pixel is analysed.
+        cv::Mat mask;
+    };
+
     // `size` is the video's frame size; all working buffers are allocated here, once.
     // `stripes` bands of rows are counted at once (at most one a row); 0 means
     // stripesFor(size, the library's thread count).
     MotionCounter(cv::Size size, bool blur, int stripes = 0);
+    MotionCounter(cv::Size size, bool blur, int stripes, const Detail& detail);
 
     // Takes the video's first frame (8-bit 1-channel view of the video's size, rows may be
     // padded) as the picture the next frame is compared with. Starts the pair count anew;
@@ -46,6 +63,11 @@ public:
     // new events to `motionCount` (8-bit 1-channel, the video's size; wraps after 255) and
     // keeps `frame` for the next pair. Call start() first.
     void addFrame(const cv::Mat& frame, cv::Mat& motionCount);
+
+    // With Detail::enabled: per pixel, the new events since start() (16-bit 1-channel,
+    // saturating at 65535), and what the last addFrame() saw. Empty and zero otherwise.
+    const cv::Mat& exactCounts() const { return m_events; }
+    PairActivity lastPair() const { return m_lastPair; }
 
     double threshold() const { return m_threshold; }
     // Pairs analysed since start().
@@ -59,7 +81,7 @@ public:
     const cv::Mat& quietPairs() const { return m_quiet; }
 
 private:
-    // Runs `work(firstRow, endRow, columnSums)` for every stripe, on the counter's threads;
+    // Runs `work(stripe, firstRow, endRow, columnSums)` for every stripe, on the counter's threads;
     // each stripe has a column-sum buffer of its own.
     template <typename Work>
     void forEachStripe(const Work& work);
@@ -69,7 +91,11 @@ private:
     void startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums);
     void countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
 
+    void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums,
+                           PairActivity& tally);
+
     bool m_blur;
+    bool m_detailed;
     double m_threshold;
     int m_stripes;
     int m_pairs = 0;
@@ -79,4 +105,9 @@ private:
     ParallelStripes m_parallel;
     // One buffer a stripe, back to back.
     std::vector<std::uint16_t> m_columnSums;
+    // Detailed counting only: 0 ignored, 255 analysed; the exact counts; one tally a stripe.
+    cv::Mat m_mask;
+    cv::Mat m_events;
+    std::vector<PairActivity> m_stripeTallies;
+    PairActivity m_lastPair;
 };

@@ -41,6 +41,26 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
+// countPixel with a mask and the exact count; `moving` and `newEvent` say what happened.
+inline void countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count, uint16_t& events,
+                               uint8_t mask, uint8_t threshold, uint32_t& moving, uint32_t& newEvents)
+{
+    const uint8_t before = previous;
+    const uint8_t high = current > before ? current : before;
+    const uint8_t low = current > before ? before : current;
+    const uint8_t difference = static_cast<uint8_t>(high - low);
+    const bool moved = (difference > threshold) & (mask != 0);
+    const uint8_t wasQuiet = quiet;
+    const bool newEvent = moved & (wasQuiet == kQuietForNewEvent);
+    count = static_cast<uint8_t>(count + static_cast<uint8_t>(newEvent));
+    events = static_cast<uint16_t>(events + static_cast<uint16_t>(newEvent & (events != 0xFFFF)));
+    const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
+    quiet = moved ? uint8_t{0} : older;
+    previous = current;
+    moving += moved;
+    newEvents += newEvent;
+}
+
 // The loop bodies, inlined into one copy per instruction set below.
 #define TREMORA_KERNEL inline __attribute__((always_inline))
 
@@ -77,6 +97,32 @@ TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t*
         countPixel(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], threshold);
 }
 
+TREMORA_KERNEL RowTally countDetailed(const uint8_t* __restrict current, uint8_t* __restrict previous,
+                                      uint8_t* __restrict quiet, uint8_t* __restrict counts,
+                                      uint16_t* __restrict events, const uint8_t* __restrict mask, int width,
+                                      uint8_t threshold)
+{
+    uint32_t moving = 0;
+    uint32_t newEvents = 0;
+    for (int x = 0; x < width; ++x)
+        countPixelDetailed(current[x], previous[x], quiet[x], counts[x], events[x], mask[x], threshold, moving,
+                           newEvents);
+    return {moving, newEvents};
+}
+
+TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
+                                             uint8_t* __restrict quiet, uint8_t* __restrict counts,
+                                             uint16_t* __restrict events, const uint8_t* __restrict mask, int width,
+                                             uint8_t threshold)
+{
+    uint32_t moving = 0;
+    uint32_t newEvents = 0;
+    for (int x = 0; x < width; ++x)
+        countPixelDetailed(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], events[x], mask[x],
+                           threshold, moving, newEvents);
+    return {moving, newEvents};
+}
+
 #undef TREMORA_KERNEL
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
@@ -108,6 +154,20 @@ __attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums
                                                      uint8_t* counts, int width, uint8_t threshold)
 {
     countBlurred(columnSums, previous, quiet, counts, width, threshold);
+}
+
+__attribute__((target("avx2"))) RowTally countDetailedAvx2(const uint8_t* current, uint8_t* previous,
+                                                          uint8_t* quiet, uint8_t* counts, uint16_t* events,
+                                                          const uint8_t* mask, int width, uint8_t threshold)
+{
+    return countDetailed(current, previous, quiet, counts, events, mask, width, threshold);
+}
+
+__attribute__((target("avx2"))) RowTally countBlurredDetailedAvx2(const uint16_t* columnSums, uint8_t* previous,
+                                                                 uint8_t* quiet, uint8_t* counts, uint16_t* events,
+                                                                 const uint8_t* mask, int width, uint8_t threshold)
+{
+    return countBlurredDetailed(columnSums, previous, quiet, counts, events, mask, width, threshold);
 }
 
 const bool hasAvx2 = __builtin_cpu_supports("avx2");
@@ -159,6 +219,26 @@ void countBlurredRow(const uint16_t* columnSums, uint8_t* previous, uint8_t* qui
         return countBlurredAvx2(columnSums, previous, quiet, counts, width, threshold);
 #endif
     countBlurred(columnSums, previous, quiet, counts, width, threshold);
+}
+
+RowTally countRowDetailed(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
+                          uint16_t* events, const uint8_t* mask, int width, uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countDetailedAvx2(current, previous, quiet, counts, events, mask, width, threshold);
+#endif
+    return countDetailed(current, previous, quiet, counts, events, mask, width, threshold);
+}
+
+RowTally countBlurredRowDetailed(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
+                                 uint16_t* events, const uint8_t* mask, int width, uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countBlurredDetailedAvx2(columnSums, previous, quiet, counts, events, mask, width, threshold);
+#endif
+    return countBlurredDetailed(columnSums, previous, quiet, counts, events, mask, width, threshold);
 }
 
 } // namespace MotionKernels

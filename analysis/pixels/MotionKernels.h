@@ -36,4 +36,24 @@ void countRow(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t*
 void countBlurredRow(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
                      std::uint8_t* count, int width, std::uint8_t threshold);
 
+// What the counting rule saw in one row of a pair: the pixels that moved (their difference
+// above the threshold, outside the mask) and the new events among them.
+struct RowTally {
+    std::uint32_t moving = 0;
+    std::uint32_t newEvents = 0;
+};
+
+// The counting rule of countRow with what the map alone does not need: `mask` (0 where the
+// pixel is ignored, 255 where it is analysed) hides pixels, which then never move, and every
+// new event also raises `events`, which saturates at 65535 instead of wrapping. Returns the
+// row's tally. Slower than countRow; passes that want none of this use countRow.
+RowTally countRowDetailed(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet,
+                          std::uint8_t* count, std::uint16_t* events, const std::uint8_t* mask, int width,
+                          std::uint8_t threshold);
+
+// The same with the row's new picture given as column sums, as countBlurredRow.
+RowTally countBlurredRowDetailed(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
+                                 std::uint8_t* count, std::uint16_t* events, const std::uint8_t* mask, int width,
+                                 std::uint8_t threshold);
+
 } // namespace MotionKernels

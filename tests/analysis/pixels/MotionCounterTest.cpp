@@ -44,6 +44,52 @@ cv::Mat countOver(const std::vector<cv::Mat>& frames, bool blur, int stripes = 0
     return counts;
 }
 
+// The detailed counter's outputs after `frames`.
+struct Detailed {
+    cv::Mat counts;
+    cv::Mat exactCounts;
+    std::vector<Reference::Analysis::Pair> activity;
+};
+
+Detailed countDetailedOver(const std::vector<cv::Mat>& frames, bool blur, int stripes = 0, const cv::Mat& mask = {})
+{
+    const cv::Size size = frames.front().size();
+    MotionCounter::Detail detail;
+    detail.enabled = true;
+    detail.mask = mask;
+    MotionCounter counter(size, blur, stripes, detail);
+    Detailed out;
+    out.counts = cv::Mat(size, CV_8UC1, cv::Scalar(0));
+    counter.start(frames.front());
+    for (size_t i = 1; i < frames.size(); ++i) {
+        counter.addFrame(frames[i], out.counts);
+        out.activity.push_back({counter.lastPair().movingPixels, counter.lastPair().newEvents});
+    }
+    out.exactCounts = counter.exactCounts();
+    return out;
+}
+
+bool sameActivity(const std::vector<Reference::Analysis::Pair>& a, const std::vector<Reference::Analysis::Pair>& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i].moving != b[i].moving || a[i].newEvents != b[i].newEvents) {
+            qWarning("pair %zu: moving %lld, new %lld; expected %lld, %lld", i, a[i].moving, a[i].newEvents,
+                     b[i].moving, b[i].newEvents);
+            return false;
+        }
+    }
+    return true;
+}
+
+cv::Mat as32Bit(const cv::Mat& matrix)
+{
+    cv::Mat out;
+    matrix.convertTo(out, CV_32SC1);
+    return out;
+}
+
 cv::Mat referenceCounts(const std::vector<cv::Mat>& frames, bool blur)
 {
     Reference::Analysis reference(frames.front().cols, frames.front().rows, blur);
@@ -332,6 +378,135 @@ private slots:
         const cv::Mat expected = referenceCounts(frames, blur);
         QVERIFY(cv::countNonZero(expected) > 0);
         QVERIFY(equal(countOver(frames, blur, stripes), expected));
+    }
+
+    void detailedCountingMatchesTheReferenceExactlyPairByPair_data()
+    {
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        QTest::addColumn<int>("stripes");
+        QTest::addColumn<bool>("blur");
+        for (const bool blur : {true, false}) {
+            for (const cv::Size size : {cv::Size(33, 17), cv::Size(1, 40), cv::Size(40, 1), cv::Size(1, 1),
+                                        cv::Size(67, 13), cv::Size(9, 97)}) {
+                for (const int stripes : {1, 3, 200})
+                    QTest::addRow("%dx%d %d stripes %s", size.width, size.height, stripes, blur ? "blurred" : "sharp")
+                        << size.width << size.height << stripes << blur;
+            }
+        }
+    }
+
+    void detailedCountingMatchesTheReferenceExactlyPairByPair()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        QFETCH(int, stripes);
+        QFETCH(bool, blur);
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(width, height), 300, 23);
+        Reference::Analysis reference(width, height, blur);
+        for (const cv::Mat& frame : frames)
+            reference.addFrame(frame);
+        const Detailed detailed = countDetailedOver(frames, blur, stripes);
+        QVERIFY(cv::countNonZero(reference.counts()) > 0);
+        QVERIFY(equal(detailed.counts, reference.counts()));
+        QCOMPARE(detailed.exactCounts.type(), CV_16UC1);
+        QVERIFY(equal(as32Bit(detailed.exactCounts), reference.exactCounts()));
+        QVERIFY(sameActivity(detailed.activity, reference.activity()));
+    }
+
+    void detailedCountingGivesTheFastPathsCounts()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(64, 48), 300, 5);
+        for (const bool blur : {true, false}) {
+            const cv::Mat fast = countOver(frames, blur);
+            QVERIFY(cv::countNonZero(fast) > 0);
+            QVERIFY(equal(countDetailedOver(frames, blur).counts, fast));
+        }
+    }
+
+    void newEventsOfAllPairsSumToTheExactCounts()
+    {
+        const Detailed detailed = countDetailedOver(speckledNoise(cv::Size(40, 30), 400, 7), true);
+        long long sum = 0;
+        for (const auto& pair : detailed.activity)
+            sum += pair.newEvents;
+        QVERIFY(sum > 0);
+        QCOMPARE(sum, static_cast<long long>(cv::sum(detailed.exactCounts)[0]));
+    }
+
+    void theExactCountPassesTheWrapAt256()
+    {
+        // The pixel changes every 51 frames: each of its motions is a new event.
+        const cv::Size size(5, 3);
+        const auto frames = blinkingPixel(size, 2, [](int i) { return i == 1; });
+        MotionCounter::Detail detail;
+        detail.enabled = true;
+        MotionCounter counter(size, false, 0, detail);
+        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+        counter.start(frames[0]);
+        while (counter.pairs() < 51 + 51 * 299)
+            counter.addFrame(frames[static_cast<size_t>(((counter.pairs() + 1) / 51) % 2)], counts);
+        QCOMPARE(int(counts.at<uchar>(1, 2)), 300 - 256);
+        QCOMPARE(int(counter.exactCounts().at<quint16>(1, 2)), 300);
+        QCOMPARE(cv::countNonZero(counter.exactCounts()), 1);
+    }
+
+    void theExactCountSaturatesAt65535()
+    {
+        for (const bool blur : {false, true}) {
+            const int width = 40;
+            std::vector<std::uint8_t> previous(width, 0), quiet(width, MotionKernels::kQuietForNewEvent);
+            std::vector<std::uint8_t> current(width, 255), counts(width, 7), mask(width, 255);
+            std::vector<std::uint16_t> events(width, 65534);
+            std::vector<std::uint16_t> columnSums(width + 6, 7 * 255);
+            const auto countOnce = [&] {
+                return blur ? MotionKernels::countBlurredRowDetailed(columnSums.data(), previous.data(), quiet.data(),
+                                                                     counts.data(), events.data(), mask.data(), width, 20)
+                            : MotionKernels::countRowDetailed(current.data(), previous.data(), quiet.data(),
+                                                              counts.data(), events.data(), mask.data(), width, 20);
+            };
+            const MotionKernels::RowTally first = countOnce();
+            QCOMPARE(int(first.newEvents), width);
+            QCOMPARE(int(events[13]), 65535);
+            QCOMPARE(int(counts[13]), 8);
+            std::fill(previous.begin(), previous.end(), std::uint8_t{0});
+            std::fill(quiet.begin(), quiet.end(), MotionKernels::kQuietForNewEvent);
+            const MotionKernels::RowTally second = countOnce();
+            QCOMPARE(int(second.newEvents), width);
+            QCOMPARE(int(second.moving), width);
+            QVERIFY(std::all_of(events.begin(), events.end(), [](std::uint16_t e) { return e == 65535; }));
+            QCOMPARE(int(counts[13]), 9);
+        }
+    }
+
+    void maskedPixelsNeverMoveAndTheOthersCountAsWithoutAMask()
+    {
+        const cv::Size size(48, 36);
+        const std::vector<cv::Mat> frames = speckledNoise(size, 300, 11);
+        cv::Mat mask(size, CV_8UC1, cv::Scalar(255));
+        mask(cv::Rect(0, 0, size.width / 2, size.height)).setTo(cv::Scalar(0));
+        for (const bool blur : {true, false}) {
+            const Detailed masked = countDetailedOver(frames, blur, 3, mask);
+            const Detailed whole = countDetailedOver(frames, blur, 3);
+            const cv::Rect left(0, 0, size.width / 2, size.height);
+            const cv::Rect right(size.width / 2, 0, size.width - size.width / 2, size.height);
+            QCOMPARE(cv::countNonZero(masked.counts(left)), 0);
+            QCOMPARE(cv::countNonZero(masked.exactCounts(left)), 0);
+            QVERIFY(cv::countNonZero(whole.counts(left)) > 0);
+            QVERIFY(equal(masked.counts(right), whole.counts(right)));
+            QVERIFY(equal(masked.exactCounts(right), whole.exactCounts(right)));
+            Reference::Analysis reference(size.width, size.height, blur, mask);
+            for (const cv::Mat& frame : frames)
+                reference.addFrame(frame);
+            QVERIFY(sameActivity(masked.activity, reference.activity()));
+        }
+    }
+
+    void anyNonZeroMaskValueMeansAnalysed()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(20, 10), 200, 3);
+        const cv::Mat ones(frames.front().size(), CV_8UC1, cv::Scalar(1));
+        QVERIFY(equal(countDetailedOver(frames, true, 1, ones).counts, countOver(frames, true)));
     }
 
     void stripesAreOneAThreadAsFarAsEachGetsItsMinimumPixels()

@@ -45,9 +45,11 @@ cv::Mat thresholdedDifference(const cv::Mat& a, const cv::Mat& b, double thresho
     return out;
 }
 
-Analysis::Analysis(int width, int height, bool blur)
+Analysis::Analysis(int width, int height, bool blur, const cv::Mat& mask)
     : m_blur(blur)
+    , m_mask(mask)
     , m_counts(height, width, CV_8UC1, cv::Scalar(0))
+    , m_exactCounts(height, width, CV_32SC1, cv::Scalar(0))
     , m_lastMotion(static_cast<size_t>(width) * static_cast<size_t>(height), -1000)
 {
 }
@@ -60,18 +62,37 @@ void Analysis::addFrame(const cv::Mat& grey)
         return;
     }
     const cv::Mat moved = thresholdedDifference(m_previous, frame, m_blur ? 20.0 : 40.0);
+    Pair pair;
     for (int y = 0; y < frame.rows; ++y) {
         for (int x = 0; x < frame.cols; ++x) {
-            if (moved.at<uchar>(y, x) == 0)
+            if (moved.at<uchar>(y, x) == 0 || (!m_mask.empty() && m_mask.at<uchar>(y, x) == 0))
                 continue;
+            ++pair.moving;
             int& last = m_lastMotion[static_cast<size_t>(y) * static_cast<size_t>(frame.cols) + static_cast<size_t>(x)];
-            if (m_pairs - last >= 51)
+            if (m_pairs - last >= 51) {
                 m_counts.at<uchar>(y, x) = static_cast<uchar>((m_counts.at<uchar>(y, x) + 1) % 256);
+                ++m_exactCounts.at<int>(y, x);
+                ++pair.newEvents;
+            }
             last = m_pairs;
         }
     }
+    m_activity.push_back(pair);
     m_previous = frame;
     ++m_pairs;
+}
+
+cv::Mat nearestMask(const cv::Mat& mask, cv::Size size)
+{
+    cv::Mat out(size, CV_8UC1);
+    for (int y = 0; y < size.height; ++y) {
+        for (int x = 0; x < size.width; ++x) {
+            const int sy = static_cast<int>((y + 0.5) * mask.rows / size.height);
+            const int sx = static_cast<int>((x + 0.5) * mask.cols / size.width);
+            out.at<uchar>(y, x) = mask.at<uchar>(sy, sx);
+        }
+    }
+    return out;
 }
 
 Rgb scale(int i)

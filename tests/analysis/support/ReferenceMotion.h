@@ -19,18 +19,35 @@ cv::Mat thresholdedDifference(const cv::Mat& a, const cv::Mat& b, double thresho
 // The counting of separate motion events, fed one grey frame (8-bit, 1 channel) at a time.
 class Analysis {
 public:
-    Analysis(int width, int height, bool blur);
+    // What one pair showed: pixels that moved, and the new events among them.
+    struct Pair {
+        long long moving = 0;
+        long long newEvents = 0;
+    };
+
+    // `mask` (8-bit, the frames' size; empty for none): pixels where it is 0 never move.
+    Analysis(int width, int height, bool blur, const cv::Mat& mask = {});
     void addFrame(const cv::Mat& grey);
+    // 8-bit, wrapping after 255 as the map's count does.
     cv::Mat counts() const { return m_counts; }
+    // 32-bit signed, never wrapping.
+    cv::Mat exactCounts() const { return m_exactCounts; }
+    const std::vector<Pair>& activity() const { return m_activity; }
     int pairs() const { return m_pairs; }
 
 private:
     bool m_blur;
+    cv::Mat m_mask;
     cv::Mat m_previous;
     cv::Mat m_counts;
+    cv::Mat m_exactCounts;
     std::vector<int> m_lastMotion;
+    std::vector<Pair> m_activity;
     int m_pairs = 0;
 };
+
+// The mask pixel under the centre of each pixel of a picture of `size`.
+cv::Mat nearestMask(const cv::Mat& mask, cv::Size size);
 
 // Colour of the scale at intensity i as {R, G, B}, from the breakpoints of the scale.
 struct Rgb {
