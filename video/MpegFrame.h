@@ -54,6 +54,14 @@ public:
     // stream's time base. Set by MpegReader::read, 0.0 for frames made otherwise.
     double m_time = 0.0;
 
+    // Seconds from the video's start (MpegReader::startTime) at which the picture is shown:
+    // its best-effort timestamp, else its own pts. Pictures come in the order they are shown,
+    // so these rise even where m_time follows the order of decoding. Set by MpegReader::read;
+    // m_hasPresentationTime is false, and m_presentationTime 0.0, when the stream gives the
+    // picture no timestamp at all (raw elementary streams such as .h264).
+    double m_presentationTime = 0.0;
+    bool m_hasPresentationTime = false;
+
 private:
     void makeGray(SwsContext** grayScaler);
     void convert(int dstFormat, int bytesPerPixel, void* dst, int dstStride, int dstWidth,

@@ -25,6 +25,9 @@ struct MpegReaderState {
     bool draining = false;
     // No picture will come any more.
     bool finished = false;
+    // The first timestamp of the chosen stream, in its time base: presentation times count
+    // from here.
+    int64_t startTimestamp = 0;
 };
 
 namespace {
@@ -161,6 +164,23 @@ double secondsOf(int64_t timestamp, AVRational timeBase)
     return static_cast<double>(timestamp) * unit;
 }
 
+// The stream's own start when it has one; the container's start is in microseconds.
+int64_t firstTimestamp(const AVFormatContext& context, const AVStream& stream)
+{
+    if (stream.start_time != AV_NOPTS_VALUE)
+        return stream.start_time;
+    if (context.start_time != AV_NOPTS_VALUE)
+        return av_rescale_q(context.start_time, AV_TIME_BASE_Q, stream.time_base);
+    return 0;
+}
+
+// The time at which the decoder means the picture to be shown: the best-effort timestamp
+// repairs pts that are missing or go backwards from the packets' dts.
+int64_t presentationTimestamp(const AVFrame& picture)
+{
+    return picture.best_effort_timestamp != AV_NOPTS_VALUE ? picture.best_effort_timestamp : picture.pts;
+}
+
 } // namespace
 
 MpegReader::MpegReader() = default;
@@ -196,6 +216,7 @@ bool MpegReader::open(const char* url)
     m_state->streamIndex = firstVideoStream(*context);
     if (m_state->streamIndex < 0)
         return false;
+    m_state->startTimestamp = firstTimestamp(*context, *context->streams[m_state->streamIndex]);
     return openDecoder(*m_state, m_decoderThreads);
 }
 
@@ -208,14 +229,31 @@ MpegFrame* MpegReader::read(bool clone)
     // caller's own copy must not share their buffers.
     if (!picture || (clone && av_frame_make_writable(picture.get()) < 0))
         return nullptr;
+    const int64_t shown = presentationTimestamp(*picture);
 
     SwsContext* scaler = m_state->grayScaler.release();
     auto* frame = new MpegFrame(picture.release(), &scaler);
     m_state->grayScaler.reset(scaler);
     const AVStream* stream = m_state->formatContext->streams[m_state->streamIndex];
     frame->m_time = secondsOf(completingDts(*m_state, *frame->avFrame()), stream->time_base);
+    frame->m_hasPresentationTime = shown != AV_NOPTS_VALUE;
+    if (frame->m_hasPresentationTime)
+        frame->m_presentationTime = secondsOf(shown - m_state->startTimestamp, stream->time_base);
     ++m_processedFrameCount;
     return frame;
+}
+
+double MpegReader::startTime() const
+{
+    if (!m_state || m_state->streamIndex < 0)
+        return 0.0;
+    const AVFormatContext& context = *m_state->formatContext;
+    const AVStream& stream = *context.streams[m_state->streamIndex];
+    if (stream.start_time != AV_NOPTS_VALUE)
+        return secondsOf(stream.start_time, stream.time_base);
+    if (context.start_time != AV_NOPTS_VALUE)
+        return static_cast<double>(context.start_time) / AV_TIME_BASE;
+    return 0.0;
 }
 
 int64_t MpegReader::pos() const

@@ -46,6 +46,10 @@ public:
     // the end of input are not returned.
     MpegFrame* read(bool clone);
 
+    // Seconds of the chosen stream's first timestamp (else the container's), from which
+    // MpegFrame::m_presentationTime counts; 0.0 when neither is known or nothing is open.
+    double startTime() const;
+
     // Byte position up to which the file has been read into the input buffer; it grows in
     // steps of that buffer, not per picture. -1 when unknown or closed.
     int64_t pos() const;

@@ -197,6 +197,13 @@ private slots:
     void motionJpegReturnsEveryPicture();
     void clonedPictureIsWritableAndIndependentOfDecoder();
 
+    void presentationTimesOfConstantRateClipAreIndexOverRate();
+    void presentationTimesRiseInDisplayOrderThroughBPictures();
+    void presentationTimesOfVariableRateClipAreItsTimestamps();
+    void rawH264PicturesHaveNoPresentationTime();
+    void clipStartingAtTenSecondsHasStartTimeTenAndFirstPictureAtZero();
+    void closedReaderHasNoStartTime();
+
     void emptyOrNullPathFails();
     void folderFails();
     void zeroByteFileFails();
@@ -228,6 +235,7 @@ private:
     QString m_longClip;
     QString m_smallClip;
     QString m_motionClip;
+    QString m_fromTenClip;
 };
 
 void MpegReaderTest::initTestCase()
@@ -267,6 +275,13 @@ void MpegReaderTest::initTestCase()
     QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=160x120:rate=25", "-frames:v", "30",
                                      "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-bf", "0",
                                      "-g", "30", m_motionClip},
+                                    &error),
+             qPrintable(error));
+
+    // Ten pictures whose timestamps start at 10 s.
+    m_fromTenClip = path("from-ten.mkv");
+    QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=25", "-frames:v", "10", "-c:v",
+                                     "ffv1", "-output_ts_offset", "10", m_fromTenClip},
                                     &error),
              qPrintable(error));
 }
@@ -678,6 +693,126 @@ void MpegReaderTest::clonedPictureIsWritableAndIndependentOfDecoder()
         std::memset(frame->data(), 0, static_cast<size_t>(frame->step()) * frame->height());
     }
     QCOMPARE(pictures, 30);
+}
+
+namespace {
+
+struct Shown {
+    double time;
+    bool known;
+};
+
+std::vector<Shown> presentationTimes(const QString& path)
+{
+    MpegReader reader;
+    std::vector<Shown> times;
+    if (!reader.open(path.toUtf8().constData()))
+        return times;
+    while (const FramePtr frame{reader.read(false)})
+        times.push_back({frame->m_presentationTime, frame->m_hasPresentationTime});
+    return times;
+}
+
+bool sameTime(double a, double b)
+{
+    return qAbs(a - b) < 1e-9;
+}
+
+} // namespace
+
+void MpegReaderTest::presentationTimesOfConstantRateClipAreIndexOverRate()
+{
+    // Matroska counts in milliseconds, NUT in pictures.
+    for (const QString& clip : {m_grayClip, m_grayNutClip}) {
+        const std::vector<Shown> times = presentationTimes(clip);
+        QCOMPARE(times.size(), size_t(kGrayPictures));
+        for (size_t i = 0; i < times.size(); ++i) {
+            QVERIFY(times[i].known);
+            QVERIFY2(sameTime(times[i].time, i / 25.0),
+                     qPrintable(QString("%1: picture %2 at %3 s").arg(clip).arg(i).arg(times[i].time)));
+        }
+    }
+}
+
+void MpegReaderTest::presentationTimesRiseInDisplayOrderThroughBPictures()
+{
+    MpegReader reader;
+    QVERIFY(reader.open(makeDelayedClip().toUtf8().constData()));
+    int pictures = 0;
+    while (const FramePtr frame{reader.read(false)}) {
+        QVERIFY(frame->m_hasPresentationTime);
+        QVERIFY2(sameTime(frame->m_presentationTime, pictures / 25.0),
+                 qPrintable(QString("picture %1 at %2 s").arg(pictures).arg(frame->m_presentationTime)));
+        ++pictures;
+    }
+    QVERIFY(pictures >= 20);
+}
+
+void MpegReaderTest::presentationTimesOfVariableRateClipAreItsTimestamps()
+{
+    // Picture n is shown at n * n / 100 seconds: gaps of 10, 30, 50 ... milliseconds.
+    constexpr int pictures = 16;
+    for (const QString& codec : {QString("ffv1"), QString("libx264")}) {
+        const QString clip = path("variable-" + codec + (codec == "ffv1" ? ".mkv" : ".mp4"));
+        QString error;
+        QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=25", "-frames:v",
+                                         QString::number(pictures), "-vf", "settb=1/1000,setpts=N*N*10",
+                                         "-fps_mode", "passthrough", "-enc_time_base", "1:1000", "-pix_fmt",
+                                         "yuv420p", "-c:v", codec, "-bf", "0", clip},
+                                        &error),
+                 qPrintable(error));
+        const std::vector<Shown> times = presentationTimes(clip);
+        QCOMPARE(times.size(), size_t(pictures));
+        for (size_t n = 0; n < times.size(); ++n) {
+            QVERIFY(times[n].known);
+            QVERIFY2(sameTime(times[n].time, n * n / 100.0),
+                     qPrintable(QString("%1: picture %2 at %3 s").arg(clip).arg(n).arg(times[n].time)));
+        }
+    }
+}
+
+void MpegReaderTest::rawH264PicturesHaveNoPresentationTime()
+{
+    // An H.264 elementary stream carries no timestamps, and FFmpeg makes up none for it.
+    const QString clip = path("untimed.h264");
+    QString error;
+    QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=25", "-frames:v", "20",
+                                     "-pix_fmt", "yuv420p", "-c:v", "libx264", "-bf", "0", clip},
+                                    &error),
+             qPrintable(error));
+    const std::vector<Shown> times = presentationTimes(clip);
+    QCOMPARE(times.size(), size_t(20));
+    for (const Shown& shown : times) {
+        QVERIFY(!shown.known);
+        QCOMPARE(shown.time, 0.0);
+    }
+}
+
+void MpegReaderTest::clipStartingAtTenSecondsHasStartTimeTenAndFirstPictureAtZero()
+{
+    MpegReader reader;
+    QVERIFY(reader.open(m_fromTenClip.toUtf8().constData()));
+    QCOMPARE(reader.startTime(), 10.0);
+    for (int i = 0; i < 10; ++i) {
+        const FramePtr frame{reader.read(false)};
+        QVERIFY(frame && frame->m_hasPresentationTime);
+        QVERIFY2(sameTime(frame->m_presentationTime, i / 25.0),
+                 qPrintable(QString("picture %1 at %2 s").arg(i).arg(frame->m_presentationTime)));
+        // The decode times keep the file's own clock.
+        QVERIFY(sameTime(frame->m_time, 10.0 + i / 25.0));
+    }
+}
+
+void MpegReaderTest::closedReaderHasNoStartTime()
+{
+    MpegReader reader;
+    QCOMPARE(reader.startTime(), 0.0);
+    QVERIFY(reader.open(m_fromTenClip.toUtf8().constData()));
+    QCOMPARE(reader.startTime(), 10.0);
+    reader.close();
+    QCOMPARE(reader.startTime(), 0.0);
+    QVERIFY(!reader.open(m_audioOnlyFile.toUtf8().constData()));
+    QCOMPARE(reader.startTime(), 0.0);
 }
 
 void MpegReaderTest::emptyOrNullPathFails()
