@@ -28,6 +28,7 @@ struct MpegReaderState {
     // The first timestamp of the chosen stream, in its time base: presentation times count
     // from here.
     int64_t startTimestamp = 0;
+    int64_t packetsRead = 0;
 };
 
 namespace {
@@ -93,6 +94,7 @@ bool sendNextPacket(MpegReaderState& state)
     for (;;) {
         if (av_read_frame(state.formatContext.get(), packet) < 0)
             return false;
+        ++state.packetsRead;
         if (packet->stream_index == state.streamIndex)
             break;
         // A packet of another stream (audio, subtitles, a later video stream).
@@ -181,6 +183,21 @@ int64_t presentationTimestamp(const AVFrame& picture)
     return picture.best_effort_timestamp != AV_NOPTS_VALUE ? picture.best_effort_timestamp : picture.pts;
 }
 
+std::string tag(const AVDictionary* metadata, const char* key)
+{
+    const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
+    return entry && entry->value ? entry->value : std::string();
+}
+
+double durationOf(const AVFormatContext& context, const AVStream& stream)
+{
+    if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0)
+        return secondsOf(stream.duration, stream.time_base);
+    if (context.duration != AV_NOPTS_VALUE && context.duration > 0)
+        return static_cast<double>(context.duration) / AV_TIME_BASE;
+    return -1.0;
+}
+
 } // namespace
 
 MpegReader::MpegReader() = default;
@@ -254,6 +271,31 @@ double MpegReader::startTime() const
     if (context.start_time != AV_NOPTS_VALUE)
         return static_cast<double>(context.start_time) / AV_TIME_BASE;
     return 0.0;
+}
+
+std::int64_t MpegReader::packetsRead() const
+{
+    return m_state ? m_state->packetsRead : 0;
+}
+
+VideoInfo MpegReader::info() const
+{
+    VideoInfo info;
+    if (!m_state || !m_state->decoderOpen)
+        return info;
+    const AVFormatContext& context = *m_state->formatContext;
+    const AVStream& stream = *context.streams[m_state->streamIndex];
+    info.container = context.iformat->name;
+    info.codec = m_state->codec->name;
+    info.width = width();
+    info.height = height();
+    info.frameRate = fps();
+    info.duration = durationOf(context, stream);
+    info.creationTime = tag(context.metadata, "creation_time");
+    if (info.creationTime.empty())
+        info.creationTime = tag(stream.metadata, "creation_time");
+    info.streamFrames = stream.nb_frames > 0 ? stream.nb_frames : 0;
+    return info;
 }
 
 int64_t MpegReader::pos() const

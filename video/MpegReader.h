@@ -1,5 +1,7 @@
 #pragma once
 
+#include "VideoInfo.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -49,6 +51,13 @@ public:
     // Seconds of the chosen stream's first timestamp (else the container's), from which
     // MpegFrame::m_presentationTime counts; 0.0 when neither is known or nothing is open.
     double startTime() const;
+
+    // Packets of every stream the reader has taken from the file since open(); 0 when closed.
+    std::int64_t packetsRead() const;
+
+    // The open file's container, codec, size, rate, duration and creation time; a default
+    // VideoInfo unless open() succeeded.
+    VideoInfo info() const;
 
     // Byte position up to which the file has been read into the input buffer; it grows in
     // steps of that buffer, not per picture. -1 when unknown or closed.

@@ -202,7 +202,10 @@ private slots:
     void presentationTimesOfVariableRateClipAreItsTimestamps();
     void rawH264PicturesHaveNoPresentationTime();
     void clipStartingAtTenSecondsHasStartTimeTenAndFirstPictureAtZero();
-    void closedReaderHasNoStartTime();
+    void packetsReadCountsThePacketsOfEveryStream();
+    void infoOfMp4GivesContainerCodecSizeRateDurationAndCreationTime();
+    void infoOfClipWithoutCreationTimeLeavesItEmpty();
+    void closedReaderHasNoStartTimePacketsOrInfo();
 
     void emptyOrNullPathFails();
     void folderFails();
@@ -803,15 +806,86 @@ void MpegReaderTest::clipStartingAtTenSecondsHasStartTimeTenAndFirstPictureAtZer
     }
 }
 
-void MpegReaderTest::closedReaderHasNoStartTime()
+void MpegReaderTest::packetsReadCountsThePacketsOfEveryStream()
+{
+    MpegReader video;
+    QVERIFY(video.open(m_grayClip.toUtf8().constData()));
+    QCOMPARE(video.packetsRead(), int64_t(0));
+    QVERIFY(FramePtr(video.read(true)));
+    QCOMPARE(video.packetsRead(), int64_t(1));
+    QCOMPARE(countPictures(video), kGrayPictures - 1);
+    QCOMPARE(video.packetsRead(), int64_t(kGrayPictures));
+
+    // The same pictures with a second of sound before them: its packets count as well.
+    MpegReader withSound;
+    QVERIFY(withSound.open(m_audioFirstClip.toUtf8().constData()));
+    QCOMPARE(countPictures(withSound), kGrayPictures);
+    QVERIFY2(withSound.packetsRead() > kGrayPictures, qPrintable(QString::number(withSound.packetsRead())));
+    // Reopening starts the count again.
+    QVERIFY(withSound.open(m_grayClip.toUtf8().constData()));
+    QCOMPARE(withSound.packetsRead(), int64_t(0));
+}
+
+void MpegReaderTest::infoOfMp4GivesContainerCodecSizeRateDurationAndCreationTime()
+{
+    const QString clip = path("dated.mp4");
+    QString error;
+    QVERIFY2(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=80x60:rate=20", "-frames:v", "30",
+                                     "-pix_fmt", "yuv420p", "-c:v", "libx264", "-metadata",
+                                     "creation_time=2024-05-01T10:00:00Z", clip},
+                                    &error),
+             qPrintable(error));
+    MpegReader reader;
+    QVERIFY(reader.open(clip.toUtf8().constData()));
+    const VideoInfo info = reader.info();
+    QCOMPARE(QString::fromStdString(info.container), QString("mov,mp4,m4a,3gp,3g2,mj2"));
+    QCOMPARE(QString::fromStdString(info.codec), QString("h264"));
+    QCOMPARE(info.width, 80);
+    QCOMPARE(info.height, 60);
+    QCOMPARE(info.frameRate, 20.0);
+    QVERIFY2(sameTime(info.duration, 1.5), qPrintable(QString::number(info.duration)));
+    // FFmpeg gives the time to the microsecond.
+    QCOMPARE(QString::fromStdString(info.creationTime), QString("2024-05-01T10:00:00.000000Z"));
+    QCOMPARE(info.streamFrames, int64_t(30));
+}
+
+void MpegReaderTest::infoOfClipWithoutCreationTimeLeavesItEmpty()
+{
+    MpegReader reader;
+    QVERIFY(reader.open(m_grayClip.toUtf8().constData()));
+    const VideoInfo info = reader.info();
+    QCOMPARE(QString::fromStdString(info.container), QString("matroska,webm"));
+    QCOMPARE(QString::fromStdString(info.codec), QString("ffv1"));
+    QCOMPARE(info.width, kWidth);
+    QCOMPARE(info.height, kHeight);
+    QCOMPARE(info.frameRate, 25.0);
+    QVERIFY2(sameTime(info.duration, kGrayPictures / 25.0), qPrintable(QString::number(info.duration)));
+    QVERIFY(info.creationTime.empty());
+    // Matroska declares no number of pictures.
+    QCOMPARE(info.streamFrames, int64_t(0));
+}
+
+void MpegReaderTest::closedReaderHasNoStartTimePacketsOrInfo()
 {
     MpegReader reader;
     QCOMPARE(reader.startTime(), 0.0);
+    QCOMPARE(reader.packetsRead(), int64_t(0));
+    QVERIFY(reader.info().container.empty());
+    QCOMPARE(reader.info().width, 0);
+    QCOMPARE(reader.info().duration, -1.0);
+
     QVERIFY(reader.open(m_fromTenClip.toUtf8().constData()));
+    QVERIFY(FramePtr(reader.read(true)));
     QCOMPARE(reader.startTime(), 10.0);
+    QVERIFY(reader.packetsRead() > 0);
     reader.close();
     QCOMPARE(reader.startTime(), 0.0);
+    QCOMPARE(reader.packetsRead(), int64_t(0));
+    QVERIFY(reader.info().codec.empty());
+
+    // A file that is no video: half-open, still nothing to report.
     QVERIFY(!reader.open(m_audioOnlyFile.toUtf8().constData()));
+    QVERIFY(reader.info().container.empty());
     QCOMPARE(reader.startTime(), 0.0);
 }
 
