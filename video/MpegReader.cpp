@@ -3,6 +3,9 @@
 #include "FfmpegPtr.h"
 #include "MpegFrame.h"
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
 #include <string>
 
 std::atomic<int> MpegReader::m_processedFrameCount{0};
@@ -10,6 +13,8 @@ std::atomic<int> MpegReader::m_processedFrameCount{0};
 // Everything of one open file; members are released in reverse order, the decoder before
 // the demuxer.
 struct MpegReaderState {
+    // The path as open() was given it: a failed seek opens the demuxer again.
+    std::string path;
     FormatContextPtr formatContext;
     int streamIndex = -1;
     CodecContextPtr codecContext;
@@ -33,7 +38,7 @@ struct MpegReaderState {
 
 namespace {
 
-bool openLocalFile(MpegReaderState& state, const char* path)
+FormatContextPtr openLocalFile(const char* path)
 {
     // With the "file:" prefix the whole path is a file name, even one that starts like a
     // URL ("http:", "concat:").
@@ -45,8 +50,8 @@ bool openLocalFile(MpegReaderState& state, const char* path)
     AVFormatContext* context = nullptr;
     const int opened = avformat_open_input(&context, url.c_str(), nullptr, &options);
     av_dict_free(&options);
-    state.formatContext.reset(context);
-    return opened >= 0;
+    FormatContextPtr formatContext(context);
+    return opened >= 0 ? std::move(formatContext) : nullptr;
 }
 
 // FFmpeg also opens text (as ANSI art) and still images as one-stream videos. Neither holds
@@ -183,6 +188,99 @@ int64_t presentationTimestamp(const AVFrame& picture)
     return picture.best_effort_timestamp != AV_NOPTS_VALUE ? picture.best_effort_timestamp : picture.pts;
 }
 
+// The last tick of `timeBase` at or before `seconds`, clamped into the range timestamps can
+// take. A billionth of a tick is forgiven, so that the time of a picture given back as
+// seconds finds that picture rather than the one before.
+int64_t ticksAtOrBefore(double seconds, AVRational timeBase)
+{
+    const double ticks = std::floor(seconds * timeBase.den / timeBase.num + 1e-9);
+    constexpr double limit = static_cast<double>(std::numeric_limits<int64_t>::max() / 2);
+    return static_cast<int64_t>(std::min(ticks, limit));
+}
+
+// Reads on to the next key packet of the chosen stream and leaves it in the state's packet;
+// false when the input ends first.
+bool readToKeyPacket(MpegReaderState& state)
+{
+    AVPacket* packet = state.packet.get();
+    for (;;) {
+        if (av_read_frame(state.formatContext.get(), packet) < 0)
+            return false;
+        ++state.packetsRead;
+        if (packet->stream_index == state.streamIndex && (packet->flags & AV_PKT_FLAG_KEY))
+            return true;
+        av_packet_unref(packet);
+    }
+}
+
+int64_t packetTime(const AVPacket& packet)
+{
+    return packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+}
+
+// The timestamp at the end of the chosen stream; the largest there is when unknown.
+int64_t endTimestamp(const MpegReaderState& state)
+{
+    const AVFormatContext& context = *state.formatContext;
+    const AVStream& stream = *context.streams[state.streamIndex];
+    if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0)
+        return state.startTimestamp + stream.duration;
+    if (context.duration != AV_NOPTS_VALUE && context.duration > 0)
+        return state.startTimestamp + av_rescale_q(context.duration, AV_TIME_BASE_Q, stream.time_base);
+    return std::numeric_limits<int64_t>::max();
+}
+
+// Moves the demuxer to a key packet of the chosen stream at or before `target` and leaves that
+// packet in the state's packet; false when the demuxer cannot seek. Containers with an index
+// land there at once. Those searched by their timestamps (MPEG-TS, MPEG-PS) land near the
+// target on any packet, and their decoders would then wait for the next key frame, which
+// may come after the target or not at all: those seeks are repeated earlier and earlier,
+// one, three, seven ... seconds, until the first key packet lies at or before the target.
+// A stream that marks no key packet at all is read from its start, no packet left.
+bool seekToKeyPacket(MpegReaderState& state, int64_t target)
+{
+    AVFormatContext* context = state.formatContext.get();
+    const AVStream* stream = context->streams[state.streamIndex];
+    int64_t aim = std::min(target, endTimestamp(state));
+    int64_t step = std::max<int64_t>(1, av_rescale_q(1, AVRational{1, 1}, stream->time_base));
+    for (;;) {
+        if (av_seek_frame(context, state.streamIndex, aim, AVSEEK_FLAG_BACKWARD) < 0)
+            return false;
+        const bool found = readToKeyPacket(state);
+        const int64_t time = found ? packetTime(*state.packet) : AV_NOPTS_VALUE;
+        if (found && (time == AV_NOPTS_VALUE || time <= target))
+            return true;
+        if (aim <= state.startTimestamp) {
+            if (found)
+                return true;
+            av_packet_unref(state.packet.get());
+            return av_seek_frame(context, state.streamIndex, aim, AVSEEK_FLAG_BACKWARD) >= 0;
+        }
+        av_packet_unref(state.packet.get());
+        aim = aim - state.startTimestamp > step ? aim - step : state.startTimestamp;
+        step *= 2;
+    }
+}
+
+// A seek that failed may have left the demuxer anywhere: a search through a stream without
+// timestamps reads it to the end. A fresh demuxer led past as many packets as the reader has
+// taken stands where the old one stood before the seek; the decoder has seen none of this.
+bool returnToPacket(MpegReaderState& state, int64_t packets)
+{
+    FormatContextPtr fresh = openLocalFile(state.path.c_str());
+    if (!fresh || avformat_find_stream_info(fresh.get(), nullptr) < 0)
+        return false;
+    AVPacket* packet = state.packet.get();
+    for (int64_t i = 0; i < packets; ++i) {
+        if (av_read_frame(fresh.get(), packet) < 0)
+            return false;
+        ++state.packetsRead;
+        av_packet_unref(packet);
+    }
+    state.formatContext = std::move(fresh);
+    return true;
+}
+
 std::string tag(const AVDictionary* metadata, const char* key)
 {
     const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
@@ -222,7 +320,11 @@ bool MpegReader::open(const char* url)
     close();
     m_state = std::make_unique<MpegReaderState>();
     m_state->packet.reset(av_packet_alloc());
-    if (!url || !m_state->packet || !openLocalFile(*m_state, url))
+    if (!url || !m_state->packet)
+        return false;
+    m_state->path = url;
+    m_state->formatContext = openLocalFile(url);
+    if (!m_state->formatContext)
         return false;
     AVFormatContext* context = m_state->formatContext.get();
     if (isTextOrStillImage(*context->iformat))
@@ -258,6 +360,34 @@ MpegFrame* MpegReader::read(bool clone)
         frame->m_presentationTime = secondsOf(shown - m_state->startTimestamp, stream->time_base);
     ++m_processedFrameCount;
     return frame;
+}
+
+bool MpegReader::seek(double seconds)
+{
+    if (!m_state || !m_state->decoderOpen || std::isnan(seconds))
+        return false;
+    if (seconds <= 0.0)
+        return true;
+    MpegReaderState& state = *m_state;
+    const AVStream* stream = state.formatContext->streams[state.streamIndex];
+    const int64_t target = state.startTimestamp + ticksAtOrBefore(seconds, stream->time_base);
+    const int64_t packetsBefore = state.packetsRead;
+    if (!seekToKeyPacket(state, target)) {
+        av_packet_unref(state.packet.get());
+        if (!returnToPacket(state, packetsBefore))
+            state.finished = true;
+        return false;
+    }
+    // The decoder forgets the pictures it holds and starts again at the key packet; the end
+    // of input that may have been reached lies behind the reader now.
+    avcodec_flush_buffers(state.codecContext.get());
+    state.draining = false;
+    state.finished = false;
+    state.lastDts = state.packet->dts;
+    if (state.packet->data)
+        avcodec_send_packet(state.codecContext.get(), state.packet.get());
+    av_packet_unref(state.packet.get());
+    return true;
 }
 
 double MpegReader::startTime() const

@@ -48,11 +48,24 @@ public:
     // the end of input are not returned.
     MpegFrame* read(bool clone);
 
+    // Moves to a key frame at or before `seconds` (counted from startTime()) of the chosen
+    // stream: the next read() returns the pictures from there on, those before `seconds`
+    // included, which the caller drops by their m_presentationTime. With an index (MP4,
+    // Matroska, AVI ...) that is the last key frame at or before; containers searched by
+    // their timestamps (MPEG-TS, MPEG-PS) may land a few key frames earlier. Past the end it
+    // lands on the last key frame, or at the end. `seconds` <= 0 changes nothing and gives
+    // true. False without a decoder, and when the stream cannot be sought by time (a raw
+    // .h264 stream has no timestamps): reading then goes on where it stood, the file being
+    // opened once more and read up to there when the attempt moved it. Costs a few packets'
+    // reading with an index, more without; decodes nothing.
+    bool seek(double seconds);
+
     // Seconds of the chosen stream's first timestamp (else the container's), from which
     // MpegFrame::m_presentationTime counts; 0.0 when neither is known or nothing is open.
     double startTime() const;
 
-    // Packets of every stream the reader has taken from the file since open(); 0 when closed.
+    // Packets of every stream the reader has taken from the file since open(), also those
+    // read while seeking; 0 when closed.
     std::int64_t packetsRead() const;
 
     // The open file's container, codec, size, rate, duration and creation time; a default
