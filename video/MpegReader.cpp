@@ -91,15 +91,24 @@ bool openDecoder(MpegReaderState& state, int threads)
     return state.decoderOpen;
 }
 
+// The next packet of any stream into the state's packet. False at the end of input or on a
+// read error, which are not told apart.
+bool readPacket(MpegReaderState& state)
+{
+    if (av_read_frame(state.formatContext.get(), state.packet.get()) < 0)
+        return false;
+    ++state.packetsRead;
+    return true;
+}
+
 // Reads packets up to the next one of the chosen stream and hands it to the decoder. False
-// at the end of input or on a read error, which are not told apart.
+// at the end of input or on a read error.
 bool sendNextPacket(MpegReaderState& state)
 {
     AVPacket* packet = state.packet.get();
     for (;;) {
-        if (av_read_frame(state.formatContext.get(), packet) < 0)
+        if (!readPacket(state))
             return false;
-        ++state.packetsRead;
         if (packet->stream_index == state.streamIndex)
             break;
         // A packet of another stream (audio, subtitles, a later video stream).
@@ -203,14 +212,12 @@ int64_t ticksAtOrBefore(double seconds, AVRational timeBase)
 bool readToKeyPacket(MpegReaderState& state)
 {
     AVPacket* packet = state.packet.get();
-    for (;;) {
-        if (av_read_frame(state.formatContext.get(), packet) < 0)
-            return false;
-        ++state.packetsRead;
+    while (readPacket(state)) {
         if (packet->stream_index == state.streamIndex && (packet->flags & AV_PKT_FLAG_KEY))
             return true;
         av_packet_unref(packet);
     }
+    return false;
 }
 
 int64_t packetTime(const AVPacket& packet)

@@ -1,5 +1,6 @@
 #include "MpegFrame.h"
 #include "MpegReader.h"
+#include "TestFrames.h"
 #include "TestSupport.h"
 
 #include <QTemporaryDir>
@@ -17,6 +18,7 @@ extern "C" {
 namespace {
 
 using FramePtr = std::unique_ptr<MpegFrame>;
+using TestFrames::lumaOf;
 
 constexpr int kRate = 25;
 // Eight seconds; the long-GOP clips have a key frame every two seconds.
@@ -28,14 +30,6 @@ struct Picture {
     QByteArray luma;
     double time;
 };
-
-QByteArray lumaOf(const MpegFrame& frame)
-{
-    QByteArray luma;
-    for (int y = 0; y < frame.height(); ++y)
-        luma.append(reinterpret_cast<const char*>(frame.data() + y * frame.step()), frame.width());
-    return luma;
-}
 
 // The pictures the reader gives from where it stands to the end, or `limit` of them.
 std::vector<Picture> readOn(MpegReader& reader, int limit = std::numeric_limits<int>::max())

@@ -1,5 +1,6 @@
 #include "MpegFrame.h"
 #include "MpegReader.h"
+#include "TestFrames.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -36,6 +37,7 @@ constexpr int kDelayedClipPictures = 30;
 constexpr int64_t kInputBufferSize = 32768;
 
 using FramePtr = std::unique_ptr<MpegFrame>;
+using TestFrames::lumaOf;
 
 const QByteArray kShoppingList("Shopping list\nmilk\nbread\n");
 
@@ -55,14 +57,6 @@ std::vector<QByteArray> grayPictures(int count, int width = kWidth, int height =
     for (int i = 0; i < count; ++i)
         pictures.push_back(TestSupport::grayFrame(width, height, grayValue(i)));
     return pictures;
-}
-
-QByteArray lumaOf(const MpegFrame& frame)
-{
-    QByteArray luma;
-    for (int y = 0; y < frame.height(); ++y)
-        luma.append(reinterpret_cast<const char*>(frame.data() + y * frame.step()), frame.width());
-    return luma;
 }
 
 int countPictures(MpegReader& reader, bool clone = true)
