@@ -242,14 +242,15 @@ int64_t endTimestamp(const MpegReaderState& state)
 // land there at once. Those searched by their timestamps (MPEG-TS, MPEG-PS) land near the
 // target on any packet, and their decoders would then wait for the next key frame, which
 // may come after the target or not at all: those seeks are repeated earlier and earlier,
-// one, three, seven ... seconds, until the first key packet lies at or before the target.
-// A stream that marks no key packet at all is read from its start, no packet left.
+// one, three, seven ... seconds, the last a second before the start, where the search finds
+// the first packet. A stream that marks no key packet at all is read from its start.
 bool seekToKeyPacket(MpegReaderState& state, int64_t target)
 {
     AVFormatContext* context = state.formatContext.get();
     const AVStream* stream = context->streams[state.streamIndex];
-    int64_t aim = std::min(target, endTimestamp(state));
     int64_t step = std::max<int64_t>(1, av_rescale_q(1, AVRational{1, 1}, stream->time_base));
+    const int64_t beforeStart = state.startTimestamp - step;
+    int64_t aim = std::min(target, endTimestamp(state));
     for (;;) {
         if (av_seek_frame(context, state.streamIndex, aim, AVSEEK_FLAG_BACKWARD) < 0)
             return false;
@@ -257,14 +258,13 @@ bool seekToKeyPacket(MpegReaderState& state, int64_t target)
         const int64_t time = found ? packetTime(*state.packet) : AV_NOPTS_VALUE;
         if (found && (time == AV_NOPTS_VALUE || time <= target))
             return true;
-        if (aim <= state.startTimestamp) {
+        if (aim <= beforeStart) {
             if (found)
                 return true;
-            av_packet_unref(state.packet.get());
             return av_seek_frame(context, state.streamIndex, aim, AVSEEK_FLAG_BACKWARD) >= 0;
         }
         av_packet_unref(state.packet.get());
-        aim = aim - state.startTimestamp > step ? aim - step : state.startTimestamp;
+        aim = aim - beforeStart > step ? aim - step : beforeStart;
         step *= 2;
     }
 }

@@ -53,11 +53,14 @@ public:
     // included, which the caller drops by their m_presentationTime. With an index (MP4,
     // Matroska, AVI ...) that is the last key frame at or before; containers searched by
     // their timestamps (MPEG-TS, MPEG-PS) may land a few key frames earlier. Past the end it
-    // lands on the last key frame, or at the end. `seconds` <= 0 changes nothing and gives
-    // true. False without a decoder, and when the stream cannot be sought by time (a raw
-    // .h264 stream has no timestamps): reading then goes on where it stood, the file being
-    // opened once more and read up to there when the attempt moved it. Costs a few packets'
-    // reading with an index, more without; decodes nothing.
+    // lands on the last key frame, or at the end. Open groups of pictures (MPEG-2 in MPEG-PS,
+    // MPEG-4 part 2 with B-pictures in AVI) show a few B-pictures before their key frame
+    // that need the group before it: when `seconds` falls on those, the seek loses them.
+    // `seconds` <= 0 changes nothing and gives true. False without a decoder, and when the
+    // stream cannot be sought by time (a raw .h264 stream has no timestamps): reading then
+    // goes on where it stood, the file being opened once more and read up to there when the
+    // attempt moved it. Costs a few packets' reading with an index, more without; decodes
+    // nothing.
     bool seek(double seconds);
 
     // Seconds of the chosen stream's first timestamp (else the container's), from which
