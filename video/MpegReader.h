@@ -60,7 +60,7 @@ public:
     // stream cannot be sought by time (a raw .h264 stream has no timestamps): reading then
     // goes on where it stood, the file being opened once more and read up to there when the
     // attempt moved it. Costs a few packets' reading with an index, more without; decodes
-    // nothing.
+    // nothing. As it may open the file, callers that serialise open() serialise seek() too.
     bool seek(double seconds);
 
     // Seconds of the chosen stream's first timestamp (else the container's), from which
