@@ -54,7 +54,7 @@ public:
     // Matroska, AVI ...) that is the last key frame at or before; containers searched by
     // their timestamps (MPEG-TS, MPEG-PS) may land a few key frames earlier. Past the end it
     // lands on the last key frame, or at the end. Open groups of pictures (MPEG-2 in MPEG-PS,
-    // MPEG-4 part 2 with B-pictures in AVI) show a few B-pictures before their key frame
+    // MPEG-4 Visual with B-pictures in AVI) show a few B-pictures before their key frame
     // that need the group before it: when `seconds` falls on those, the seek loses them.
     // `seconds` <= 0 changes nothing and gives true. False without a decoder, and when the
     // stream cannot be sought by time (a raw .h264 stream has no timestamps): reading then
