@@ -103,7 +103,9 @@ QImage Tremora::getResult()
 void Tremora::run()
 {
     JobHooks hooks(*this);
-    const MotionPassSettings settings{m_blur, m_updateInterval};
+    MotionPassSettings settings;
+    settings.blur = m_blur;
+    settings.updateInterval = m_updateInterval;
     switch (MotionPass::run(m_path.toUtf8(), settings, m_motionCount, m_background, hooks)) {
     case MotionPassOutcome::OpenFailed:
         update(Failed);

@@ -2,6 +2,7 @@
 
 #include "AsyncBackgroundLearner.h"
 #include "FfmpegMutex.h"
+#include "FrameClock.h"
 #include "FrameSource.h"
 #include "MotionCounter.h"
 #include "MpegFrame.h"
@@ -9,6 +10,7 @@
 #include "ThreadPriority.h"
 
 #include <QMutexLocker>
+
 
 #include <algorithm>
 #include <atomic>
@@ -18,6 +20,7 @@
 #include <memory>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -45,6 +48,13 @@ bool openLocked(MpegReader& reader, const QByteArray& utf8Path)
 {
     QMutexLocker lock(&ffmpegMutex);
     return reader.open(utf8Path.constData());
+}
+
+// A seek the container cannot do by its index may open the file once more.
+void seekLocked(MpegReader& reader, double seconds)
+{
+    QMutexLocker lock(&ffmpegMutex);
+    reader.seek(seconds);
 }
 
 void closeLocked(MpegReader& reader)
@@ -96,6 +106,23 @@ void resetMaps(cv::Size size, cv::Mat& motionCount, cv::Mat& background)
     background.setTo(cv::Scalar::all(0));
 }
 
+// Where the pass is in its video: the times of its frames, the end of its time window, and
+// the frames read so far.
+struct Timeline {
+    FrameClock clock;
+    double windowEnd;
+    std::int64_t framesDecoded = 0;
+};
+
+MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size size)
+{
+    MotionCounter::Detail detail;
+    detail.enabled = settings.detailed || !settings.mask.empty();
+    if (!settings.mask.empty())
+        detail.mask = MotionPass::maskAt(settings.mask, size);
+    return detail;
+}
+
 // The loop over the frame pairs, from the first frame to the end of the video or a cancel.
 class PairLoop {
 public:
@@ -106,13 +133,15 @@ public:
     // timing. The count is split over as many threads as the decoder has: the cores this
     // pass does not share with others; a pass sharing them counts on its own thread, where
     // handing rows to another would only wait for the other pass's work.
-    PairLoop(FrameSource& source, int decoderThreads, cv::Size size, const MotionPassSettings& settings,
-             cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
+    PairLoop(FrameSource& source, Timeline& timeline, int decoderThreads, cv::Size size,
+             const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
         : m_source(source)
+        , m_timeline(timeline)
         , m_size(size)
         , m_updateInterval(settings.updateInterval)
         , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
-        , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads))
+        , m_reportPairs(settings.detailed)
+        , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads), counterDetail(settings, size))
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
@@ -124,10 +153,11 @@ public:
         m_counter.start(viewOf(*first));
         first.reset();
         for (int pairIndex = 0;;) {
-            FramePtr current = readNextFrame();
+            double time = 0.0;
+            FramePtr current = readNextFrame(time);
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
-                if (!analysePair(std::move(current), pairIndex))
+                if (!analysePair(std::move(current), pairIndex, time))
                     return;
                 ++pairIndex;
             }
@@ -137,26 +167,38 @@ public:
         }
     }
 
+    int pairs() const { return m_counter.pairs(); }
+    const cv::Mat& exactCounts() const { return m_counter.exactCounts(); }
+
 private:
-    // A frame of another size than the first (a stream changing its resolution) ends the
-    // pass like the end of the video.
-    FramePtr readNextFrame()
+    // A frame of another size than the first (a stream changing its resolution), and the
+    // first frame at or after the end of the time window, end the pass like the end of the
+    // video. `time` receives the frame's time.
+    FramePtr readNextFrame(double& time)
     {
         FrameSource::Frame next = m_source.next();
         m_hooks.positionChanged(next.position);
-        if (next.frame && !fits(*next.frame, m_size))
-            next.frame.reset();
+        if (!next.frame)
+            return nullptr;
+        ++m_timeline.framesDecoded;
+        time = m_timeline.clock.timeOf(*next.frame);
+        if (!fits(*next.frame, m_size) || time >= m_timeline.windowEnd)
+            return nullptr;
         return std::move(next.frame);
     }
 
     // False when the pass was canceled while it waited to learn.
-    bool analysePair(FramePtr current, int pairIndex)
+    bool analysePair(FramePtr current, int pairIndex, double time)
     {
         if (pairIndex < MotionPass::kLearningPairs
             && !m_learner.learn(*current, [this] { return m_hooks.cancelRequested(); }))
             return false;
         m_counter.addFrame(viewOf(*current), m_motionCount);
         m_hooks.pairAnalysed();
+        if (m_reportPairs) {
+            const MotionCounter::PairActivity activity = m_counter.lastPair();
+            m_hooks.pairCounted({pairIndex, time, activity.movingPixels, activity.newEvents});
+        }
         return true;
     }
 
@@ -178,9 +220,11 @@ private:
     }
 
     FrameSource& m_source;
+    Timeline& m_timeline;
     const cv::Size m_size;
     const int m_updateInterval;
     const bool m_backgroundAtFirstPair;
+    const bool m_reportPairs;
     MotionCounter m_counter;
     AsyncBackgroundLearner m_learner;
     cv::Mat& m_motionCount;
@@ -213,6 +257,68 @@ void runBelowDecoder(const std::function<void()>& work)
         std::rethrow_exception(failure);
 }
 
+// The first frame of the time window that starts at `start`, after `first`, the video's
+// first frame at `time`; null when the video ends (or the pass is canceled) before it.
+// `time` receives the time of the frame returned.
+// Where the video has timestamps the reader seeks to the key frame before `start`, so that
+// the end of a long recording is reached without decoding all of it; the frames from there
+// to `start` are decoded and dropped. Without timestamps, or where the file cannot seek, the
+// frames are read one after the other from the start.
+FramePtr frameAtWindowStart(MpegReader& reader, FramePtr first, double& time, double start, cv::Size size,
+                            Timeline& timeline, MotionPassHooks& hooks)
+{
+    if (time >= start)
+        return first;
+    const bool timestamped = first->m_hasPresentationTime;
+    // Done with before the reader moves on: it belongs to the decoder.
+    first.reset();
+    if (timestamped)
+        seekLocked(reader, start);
+    while (!hooks.cancelRequested()) {
+        FramePtr frame(reader.read(false));
+        hooks.positionChanged(reader.pos());
+        if (!frame || !fits(*frame, size))
+            return nullptr;
+        ++timeline.framesDecoded;
+        time = timeline.clock.timeOf(*frame);
+        if (time >= start)
+            return frame;
+    }
+    return nullptr;
+}
+
+void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int runningPasses,
+                   const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background,
+                   MotionPassHooks& hooks, Timeline& timeline, MotionPassFacts& facts)
+{
+    resetMaps(size, motionCount, background);
+    if (settings.detailed)
+        facts.exactCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
+    hooks.started();
+    if (hooks.cancelRequested() || !firstFrame)
+        return;
+    ++timeline.framesDecoded;
+    double time = timeline.clock.timeOf(*firstFrame);
+    firstFrame = frameAtWindowStart(reader, std::move(firstFrame), time, settings.windowStart, size, timeline, hooks);
+    // An empty window (its first frame at or after its end, or past the video's end) has no
+    // pair; a cancel while skipping to it leaves no frame either.
+    if (!firstFrame || time >= settings.windowEnd)
+        return;
+    const int decoderThreads = reader.decoderThreads();
+    FrameSource source(reader, decoderThreads > 1, MotionPass::readAheadDepthFor(size, runningPasses));
+    const auto loop = [&] {
+        PairLoop pairs(source, timeline, decoderThreads, size, settings, motionCount, background, hooks);
+        pairs.run(std::move(firstFrame));
+        facts.pairsAnalysed = pairs.pairs();
+        if (settings.detailed)
+            facts.exactCounts = pairs.exactCounts();
+    };
+    if (decoderThreads > 1)
+        runBelowDecoder(loop);
+    else
+        loop();
+}
+
 // Everything between opening and closing. A picture too large for memory surfaces as an
 // exception from the matrix library; it ends the pass like a read failure.
 //
@@ -223,24 +329,16 @@ void runBelowDecoder(const std::function<void()>& work)
 // up in the time the decoder leaves a core idle. The reading-ahead thread is started before,
 // so it keeps the decoder's priority.
 void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, int runningPasses,
-             const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
+             const MotionPassSettings& settings, cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,
+             MotionPassFacts& facts)
 {
+    Timeline timeline{FrameClock(reader.fps()), settings.windowEnd};
     try {
-        resetMaps(size, motionCount, background);
-        hooks.started();
-        if (hooks.cancelRequested() || !firstFrame)
-            return;
-        const int decoderThreads = reader.decoderThreads();
-        FrameSource source(reader, decoderThreads > 1, MotionPass::readAheadDepthFor(size, runningPasses));
-        const auto loop = [&] {
-            PairLoop(source, decoderThreads, size, settings, motionCount, background, hooks).run(std::move(firstFrame));
-        };
-        if (decoderThreads > 1)
-            runBelowDecoder(loop);
-        else
-            loop();
+        analyseFrames(reader, std::move(firstFrame), size, runningPasses, settings, motionCount, background, hooks,
+                      timeline, facts);
     } catch (const std::exception&) {
     }
+    facts.framesDecoded = timeline.framesDecoded;
 }
 
 } // namespace
@@ -252,14 +350,38 @@ int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
     return std::max(cores / std::max(runningPasses, 1), 1);
 }
 
+cv::Mat MotionPass::maskAt(const cv::Mat& mask, cv::Size size)
+{
+    cv::Mat scaled(size, CV_8UC1, cv::Scalar(255));
+    if (mask.empty())
+        return scaled;
+    // The library's nearest-neighbour scaling rounds a centre that falls on a border between
+    // two mask pixels to the left one; the pixel under a centre is the right one. Once per
+    // video, so plain index tables do.
+    std::vector<int> columns(static_cast<size_t>(size.width));
+    for (int x = 0; x < size.width; ++x)
+        columns[static_cast<size_t>(x)] = static_cast<int>((2LL * x + 1) * mask.cols / (2LL * size.width));
+    for (int y = 0; y < size.height; ++y) {
+        const auto* from = mask.ptr<std::uint8_t>(static_cast<int>((2LL * y + 1) * mask.rows / (2LL * size.height)));
+        auto* to = scaled.ptr<std::uint8_t>(y);
+        for (int x = 0; x < size.width; ++x)
+            to[x] = from[columns[static_cast<size_t>(x)]] != 0 ? 255 : 0;
+    }
+    return scaled;
+}
+
 int MotionPass::readAheadDepthFor(cv::Size size, int runningPasses)
 {
     return runningPasses > 1 ? FrameSource::kMinDepth : FrameSource::depthFor(size.width, size.height);
 }
 
 MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSettings& settings,
-                                  cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks)
+                                  cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,
+                                  MotionPassFacts* facts)
 {
+    MotionPassFacts ownFacts;
+    MotionPassFacts& found = facts ? *facts : ownFacts;
+    found = {};
     const RunningPass running;
     MpegReader reader;
     reader.setDecoderThreads(decoderThreadsFor(settings.decoderThreads, running.count(), cores()));
@@ -271,10 +393,11 @@ MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSe
             closeLocked(reader);
             return MotionPassOutcome::OpenFailed;
         }
+        found.video = reader.info();
         firstFrame = readFirstFrame(reader);
         size = videoSize(reader, firstFrame.get());
     }
-    analyse(reader, std::move(firstFrame), size, running.count(), settings, motionCount, background, hooks);
+    analyse(reader, std::move(firstFrame), size, running.count(), settings, motionCount, background, hooks, found);
     closeLocked(reader);
     return hooks.cancelRequested() ? MotionPassOutcome::Canceled : MotionPassOutcome::Finished;
 }

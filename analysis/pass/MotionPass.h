@@ -2,9 +2,12 @@
 
 #include <QByteArray>
 
+#include "VideoInfo.h"
+
 #include <opencv2/core/mat.hpp>
 
 #include <cstdint>
+#include <limits>
 
 // One analysis pass over a whole video: decode every frame, count per pixel how many
 // separate times motion was seen there, and learn the scene's background from the first
@@ -35,6 +38,18 @@ public:
     virtual void positionChanged(std::int64_t bytes) = 0;
     // One more frame pair has been analysed and counted.
     virtual void pairAnalysed() = 0;
+
+    // What the counting saw in one pair: its index (from 0, the first pair of the time
+    // window), the time of its second frame in seconds from the video's start (FrameClock),
+    // the pixels that moved and the new events among them. Only with
+    // MotionPassSettings::detailed, right after pairAnalysed().
+    struct PairRecord {
+        int pair = 0;
+        double time = 0.0;
+        std::int64_t movingPixels = 0;
+        std::int64_t newEvents = 0;
+    };
+    virtual void pairCounted(const PairRecord&) {}
     // The counts (and at milestones the background) are worth showing now. At the end of
     // the video both kinds may come, milestone first.
     virtual void refresh(Refresh kind) = 0;
@@ -55,6 +70,28 @@ struct MotionPassSettings {
     // the count runs on meanwhile; the background is then fetched after the last learning
     // pair and at the end of the video only.
     bool backgroundAtMilestones = true;
+
+    // Keep the exact count of events (MotionPassFacts::exactCounts) and report every pair's
+    // activity (MotionPassHooks::pairCounted). Costs a slower counting loop; off by default.
+    bool detailed = false;
+    // 8-bit 1-channel picture of any size: 0 where pixels are ignored (they never move and
+    // never count), anything else where they are analysed. Scaled to the video's size by
+    // taking, for each video pixel, the mask pixel under its centre. Empty: every pixel.
+    cv::Mat mask;
+    // The part of the video analysed, in seconds from its start: the first frame analysed is
+    // the first at or after `windowStart` (reached by seeking to the key frame before it where
+    // the video has timestamps), and the pass ends before the first frame at or after
+    // `windowEnd`, as at the end of the video.
+    double windowStart = 0.0;
+    double windowEnd = std::numeric_limits<double>::infinity();
+};
+
+// What a pass learnt about its video besides the counts and the background.
+struct MotionPassFacts {
+    VideoInfo video;                 // empty when the file did not open
+    std::int64_t framesDecoded = 0;  // frames the pass read, those before the window included
+    int pairsAnalysed = 0;
+    cv::Mat exactCounts;             // with MotionPassSettings::detailed: 16-bit, saturating
 };
 
 enum class MotionPassOutcome {
@@ -90,7 +127,13 @@ int readAheadDepthFor(cv::Size size, int runningPasses);
 // calling thread waits; the calling thread's own priority is left as it was.
 // Blocks until the pass ends. Reentrant: passes over different matrices may run on several
 // threads at once; their background models take turns (see MotionPassHooks).
+// `facts`, when given, is filled as far as the pass got.
 MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,
-                      cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks);
+                      cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,
+                      MotionPassFacts* facts = nullptr);
+
+// `mask` (see MotionPassSettings::mask) at `size`: each pixel takes the mask pixel under its
+// centre, as 255 where it is analysed and 0 where it is ignored. Reentrant.
+cv::Mat maskAt(const cv::Mat& mask, cv::Size size);
 
 } // namespace MotionPass

@@ -66,6 +66,14 @@ private:
     const cv::Mat* m_background;
 };
 
+// Also keeps every pair's record.
+class PairRecordingHooks : public RecordingHooks {
+public:
+    std::vector<PairRecord> records;
+
+    void pairCounted(const PairRecord& record) override { records.push_back(record); }
+};
+
 // Answers true from the given poll on.
 class CancelAfterPolls : public RecordingHooks {
 public:
@@ -121,7 +129,10 @@ PassResult runPass(const QString& path, RecordingHooks& hooks, bool blur = true,
 {
     PassResult result{MotionPassOutcome::OpenFailed, cv::Mat(), cv::Mat(), 0};
     const int before = MpegReader::m_processedFrameCount.load();
-    const MotionPassSettings settings{blur, updateInterval, decoderThreads};
+    MotionPassSettings settings;
+    settings.blur = blur;
+    settings.updateInterval = updateInterval;
+    settings.decoderThreads = decoderThreads;
     result.outcome = MotionPass::run(path.toUtf8(), settings, result.counts, result.background, hooks);
     result.framesRead = MpegReader::m_processedFrameCount.load() - before;
     return result;
@@ -172,14 +183,15 @@ std::shared_ptr<const MpegFrame> firstFrameOf(const QString& path)
     return std::shared_ptr<const MpegFrame>(reader.read(true));
 }
 
-// The background a default model learns from the second to the 101st frame.
-cv::Mat referenceBackground(const std::vector<cv::Mat>& rgbFrames)
+// The background a default model learns from the 100 frames after frame `first` (the first
+// one analysed).
+cv::Mat referenceBackground(const std::vector<cv::Mat>& rgbFrames, size_t first = 0)
 {
     cv::Ptr<cv::BackgroundSubtractorMOG2> model = cv::createBackgroundSubtractorMOG2();
     cv::Mat mask, background;
-    for (size_t i = 1; i < rgbFrames.size() && i <= 100; ++i)
+    for (size_t i = first + 1; i < rgbFrames.size() && i <= first + 100; ++i)
         model->apply(rgbFrames[i], mask, -1.0);
-    if (rgbFrames.size() > 1)
+    if (rgbFrames.size() > first + 1)
         model->getBackgroundImage(background);
     return background;
 }
@@ -190,6 +202,68 @@ cv::Mat expectedCounts(cv::Size size, const std::vector<std::pair<cv::Point, int
     for (const auto& [corner, count] : squaresAndCounts)
         counts(square(corner)).setTo(cv::Scalar(count));
     return counts;
+}
+
+struct DetailedPass {
+    MotionPassOutcome outcome = MotionPassOutcome::OpenFailed;
+    cv::Mat counts;
+    cv::Mat background;
+    MotionPassFacts facts;
+    std::vector<MotionPassHooks::PairRecord> records;
+};
+
+DetailedPass runDetailedPass(const QString& path, MotionPassSettings settings)
+{
+    settings.detailed = true;
+    DetailedPass pass;
+    PairRecordingHooks hooks;
+    pass.outcome = MotionPass::run(path.toUtf8(), settings, pass.counts, pass.background, hooks, &pass.facts);
+    pass.records = hooks.records;
+    return pass;
+}
+
+MotionPassSettings sharpSettings()
+{
+    MotionPassSettings settings;
+    settings.blur = false;
+    return settings;
+}
+
+MotionPassSettings windowSettings(double start, double end)
+{
+    MotionPassSettings settings;
+    settings.windowStart = start;
+    settings.windowEnd = end;
+    return settings;
+}
+
+// The reference over `frames`, with `mask` at the frames' size (empty for none).
+Reference::Analysis referenceOver(const std::vector<cv::Mat>& frames, bool blur, const cv::Mat& mask = {})
+{
+    Reference::Analysis reference(frames.front().cols, frames.front().rows, blur, mask);
+    for (const cv::Mat& frame : frames)
+        reference.addFrame(frame);
+    return reference;
+}
+
+cv::Mat as32Bit(const cv::Mat& matrix)
+{
+    cv::Mat out;
+    matrix.convertTo(out, CV_32SC1);
+    return out;
+}
+
+bool sameActivity(const std::vector<MotionPassHooks::PairRecord>& records,
+                  const std::vector<Reference::Analysis::Pair>& expected)
+{
+    if (records.size() != expected.size())
+        return false;
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (records[i].pair != static_cast<int>(i) || records[i].movingPixels != expected[i].moving
+            || records[i].newEvents != expected[i].newEvents)
+            return false;
+    }
+    return true;
 }
 
 const cv::Size kSize(64, 48);
@@ -395,7 +469,7 @@ private slots:
         const QString path = clip("two.mkv", frames);
         cv::Mat counts, background;
         RecordingHooks hooks(&background);
-        const MotionPassOutcome outcome = MotionPass::run(path.toUtf8(), MotionPassSettings{false, 300}, counts, background, hooks);
+        const MotionPassOutcome outcome = MotionPass::run(path.toUtf8(), sharpSettings(), counts, background, hooks);
         QCOMPARE(outcome, MotionPassOutcome::Finished);
         QCOMPARE(hooks.pairs, 1);
         const std::vector<std::pair<Refresh, int>> expected = {{Refresh::Milestone, 1}, {Refresh::Milestone, 1}};
@@ -591,6 +665,196 @@ private slots:
         QVERIFY(equal(result.counts, expected));
         const cv::Mat background = referenceBackground(decodeAll(path).rgb);
         QVERIFY(equal(result.background, background));
+    }
+
+    void detailedPassGivesTheReferencesExactCountsAndActivityPairByPair()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 41);
+        const QString path = clip("detailed.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        for (const bool blur : {true, false}) {
+            MotionPassSettings settings;
+            settings.blur = blur;
+            const DetailedPass pass = runDetailedPass(path, settings);
+            QCOMPARE(pass.outcome, MotionPassOutcome::Finished);
+            const Reference::Analysis reference = referenceOver(frames, blur);
+            QVERIFY(cv::countNonZero(reference.exactCounts()) > 0);
+            QVERIFY(equal(pass.counts, reference.counts()));
+            QCOMPARE(pass.facts.exactCounts.type(), CV_16UC1);
+            QVERIFY(equal(as32Bit(pass.facts.exactCounts), reference.exactCounts()));
+            QVERIFY(sameActivity(pass.records, reference.activity()));
+            QCOMPARE(pass.facts.pairsAnalysed, 159);
+            QCOMPARE(pass.facts.framesDecoded, std::int64_t{160});
+            QCOMPARE(pass.facts.video.width, 40);
+            QCOMPARE(pass.facts.video.height, 30);
+        }
+    }
+
+    void pairTimesAreThoseOfTheSecondFrameFromTheVideosStart()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 30, 5);
+        const DetailedPass pass = runDetailedPass(clip("timed.mkv", frames), {});
+        QCOMPARE(int(pass.records.size()), 29);
+        for (const auto& record : pass.records)
+            QVERIFY2(std::abs(record.time - (record.pair + 1) / 25.0) < 1e-6, qPrintable(QString::number(record.time)));
+    }
+
+    void pairTimesOfAVariableRateClipFollowItsTimestamps()
+    {
+        // Frame n is shown at n (n + 1) / 2 ticks of 1/25 s: every interval longer than the last.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 20, 9);
+        const QString path = m_dir.filePath("variable.mkv");
+        QVERIFY(writeGray(path, frames, {"-vf", "setpts=N*(N+1)/2", "-fps_mode", "passthrough", "-c:v", "ffv1"}));
+        const DetailedPass pass = runDetailedPass(path, {});
+        QCOMPARE(int(pass.records.size()), 19);
+        for (const auto& record : pass.records) {
+            const int second = record.pair + 1;
+            const double expected = second * (second + 1) / 2 / 25.0;
+            QVERIFY2(std::abs(record.time - expected) < 0.0015,
+                     qPrintable(QStringLiteral("pair %1: %2 s, expected %3 s").arg(record.pair).arg(record.time).arg(expected)));
+        }
+    }
+
+    void detailsAreNotReportedUnlessAskedFor()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 20, 5);
+        PairRecordingHooks hooks;
+        cv::Mat counts, background;
+        MotionPassFacts facts;
+        QCOMPARE(MotionPass::run(clip("plain.mkv", frames).toUtf8(), MotionPassSettings{}, counts, background, hooks,
+                                 &facts),
+                 MotionPassOutcome::Finished);
+        QVERIFY(hooks.records.empty());
+        QVERIFY(facts.exactCounts.empty());
+        QCOMPARE(facts.pairsAnalysed, 19);
+    }
+
+    void aMaskOfTheVideosSizeIgnoresItsDarkPixels()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 120, 43);
+        const QString path = clip("masked.mkv", frames);
+        cv::Mat mask(30, 40, CV_8UC1, cv::Scalar(255));
+        mask(cv::Rect(0, 0, 20, 30)).setTo(cv::Scalar(0));
+        MotionPassSettings settings;
+        settings.mask = mask;
+        const DetailedPass masked = runDetailedPass(path, settings);
+        const DetailedPass whole = runDetailedPass(path, {});
+        const cv::Rect left(0, 0, 20, 30);
+        const cv::Rect right(20, 0, 20, 30);
+        QCOMPARE(cv::countNonZero(masked.counts(left)), 0);
+        QCOMPARE(cv::countNonZero(masked.facts.exactCounts(left)), 0);
+        QVERIFY(cv::countNonZero(whole.counts(left)) > 0);
+        QVERIFY(equal(masked.counts(right), whole.counts(right)));
+        QVERIFY(equal(masked.facts.exactCounts(right), whole.facts.exactCounts(right)));
+        QVERIFY(sameActivity(masked.records, referenceOver(frames, true, mask).activity()));
+    }
+
+    void aMaskAloneAppliesToTheMapsCount()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 120, 43);
+        cv::Mat mask(30, 40, CV_8UC1, cv::Scalar(255));
+        mask(cv::Rect(0, 0, 40, 15)).setTo(cv::Scalar(0));
+        MotionPassSettings settings;
+        settings.mask = mask;
+        RecordingHooks hooks;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(clip("masked.mkv", frames).toUtf8(), settings, counts, background, hooks),
+                 MotionPassOutcome::Finished);
+        QVERIFY(equal(counts, referenceOver(frames, true, mask).counts()));
+        QCOMPARE(cv::countNonZero(counts(cv::Rect(0, 0, 40, 15))), 0);
+    }
+
+    void aMaskOfAnotherSizeTakesThePixelUnderEachCentre_data()
+    {
+        QTest::addColumn<QSize>("maskSize");
+        QTest::addColumn<QSize>("videoSize");
+        QTest::newRow("half") << QSize(20, 15) << QSize(40, 30);
+        QTest::newRow("double") << QSize(80, 60) << QSize(40, 30);
+        QTest::newRow("odd up") << QSize(7, 5) << QSize(33, 17);
+        QTest::newRow("odd down") << QSize(33, 17) << QSize(7, 5);
+        QTest::newRow("one pixel") << QSize(1, 1) << QSize(9, 4);
+        QTest::newRow("thin") << QSize(3, 40) << QSize(40, 3);
+    }
+
+    void aMaskOfAnotherSizeTakesThePixelUnderEachCentre()
+    {
+        QFETCH(QSize, maskSize);
+        QFETCH(QSize, videoSize);
+        cv::Mat mask(maskSize.height(), maskSize.width(), CV_8UC1);
+        cv::RNG random(7);
+        random.fill(mask, cv::RNG::UNIFORM, 0, 2);
+        mask *= 200;
+        const cv::Size size(videoSize.width(), videoSize.height());
+        const cv::Mat expected = Reference::nearestMask(mask, size) != 0;
+        QVERIFY(equal(MotionPass::maskAt(mask, size), expected));
+    }
+
+    void aWindowAnalysesOnlyItsFramesAndNumbersItsPairsFromZero()
+    {
+        // 25 frames a second: frames 50 (2 s) to 149 (5.96 s) lie in the window; the bounds
+        // stay clear of the frames' times, which the container rounds to milliseconds.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(24, 16), 200, 47);
+        const QString path = clip("window.mkv", frames);
+        const DetailedPass pass = runDetailedPass(path, windowSettings(1.98, 5.98));
+        QCOMPARE(pass.outcome, MotionPassOutcome::Finished);
+        const std::vector<cv::Mat> inside(frames.begin() + 50, frames.begin() + 150);
+        const Reference::Analysis reference = referenceOver(inside, true);
+        QVERIFY(equal(pass.counts, reference.counts()));
+        QVERIFY(equal(as32Bit(pass.facts.exactCounts), reference.exactCounts()));
+        QVERIFY(sameActivity(pass.records, reference.activity()));
+        QVERIFY(std::abs(pass.records.front().time - 51 / 25.0) < 1e-6);
+        QVERIFY(std::abs(pass.records.back().time - 149 / 25.0) < 1e-6);
+        std::vector<cv::Mat> decoded = decodeAll(path).rgb;
+        decoded.resize(150);
+        QVERIFY(equal(pass.background, referenceBackground(decoded, 50)));
+    }
+
+    void aWindowStartingBetweenFramesBeginsAtTheNextFrame()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(24, 16), 60, 47);
+        const DetailedPass pass = runDetailedPass(clip("between.mkv", frames), windowSettings(1.01, 1.99));
+        // Frame 26 (1.04 s) is the first analysed; frame 50 (2.0 s) is past the end.
+        QCOMPARE(int(pass.records.size()), 49 - 26);
+        QVERIFY(std::abs(pass.records.front().time - 27 / 25.0) < 1e-6);
+        const std::vector<cv::Mat> inside(frames.begin() + 26, frames.begin() + 50);
+        QVERIFY(equal(pass.counts, referenceOver(inside, true).counts()));
+    }
+
+    void aWindowPastTheEndOfTheVideoAnalysesNoPair()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(24, 16), 30, 47);
+        const DetailedPass pass = runDetailedPass(clip("short.mkv", frames), windowSettings(60.0, 1e9));
+        QCOMPARE(pass.outcome, MotionPassOutcome::Finished);
+        QCOMPARE(pass.facts.pairsAnalysed, 0);
+        QVERIFY(pass.records.empty());
+        QCOMPARE(pass.counts.size(), cv::Size(24, 16));
+        QCOMPARE(cv::countNonZero(pass.counts), 0);
+        QCOMPARE(cv::countNonZero(pass.background.reshape(1)), 0);
+        QCOMPARE(pass.facts.exactCounts.size(), cv::Size(24, 16));
+    }
+
+    void aWindowAtTheEndOfALongClipSeeksInsteadOfDecodingItAll()
+    {
+        // Every frame a key frame: the seek lands on the window's first frame.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 1500, 3);
+        const QString path = m_dir.filePath("long.mkv");
+        QVERIFY(writeGray(path, frames, {"-c:v", "ffv1", "-g", "1"}));
+        const DetailedPass pass = runDetailedPass(path, windowSettings(57.99, 1e9));
+        QCOMPARE(pass.facts.pairsAnalysed, 49);
+        QVERIFY2(pass.facts.framesDecoded < 100, qPrintable(QString::number(pass.facts.framesDecoded)));
+        const std::vector<cv::Mat> inside(frames.begin() + 1450, frames.end());
+        QVERIFY(equal(pass.counts, referenceOver(inside, true).counts()));
+    }
+
+    void aCancelWhileSkippingToTheWindowEndsCanceled()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 100, 3);
+        CancelAfterPolls hooks(3);
+        cv::Mat counts, background;
+        const MotionPassOutcome outcome =
+            MotionPass::run(clip("skip.mkv", frames).toUtf8(), windowSettings(3.0, 1e9), counts, background, hooks);
+        QCOMPARE(outcome, MotionPassOutcome::Canceled);
+        QCOMPARE(hooks.pairs, 0);
     }
 
     void h264WithAudioFirstFollowsTheRules()

@@ -87,8 +87,9 @@ cv::Mat nearestMask(const cv::Mat& mask, cv::Size size)
     cv::Mat out(size, CV_8UC1);
     for (int y = 0; y < size.height; ++y) {
         for (int x = 0; x < size.width; ++x) {
-            const int sy = static_cast<int>((y + 0.5) * mask.rows / size.height);
-            const int sx = static_cast<int>((x + 0.5) * mask.cols / size.width);
+            // The centre (x + 1/2) in the mask's pixels, rounded down, in whole numbers.
+            const int sy = (2 * y + 1) * mask.rows / (2 * size.height);
+            const int sx = (2 * x + 1) * mask.cols / (2 * size.width);
             out.at<uchar>(y, x) = mask.at<uchar>(sy, sx);
         }
     }
