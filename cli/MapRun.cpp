@@ -1,7 +1,9 @@
 #include "MapRun.h"
 
+#include "ActivityCsv.h"
 #include "AtomicCounter.h"
 #include "ImageFile.h"
+#include "Manifest.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "ProgressOutput.h"
@@ -58,10 +60,12 @@ using FileJobs = std::vector<std::unique_ptr<FileJob>>;
 
 class FileHooks final : public MotionPassHooks {
 public:
-    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs)
+    // `activity` receives every pair's record; null without --data.
+    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity)
         : m_job(job)
         , m_cancel(cancel)
         , m_pairs(pairs)
+        , m_activity(activity)
     {
     }
 
@@ -69,6 +73,11 @@ public:
     void started() override { m_job.state.store(FileState::Running, std::memory_order_release); }
     void positionChanged(std::int64_t bytes) override { m_job.position.store(bytes, std::memory_order_relaxed); }
     void pairAnalysed() override { m_pairs.increment(); }
+    void pairCounted(const PairRecord& record) override
+    {
+        if (m_activity)
+            m_activity->add(record);
+    }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
 
@@ -76,6 +85,7 @@ private:
     FileJob& m_job;
     const std::atomic<int>& m_cancel;
     AtomicCounter& m_pairs;
+    ActivityCsv* m_activity;
 };
 
 // A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
@@ -98,22 +108,34 @@ bool existsOrDangles(const QString& path)
     return info.exists() || info.isSymLink();
 }
 
-// Writes the input's files, map first; returns the error, empty on success. A file that
-// appeared during the pass is still not replaced without --overwrite.
-QString writeOutputs(const PlannedInput& input, const cv::Mat& motionCount, const cv::Mat& background, bool overwrite)
+// The input's images in the order they are written: map, counts, exact counts, background;
+// those not asked for have an empty path.
+std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const cv::Mat& motionCount,
+                                                 const cv::Mat& background, const MotionPassFacts& facts)
 {
-    const std::vector<std::pair<QString, QImage>> files = {
+    return {
         {input.mapPath, MotionMap::render(motionCount, background)},
         {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapRun::countsImage(motionCount)},
+        {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
         {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
     };
-    for (const auto& [path, image] : files) {
+}
+
+// Writes the input's images, map first, adding each one written to `written`; returns the
+// error, empty on success. A file that appeared during the pass is still not replaced
+// without --overwrite.
+QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool overwrite, QStringList& written)
+{
+    for (const auto& [path, image] : images) {
         if (!overwrite && !path.isEmpty() && existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
-    for (const auto& [path, image] : files) {
-        if (!path.isEmpty() && !Utils::saveImage(image, path))
+    for (const auto& [path, image] : images) {
+        if (path.isEmpty())
+            continue;
+        if (!Utils::saveImage(image, path))
             return tr("Can't save image file '%1'").arg(path);
+        written << path;
     }
     return {};
 }
@@ -128,44 +150,87 @@ int decoderThreads(int jobs, int filesToStart)
     return std::max(1, QThread::idealThreadCount() / atOnce);
 }
 
-// Pool thread.
-void analyse(FileJob& job, const MapToolOptions& options, int decoderThreads, const std::atomic<int>& cancel,
-             AtomicCounter& pairs)
+MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mask, int decoderThreads)
 {
-    FileHooks hooks(job, cancel, pairs);
     MotionPassSettings settings;
     settings.blur = options.blur;
     settings.updateInterval = 0;
     settings.decoderThreads = decoderThreads;
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
+    settings.detailed = options.data;
+    settings.mask = mask;
+    settings.windowStart = options.start;
+    settings.windowEnd = options.end;
+    return settings;
+}
+
+// The manifest of a pass that has ended, when --data asks for one; `error` is the job's
+// error so far and receives the manifest's own when it cannot be written.
+void writeManifest(const FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
+                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error)
+{
+    if (!options.data)
+        return;
+    Manifest::Content content;
+    content.input = &job.input;
+    content.options = &options;
+    content.facts = &facts;
+    content.outcome = outcome;
+    content.error = error;
+    content.written = written;
+    content.pairsWithMotion = pairsWithMotion;
+    const QString manifestError = Manifest::write(job.input.manifestPath, Manifest::build(content), options.overwrite);
+    if (error.isEmpty())
+        error = manifestError;
+}
+
+// Pool thread.
+void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, int decoderThreads,
+             const std::atomic<int>& cancel, AtomicCounter& pairs)
+{
+    std::unique_ptr<ActivityCsv> activity;
+    if (options.data)
+        activity = std::make_unique<ActivityCsv>(job.input.activityPath);
+    FileHooks hooks(job, cancel, pairs, activity.get());
     cv::Mat motionCount;
     cv::Mat background;
+    MotionPassFacts facts;
     // The name's bytes as the user gave them, which is what the file system knows it by.
     const QByteArray path = QFile::encodeName(job.input.video);
-    switch (MotionPass::run(path, settings, motionCount, background, hooks)) {
-    case MotionPassOutcome::OpenFailed:
-        job.finish(FileState::Failed, tr("Can't open video file '%1'").arg(job.input.video));
-        return;
-    case MotionPassOutcome::Canceled:
-        job.finish(FileState::Canceled);
-        return;
-    case MotionPassOutcome::Finished:
-        break;
-    }
-    if (cancel.load(std::memory_order_relaxed) != 0) {
-        job.finish(FileState::Canceled);
+    const MotionPassOutcome outcome =
+        MotionPass::run(path, settingsFor(options, mask, decoderThreads), motionCount, background, hooks, &facts);
+    const std::int64_t pairsWithMotion = activity ? activity->pairsWithMotion() : 0;
+    QString error;
+    QStringList written;
+    if (outcome == MotionPassOutcome::OpenFailed) {
+        error = tr("Can't open video file '%1'").arg(job.input.video);
+        writeManifest(job, options, facts, Manifest::Outcome::Failed, written, pairsWithMotion, error);
+        job.finish(FileState::Failed, error);
         return;
     }
-    const QString error = writeOutputs(job.input, motionCount, background, options.overwrite);
+    if (outcome == MotionPassOutcome::Canceled || cancel.load(std::memory_order_relaxed) != 0) {
+        writeManifest(job, options, facts, Manifest::Outcome::Canceled, written, pairsWithMotion, error);
+        job.finish(FileState::Canceled);
+        return;
+    }
+    error = writeImages(imagesOf(job.input, motionCount, background, facts), options.overwrite, written);
+    if (error.isEmpty() && activity) {
+        error = activity->commit(options.overwrite);
+        if (error.isEmpty())
+            written << job.input.activityPath;
+    }
+    writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
+                  pairsWithMotion, error);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
 class Driver {
 public:
     Driver(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-           ProgressOutput& output, const std::atomic<int>& cancel)
+           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
         : m_options(options)
+        , m_mask(mask)
         , m_output(output)
         , m_cancel(cancel)
     {
@@ -209,7 +274,7 @@ private:
             FileJob* file = job.get();
             m_pool.start([this, file] {
                 const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
-                analyse(*file, m_options, threads, m_cancel, m_pairs);
+                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs);
             });
         }
     }
@@ -272,6 +337,7 @@ private:
     }
 
     const MapToolOptions& m_options;
+    const cv::Mat& m_mask;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
     std::atomic<int> m_filesToStart{0};
@@ -289,14 +355,19 @@ private:
 namespace MapRun {
 
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel)
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
 {
-    return Driver(options, inputs, output, cancel).exec();
+    return Driver(options, inputs, output, cancel, mask).exec();
 }
 
 QImage countsImage(const cv::Mat& motionCount)
 {
     return imageOf(motionCount, CV_8UC1, QImage::Format_Grayscale8);
+}
+
+QImage eventsImage(const cv::Mat& exactCounts)
+{
+    return imageOf(exactCounts, CV_16UC1, QImage::Format_Grayscale16);
 }
 
 QImage backgroundImage(const cv::Mat& background)

@@ -30,11 +30,14 @@ constexpr int kExitInterrupted = 130;
 // written stay. Returns the exit status: kExitSuccess when every map was written,
 // kExitInterrupted when canceled, kExitFailure otherwise.
 // Blocks until every pass has ended. Call from one thread at a time.
+// `mask` (see MotionPassSettings::mask) applies to every input; empty for none.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel);
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {});
 
 // The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
 QImage countsImage(const cv::Mat& motionCount);
+// The exact event counts (16-bit, 1 channel) as a 16-bit grey image: pixel value = count.
+QImage eventsImage(const cv::Mat& exactCounts);
 // The background (8-bit, 3 channels R,G,B) as an RGB888 image.
 QImage backgroundImage(const cv::Mat& background);
 

@@ -2,6 +2,7 @@
 
 #include "MapRun.h"
 #include "MapToolOptions.h"
+#include "MaskFile.h"
 #include "OutputPlan.h"
 #include "ProgressOutput.h"
 
@@ -40,7 +41,8 @@ ProgressOutput::Style styleFor(const MapToolOptions& options, const MapTool::Con
     return console.errIsTerminal ? ProgressOutput::Style::Live : ProgressOutput::Style::Lines;
 }
 
-int runMaps(const MapToolOptions& options, const MapTool::Console& console, const std::atomic<int>& cancel)
+int runMaps(const MapToolOptions& options, const cv::Mat& mask, const MapTool::Console& console,
+            const std::atomic<int>& cancel)
 {
     // The stream description FFmpeg prints for every opened file would bury the tool's own
     // lines and break the redrawn progress block; its errors still come through.
@@ -50,7 +52,7 @@ int runMaps(const MapToolOptions& options, const MapTool::Console& console, cons
         output.error(tr("Can't create folder '%1'").arg(options.outputDir));
         return MapRun::kExitFailure;
     }
-    return MapRun::run(options, OutputPlan::plan(options), output, cancel);
+    return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask);
 }
 
 } // namespace
@@ -72,7 +74,15 @@ int run(const QStringList& arguments, Console console, const std::atomic<int>& c
     case ParsedCommandLine::Action::Run:
         break;
     }
-    return runMaps(parsed.options, console, cancel);
+    // A mask that cannot be used is a usage error, found before any file is touched.
+    cv::Mat mask;
+    if (!parsed.options.maskPath.isEmpty()) {
+        QString error;
+        mask = MaskFile::load(parsed.options.maskPath, &error);
+        if (mask.empty())
+            return usageError(console.err, error);
+    }
+    return runMaps(parsed.options, mask, console, cancel);
 }
 
 } // namespace MapTool

@@ -5,6 +5,9 @@
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QRegularExpression>
+
+#include <cmath>
 
 namespace {
 
@@ -24,12 +27,17 @@ struct Options {
     QCommandLineOption noBlur{"no-blur"};
     QCommandLineOption overwrite{"overwrite"};
     QCommandLineOption quiet{{"q", "quiet"}};
+    QCommandLineOption data{"data"};
+    QCommandLineOption mask{"mask", {}, "FILE"};
+    QCommandLineOption start{"start", {}, "T"};
+    QCommandLineOption end{"end", {}, "T"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
-        parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, help, version});
+        parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, start, end,
+                           help, version});
     }
 };
 
@@ -50,6 +58,41 @@ bool readJobs(const QString& text, int cores, int* jobs)
         return false;
     *jobs = value == 0 ? qMax(cores, 1) : value;
     return true;
+}
+
+// Reads the value of --start or --end into `seconds`; the error, empty when it reads.
+QString readTimeOption(const QCommandLineParser& parser, const QCommandLineOption& option, const QString& name,
+                       double* seconds)
+{
+    const QString text = parser.value(option);
+    if (MapToolCommandLine::readTime(text, seconds))
+        return {};
+    return tr("Bad time '%1' for --%2: use seconds (90.5) or [hh:]mm:ss[.fff] (1:30.5).").arg(text, name);
+}
+
+// The time window and the mask; the error, empty when they read.
+QString readWindowAndMask(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    options.hasStart = parser.isSet(o.start);
+    options.hasEnd = parser.isSet(o.end);
+    if (options.hasStart) {
+        const QString error = readTimeOption(parser, o.start, QStringLiteral("start"), &options.start);
+        if (!error.isEmpty())
+            return error;
+    }
+    if (options.hasEnd) {
+        const QString error = readTimeOption(parser, o.end, QStringLiteral("end"), &options.end);
+        if (!error.isEmpty())
+            return error;
+    }
+    if (options.start > options.end)
+        return tr("--start %1 is after --end %2.").arg(parser.value(o.start), parser.value(o.end));
+    if (parser.isSet(o.mask)) {
+        options.maskPath = parser.value(o.mask);
+        if (options.maskPath.isEmpty())
+            return tr("The mask file name must not be empty.");
+    }
+    return {};
 }
 
 ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o, int cores)
@@ -74,6 +117,10 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     options.blur = !parser.isSet(o.noBlur);
     options.overwrite = parser.isSet(o.overwrite);
     options.quiet = parser.isSet(o.quiet);
+    options.data = parser.isSet(o.data);
+    const QString windowError = readWindowAndMask(parser, o, options);
+    if (!windowError.isEmpty())
+        return usageError(windowError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
@@ -105,6 +152,28 @@ ParsedCommandLine parse(const QStringList& arguments, int cores)
     return readValues(parser, options, cores);
 }
 
+bool readTime(const QString& text, double* seconds)
+{
+    static const QRegularExpression plain(QStringLiteral("^\\d+(\\.\\d+)?$"));
+    static const QRegularExpression clock(
+        QStringLiteral("^(?:(\\d+):([0-5]\\d):|(\\d+):)([0-5]?\\d(?:\\.\\d+)?)$"));
+    double value = 0.0;
+    if (plain.match(text).hasMatch()) {
+        value = text.toDouble();
+    } else {
+        const QRegularExpressionMatch match = clock.match(text);
+        if (!match.hasMatch())
+            return false;
+        const double hours = match.captured(1).toDouble();
+        const double minutes = match.captured(2).isEmpty() ? match.captured(3).toDouble() : match.captured(2).toDouble();
+        value = hours * 3600.0 + minutes * 60.0 + match.captured(4).toDouble();
+    }
+    if (!std::isfinite(value) || value < 0.0)
+        return false;
+    *seconds = value;
+    return true;
+}
+
 QString versionText()
 {
     return QStringLiteral("tremora-map %1").arg(QString::fromLatin1(Version::version));
@@ -131,6 +200,17 @@ Options:
                         PNG, NAME.background.png.
       --no-blur         Compare the frames without smoothing them first (and
                         with the threshold 40 instead of 20).
+      --data            Also write the exact data behind each map:
+                        NAME.events.png (16-bit events per pixel, no wrap),
+                        NAME.background.png, NAME.activity.csv (one row per
+                        frame pair: pair,time_s,moving_pixels,new_events) and
+                        the manifest NAME.json.
+      --mask FILE       Analyse only the light parts of the picture FILE;
+                        its dark parts (luma below 128) are ignored. Scaled to
+                        each video's size when it differs.
+      --start T         Analyse from time T on (seconds, or [hh:]mm:ss[.fff]),
+                        seeking to the key frame before it.
+      --end T           Analyse up to time T.
       --overwrite       Replace output files that exist already.
   -q, --quiet           Print no progress and no per-file messages. Errors are
                         still printed.
@@ -147,7 +227,10 @@ Output files:
   before any analysis: the later one is reported and not analysed.
   Every file is written under a temporary name and renamed into place when
   complete, so a failed or interrupted write leaves no partial file.
-  A video without a single frame gives a black map.
+  A video without a single frame gives a black map, as does a --start after
+  the end of the video.
+  With --data, the manifest NAME.json is written last, also for an input that
+  failed or was canceled; man tremora-map describes every data file.
 
 Progress (on standard error):
   On a terminal, one line per running file with its percentage, and the
@@ -163,7 +246,9 @@ Exit status:
          Can't save image file '...'
        or one of its files exists, or an earlier input writes the same file.
        The other inputs are processed all the same.
-  2    Usage error: unknown option, missing or bad value, no VIDEO.
+  2    Usage error: unknown option, missing or bad value (a malformed time,
+       --start after --end, a mask that cannot be read), no VIDEO. Nothing
+       is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second
        signal ends the program at once.
@@ -172,6 +257,7 @@ Examples:
   tremora-map clip.mp4
   tremora-map --format jpg --output-dir maps *.mp4
   tremora-map --jobs 0 --counts --background -o out camera1/*.mkv
+  tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <limits>
+
 // What one run of tremora-map was asked to do, as read from its command line.
 struct MapToolOptions {
     QStringList videos;   // in the order given
@@ -14,6 +16,14 @@ struct MapToolOptions {
     bool blur = true;
     bool overwrite = false;
     bool quiet = false;
+    // --data: the exact counts, the background, the activity and a manifest besides the map.
+    bool data = false;
+    QString maskPath;     // empty: every pixel is analysed
+    // The time window, in seconds from each video's start.
+    double start = 0.0;
+    double end = std::numeric_limits<double>::infinity();
+    bool hasStart = false;
+    bool hasEnd = false;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.
@@ -41,5 +51,10 @@ QString helpText();
 
 // "tremora-map 1.0.8".
 QString versionText();
+
+// A time as --start and --end take it: seconds ("90", "90.5") or [hh:]mm:ss[.fff] ("1:30",
+// "01:01:30.250"), minutes and seconds below 60 where a larger unit comes before them.
+// False for anything else, and for negative or non-finite values. Reentrant.
+bool readTime(const QString& text, double* seconds);
 
 } // namespace MapToolCommandLine

@@ -30,13 +30,19 @@ bool existsOrDangles(const QString& path)
 PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
 {
     const QDir folder(OutputPlan::outputFolder(video, options.outputDir));
+    const auto pathOf = [&](const QString& name) { return QDir::cleanPath(folder.absoluteFilePath(name)); };
     PlannedInput input;
     input.video = video;
-    input.mapPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::mapFileName(video, options.format)));
+    input.mapPath = pathOf(OutputPlan::mapFileName(video, options.format));
     if (options.counts)
-        input.countsPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::countsFileName(video)));
-    if (options.background)
-        input.backgroundPath = QDir::cleanPath(folder.absoluteFilePath(OutputPlan::backgroundFileName(video)));
+        input.countsPath = pathOf(OutputPlan::countsFileName(video));
+    if (options.background || options.data)
+        input.backgroundPath = pathOf(OutputPlan::backgroundFileName(video));
+    if (options.data) {
+        input.eventsPath = pathOf(OutputPlan::eventsFileName(video));
+        input.activityPath = pathOf(OutputPlan::activityFileName(video));
+        input.manifestPath = pathOf(OutputPlan::manifestFileName(video));
+    }
     return input;
 }
 
@@ -86,11 +92,11 @@ QString existingOutputOf(const PlannedInput& input)
 
 QStringList PlannedInput::outputs() const
 {
-    QStringList paths{mapPath};
-    if (!countsPath.isEmpty())
-        paths << countsPath;
-    if (!backgroundPath.isEmpty())
-        paths << backgroundPath;
+    QStringList paths;
+    for (const QString& path : {mapPath, countsPath, eventsPath, backgroundPath, activityPath, manifestPath}) {
+        if (!path.isEmpty())
+            paths << path;
+    }
     return paths;
 }
 
@@ -109,6 +115,21 @@ QString countsFileName(const QString& video)
 QString backgroundFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".background.png");
+}
+
+QString eventsFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".events.png");
+}
+
+QString activityFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".activity.csv");
+}
+
+QString manifestFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".json");
 }
 
 QString outputFolder(const QString& video, const QString& outputDir)

@@ -13,10 +13,14 @@ struct PlannedInput {
     QString video;           // as given on the command line
     QString mapPath;         // absolute, clean paths
     QString countsPath;      // empty unless --counts
-    QString backgroundPath;  // empty unless --background
+    QString backgroundPath;  // empty unless --background or --data
+    QString eventsPath;      // the next three empty unless --data
+    QString activityPath;
+    QString manifestPath;
     QString error;           // non-empty: this input is not analysed; the text says why
 
-    // The files of this input in the order they are written: map, counts, background.
+    // The files of this input in the order they are written: map, counts, events,
+    // background, activity, manifest (last, so that a manifest names only complete files).
     QStringList outputs() const;
 };
 
@@ -30,6 +34,11 @@ QString mapFileName(const QString& video, const QString& extension);
 // "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).
 QString countsFileName(const QString& video);
 QString backgroundFileName(const QString& video);
+
+// The files of --data beside the map: "clip.events.png", "clip.activity.csv", "clip.json".
+QString eventsFileName(const QString& video);
+QString activityFileName(const QString& video);
+QString manifestFileName(const QString& video);
 
 // The folder of `video`'s outputs: `outputDir` when given, else the video's own folder.
 QString outputFolder(const QString& video, const QString& outputDir);

@@ -11,6 +11,7 @@ TREMORA_PACKAGES=(
   ffmpeg
   fonts-dejavu-core
   time
+  python3 python3-jsonschema python3-numpy python3-pil
 )
 
 # Installs whatever of the list is missing; prints nothing when everything is present.

@@ -2,6 +2,8 @@
 
 #include <QtTest>
 
+#include <cmath>
+
 namespace {
 
 constexpr int kCores = 6;
@@ -32,6 +34,15 @@ private slots:
     void unknownOptionIsAnErrorEvenBesideHelp();
     void helpTextDocumentsEveryOptionTheNamingAndTheExitStatus();
     void versionTextNamesToolAndVersion();
+    void dataMaskAndWindowAreRead();
+    void withoutTheNewOptionsNothingChanges();
+    void timesAreReadAsSecondsOrClockTimes_data();
+    void timesAreReadAsSecondsOrClockTimes();
+    void malformedTimesAreRefused_data();
+    void malformedTimesAreRefused();
+    void badTimeOptionsAreUsageErrorsNamingOptionAndValue_data();
+    void badTimeOptionsAreUsageErrorsNamingOptionAndValue();
+    void startEqualToEndIsAnEmptyWindowNotAnError();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -127,6 +138,10 @@ void MapToolOptionsTest::usageErrorsAreRefused_data()
     QTest::newRow("jobs empty") << QStringList{"--jobs=", "clip.mp4"};
     QTest::newRow("output dir empty") << QStringList{"--output-dir=", "clip.mp4"};
     QTest::newRow("no-blur with a value") << QStringList{"--no-blur=yes", "clip.mp4"};
+    QTest::newRow("mask without value") << QStringList{"clip.mp4", "--mask"};
+    QTest::newRow("mask empty") << QStringList{"--mask=", "clip.mp4"};
+    QTest::newRow("start without value") << QStringList{"clip.mp4", "--start"};
+    QTest::newRow("data with a value") << QStringList{"--data=yes", "clip.mp4"};
 }
 
 void MapToolOptionsTest::usageErrorsAreRefused()
@@ -170,7 +185,8 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     const QString help = MapToolCommandLine::helpText();
     QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
-                               "--no-blur", "--overwrite", "--quiet", "--help", "--version"})
+                               "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
+                               "--mask FILE", "--start T", "--end T"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
@@ -183,6 +199,97 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
 void MapToolOptionsTest::versionTextNamesToolAndVersion()
 {
     QCOMPARE(MapToolCommandLine::versionText(), QStringLiteral("tremora-map 1.0.8"));
+}
+
+
+void MapToolOptionsTest::dataMaskAndWindowAreRead()
+{
+    const ParsedCommandLine parsed = parse({"--data", "--mask", "m.png", "--start", "1:30", "--end=3600", "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    const MapToolOptions& o = parsed.options;
+    QVERIFY(o.data);
+    QCOMPARE(o.maskPath, QStringLiteral("m.png"));
+    QVERIFY(o.hasStart);
+    QVERIFY(o.hasEnd);
+    QCOMPARE(o.start, 90.0);
+    QCOMPARE(o.end, 3600.0);
+}
+
+void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
+{
+    const MapToolOptions o = parse({"a.mp4"}).options;
+    QVERIFY(!o.data);
+    QVERIFY(o.maskPath.isEmpty());
+    QVERIFY(!o.hasStart);
+    QVERIFY(!o.hasEnd);
+    QCOMPARE(o.start, 0.0);
+    QVERIFY(std::isinf(o.end));
+}
+
+void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<double>("seconds");
+    QTest::newRow("whole seconds") << "90" << 90.0;
+    QTest::newRow("zero") << "0" << 0.0;
+    QTest::newRow("fraction") << "12.25" << 12.25;
+    QTest::newRow("minutes and seconds") << "1:30" << 90.0;
+    QTest::newRow("minutes and seconds with fraction") << "01:30.5" << 90.5;
+    QTest::newRow("many minutes") << "90:00" << 5400.0;
+    QTest::newRow("hours") << "1:02:03" << 3723.0;
+    QTest::newRow("hours with milliseconds") << "10:00:00.250" << 36000.25;
+    QTest::newRow("beyond a day") << "30:00:00" << 108000.0;
+}
+
+void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes()
+{
+    QFETCH(QString, text);
+    QFETCH(double, seconds);
+    double read = -1.0;
+    QVERIFY(MapToolCommandLine::readTime(text, &read));
+    QCOMPARE(read, seconds);
+}
+
+void MapToolOptionsTest::malformedTimesAreRefused_data()
+{
+    QTest::addColumn<QString>("text");
+    for (const char* text : {"", "-5", "+5", "1e3", "abc", "1:60", "1:2:3:4", "1:60:00", "1:5x", ":30", "1:", "1.5:00",
+                             " 5", "5 ", "inf", "nan", "1,5", "12.", ".5"})
+        QTest::newRow(qPrintable(QStringLiteral("'%1'").arg(QString::fromLatin1(text)))) << QString::fromLatin1(text);
+}
+
+void MapToolOptionsTest::malformedTimesAreRefused()
+{
+    QFETCH(QString, text);
+    double read = -1.0;
+    QVERIFY(!MapToolCommandLine::readTime(text, &read));
+    QCOMPARE(read, -1.0);
+}
+
+void MapToolOptionsTest::badTimeOptionsAreUsageErrorsNamingOptionAndValue_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QStringList>("named");
+    QTest::newRow("bad start") << QStringList{"--start", "soon", "a.mp4"} << QStringList{"--start", "soon"};
+    QTest::newRow("bad end") << QStringList{"--end", "1:75", "a.mp4"} << QStringList{"--end", "1:75"};
+    QTest::newRow("start after end") << QStringList{"--start", "20", "--end", "0:10", "a.mp4"}
+                                     << QStringList{"--start", "20", "--end", "0:10"};
+}
+
+void MapToolOptionsTest::badTimeOptionsAreUsageErrorsNamingOptionAndValue()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QStringList, named);
+    const ParsedCommandLine parsed = parse(arguments);
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+    for (const QString& word : named)
+        QVERIFY2(parsed.error.contains(word), qPrintable(parsed.error));
+}
+
+void MapToolOptionsTest::startEqualToEndIsAnEmptyWindowNotAnError()
+{
+    QCOMPARE(parse({"--start", "5", "--end", "0:05", "a.mp4"}).action, ParsedCommandLine::Action::Run);
 }
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)

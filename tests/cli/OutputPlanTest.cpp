@@ -45,6 +45,9 @@ private slots:
     void collisionIsFoundThroughALinkedFolder();
     void mapThatWouldReplaceAVideoIsRefused();
     void planningWritesNothing();
+    void dataPlansEventsBackgroundActivityAndManifestManifestLast();
+    void anExistingManifestStopsTheInputWithoutOverwrite();
+    void dataFilesOfTwoInputsCollideLikeMaps();
 
 private:
     QTemporaryDir m_dir;
@@ -140,6 +143,40 @@ void OutputPlanTest::extraFilesArePlannedOnlyWhenAsked()
     QCOMPARE(all.countsPath, path("clip.counts.png"));
     QCOMPARE(all.backgroundPath, path("clip.background.png"));
     QCOMPARE(all.outputs(), (QStringList{path("clip.png"), path("clip.counts.png"), path("clip.background.png")}));
+}
+
+void OutputPlanTest::dataPlansEventsBackgroundActivityAndManifestManifestLast()
+{
+    MapToolOptions options = optionsFor({path("clip.part1.mp4")});
+    options.data = true;
+    options.counts = true;
+    const PlannedInput input = OutputPlan::plan(options).front();
+    QCOMPARE(input.eventsPath, path("clip.events.png"));
+    QCOMPARE(input.backgroundPath, path("clip.background.png"));
+    QCOMPARE(input.activityPath, path("clip.activity.csv"));
+    QCOMPARE(input.manifestPath, path("clip.json"));
+    QCOMPARE(input.outputs(), (QStringList{path("clip.png"), path("clip.counts.png"), path("clip.events.png"),
+                                           path("clip.background.png"), path("clip.activity.csv"), path("clip.json")}));
+}
+
+void OutputPlanTest::anExistingManifestStopsTheInputWithoutOverwrite()
+{
+    QVERIFY(touch(path("a.json")));
+    MapToolOptions options = optionsFor({path("a.mp4")});
+    QVERIFY(OutputPlan::plan(options).front().error.isEmpty());
+    options.data = true;
+    QVERIFY(OutputPlan::plan(options).front().error.contains(path("a.json")));
+    options.overwrite = true;
+    QVERIFY(OutputPlan::plan(options).front().error.isEmpty());
+}
+
+void OutputPlanTest::dataFilesOfTwoInputsCollideLikeMaps()
+{
+    MapToolOptions options = optionsFor({path("a.mp4"), path("a.mkv")});
+    options.data = true;
+    const std::vector<PlannedInput> plan = OutputPlan::plan(options);
+    QVERIFY(plan[0].error.isEmpty());
+    QVERIFY(!plan[1].error.isEmpty());
 }
 
 void OutputPlanTest::existingMapStopsTheInputWithoutOverwrite()

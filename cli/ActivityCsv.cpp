@@ -1,0 +1,52 @@
+#include "ActivityCsv.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+} // namespace
+
+ActivityCsv::ActivityCsv(const QString& path)
+    : m_path(path)
+    , m_file(path)
+{
+    // A table that cannot be started says so in commit().
+    if (m_file.open(QIODevice::WriteOnly))
+        m_file.write(kHeader);
+}
+
+void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
+{
+    // Microseconds: finer than any frame interval. QByteArray's numbers ignore the locale, so
+    // the decimal point is a point on every machine.
+    QByteArray row = QByteArray::number(record.pair);
+    row += ',';
+    row += QByteArray::number(record.time, 'f', 6);
+    row += ',';
+    row += QByteArray::number(static_cast<qint64>(record.movingPixels));
+    row += ',';
+    row += QByteArray::number(static_cast<qint64>(record.newEvents));
+    row += '\n';
+    if (m_file.isOpen())
+        m_file.write(row);
+    m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
+}
+
+QString ActivityCsv::commit(bool overwrite)
+{
+    const QFileInfo target(m_path);
+    if (!overwrite && (target.exists() || target.isSymLink())) {
+        m_file.cancelWriting();
+        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(m_path);
+    }
+    if (!m_file.isOpen() || !m_file.commit())
+        return tr("Can't save file '%1'").arg(m_path);
+    return {};
+}

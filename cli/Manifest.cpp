@@ -1,0 +1,190 @@
+#include "Manifest.h"
+
+#include "MotionCounter.h"
+#include "Version.h"
+
+#include <QCoreApplication>
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSaveFile>
+
+#include <opencv2/core.hpp>
+
+#include <cmath>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+// Times of files in UTC with milliseconds, as ISO 8601.
+QString isoTime(const QDateTime& time)
+{
+    return time.toUTC().toString(Qt::ISODateWithMs);
+}
+
+QJsonValue orNull(const QString& text)
+{
+    return text.isEmpty() ? QJsonValue() : QJsonValue(text);
+}
+
+QJsonValue finiteOrNull(double value)
+{
+    return std::isfinite(value) && value >= 0.0 ? QJsonValue(value) : QJsonValue();
+}
+
+QString outcomeName(Manifest::Outcome outcome)
+{
+    switch (outcome) {
+    case Manifest::Outcome::Done:
+        return QStringLiteral("done");
+    case Manifest::Outcome::Failed:
+        return QStringLiteral("failed");
+    case Manifest::Outcome::Canceled:
+        return QStringLiteral("canceled");
+    }
+    return {};
+}
+
+QJsonObject inputOf(const PlannedInput& input)
+{
+    const QFileInfo video(input.video);
+    return {
+        {"path", video.absoluteFilePath()},
+        {"size_bytes", static_cast<double>(video.size())},
+        {"modified", isoTime(video.lastModified())},
+    };
+}
+
+QJsonObject videoOf(const VideoInfo& info)
+{
+    return {
+        {"container", orNull(QString::fromStdString(info.container))},
+        {"codec", orNull(QString::fromStdString(info.codec))},
+        {"width", info.width},
+        {"height", info.height},
+        {"frame_rate", finiteOrNull(info.frameRate > 0.0 ? info.frameRate : -1.0)},
+        {"duration_s", finiteOrNull(info.duration)},
+        {"creation_time", orNull(QString::fromStdString(info.creationTime))},
+    };
+}
+
+QJsonObject parametersOf(const MapToolOptions& options)
+{
+    return {
+        {"blur", options.blur},
+        {"threshold", options.blur ? MotionCounter::kThresholdBlurred : MotionCounter::kThresholdSharp},
+        {"new_event_gap_pairs", MotionCounter::kNewEventGap},
+        {"learning_pairs", MotionPass::kLearningPairs},
+        {"mask", options.maskPath.isEmpty() ? QJsonValue() : QJsonValue(QFileInfo(options.maskPath).absoluteFilePath())},
+        {"window",
+         QJsonObject{
+             {"start_s", options.hasStart ? QJsonValue(options.start) : QJsonValue()},
+             {"end_s", options.hasEnd ? QJsonValue(options.end) : QJsonValue()},
+         }},
+    };
+}
+
+QString roleOf(const PlannedInput& input, const QString& path)
+{
+    if (path == input.mapPath)
+        return QStringLiteral("map");
+    if (path == input.countsPath)
+        return QStringLiteral("counts");
+    if (path == input.eventsPath)
+        return QStringLiteral("events");
+    if (path == input.backgroundPath)
+        return QStringLiteral("background");
+    return QStringLiteral("activity");
+}
+
+QString sha256Of(const QString& path)
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+        return {};
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+// Named relative to the manifest, which lies beside them, so that a folder of results can be
+// moved as a whole.
+QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
+{
+    QJsonArray files;
+    for (const QString& path : written) {
+        const QFileInfo info(path);
+        files.append(QJsonObject{
+            {"role", roleOf(input, path)},
+            {"name", info.fileName()},
+            {"size_bytes", static_cast<double>(info.size())},
+            {"sha256", sha256Of(path)},
+        });
+    }
+    return files;
+}
+
+QJsonObject summaryOf(const MotionPassFacts& facts, std::int64_t pairsWithMotion)
+{
+    const cv::Mat& events = facts.exactCounts;
+    double largest = 0.0;
+    double pixelShare = 0.0;
+    if (!events.empty()) {
+        cv::minMaxLoc(events, nullptr, &largest);
+        pixelShare = static_cast<double>(cv::countNonZero(events)) / static_cast<double>(events.total());
+    }
+    const double pairShare =
+        facts.pairsAnalysed > 0 ? static_cast<double>(pairsWithMotion) / facts.pairsAnalysed : 0.0;
+    return {
+        {"pixels_with_events_share", pixelShare},
+        {"max_events", largest},
+        {"pairs_with_motion_share", pairShare},
+        {"events_total", events.empty() ? 0.0 : cv::sum(events)[0]},
+    };
+}
+
+} // namespace
+
+namespace Manifest {
+
+QJsonObject build(const Content& content)
+{
+    const MotionPassFacts& facts = *content.facts;
+    QJsonObject outcome{{"status", outcomeName(content.outcome)}};
+    if (content.outcome == Outcome::Failed)
+        outcome.insert("error", content.error);
+    return {
+        {"format", QStringLiteral("tremora-map data")},
+        {"format_version", kFormatVersion},
+        {"tool", QStringLiteral("tremora-map")},
+        {"tool_version", QString::fromLatin1(Version::version)},
+        {"input", inputOf(*content.input)},
+        {"video", videoOf(facts.video)},
+        {"frames_decoded", static_cast<double>(facts.framesDecoded)},
+        {"pairs_analysed", facts.pairsAnalysed},
+        {"parameters", parametersOf(*content.options)},
+        {"outcome", outcome},
+        {"files", filesOf(*content.input, content.written)},
+        {"summary", summaryOf(facts, content.pairsWithMotion)},
+    };
+}
+
+QString write(const QString& path, const QJsonObject& manifest, bool overwrite)
+{
+    const QFileInfo target(path);
+    if (!overwrite && (target.exists() || target.isSymLink()))
+        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(manifest).toJson(QJsonDocument::Indented)) < 0
+        || !file.commit())
+        return tr("Can't save file '%1'").arg(path);
+    return {};
+}
+
+} // namespace Manifest

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "MapToolOptions.h"
+#include "MotionPass.h"
+#include "OutputPlan.h"
+
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+
+// NAME.json: what another program needs to rely on the files of one video written with
+// --data: the input, the video, the parameters, the outcome, the files with their sizes and
+// checksums, and summary figures. Its form is fixed by cli/manifest.schema.json; a change
+// that breaks a reader of that form raises kFormatVersion.
+namespace Manifest {
+
+constexpr int kFormatVersion = 1;
+
+enum class Outcome { Done, Failed, Canceled };
+
+struct Content {
+    const PlannedInput* input = nullptr;
+    const MapToolOptions* options = nullptr;
+    const MotionPassFacts* facts = nullptr;
+    Outcome outcome = Outcome::Done;
+    QString error;            // with Outcome::Failed
+    QStringList written;      // the files of this input that are in place, in the order written
+    std::int64_t pairsWithMotion = 0;
+};
+
+// The manifest as JSON. Reads the input video's and the written files' attributes, and the
+// written files themselves for their checksums. Reentrant.
+QJsonObject build(const Content& content);
+
+// Writes `manifest` to `path` under a temporary name renamed into place, replacing an
+// existing file only with `overwrite`. The error, empty on success. Reentrant.
+QString write(const QString& path, const QJsonObject& manifest, bool overwrite);
+
+} // namespace Manifest
