@@ -715,6 +715,36 @@ private slots:
         }
     }
 
+    void pairTimesOfAClipWithoutTimestampsCountFramesAtItsRate()
+    {
+        // A raw H.264 stream carries no timestamps at all, only its frame rate.
+        const QString path = m_dir.filePath("untimed.h264");
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=20", "-frames:v", "40", "-c:v",
+                                        "libx264", "-bf", "0", "-f", "h264", path}));
+        {
+            MpegReader reader;
+            QVERIFY(reader.open(path.toUtf8().constData()));
+            const std::unique_ptr<MpegFrame> first(reader.read(true));
+            QVERIFY(first && !first->m_hasPresentationTime);
+        }
+        const DetailedPass pass = runDetailedPass(path, {});
+        QCOMPARE(int(pass.records.size()), 39);
+        for (const auto& record : pass.records)
+            QVERIFY2(std::abs(record.time - (record.pair + 1) / 20.0) < 1e-9, qPrintable(QString::number(record.time)));
+    }
+
+    void aWindowOnAClipWithoutTimestampsCountsFramesToReachIt()
+    {
+        const QString path = m_dir.filePath("untimed-window.h264");
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=20", "-frames:v", "60", "-c:v",
+                                        "libx264", "-bf", "0", "-f", "h264", path}));
+        // Frames 20 (1 s) to 39 lie in the window.
+        const DetailedPass pass = runDetailedPass(path, windowSettings(0.99, 1.99));
+        QCOMPARE(int(pass.records.size()), 19);
+        QVERIFY(std::abs(pass.records.front().time - 21 / 20.0) < 1e-9);
+        QCOMPARE(pass.facts.framesDecoded, std::int64_t{41});
+    }
+
     void detailsAreNotReportedUnlessAskedFor()
     {
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 20, 5);
