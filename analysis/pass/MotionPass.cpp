@@ -292,8 +292,6 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
                    MotionPassHooks& hooks, Timeline& timeline, MotionPassFacts& facts)
 {
     resetMaps(size, motionCount, background);
-    if (settings.detailed)
-        facts.exactCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     hooks.started();
     if (hooks.cancelRequested() || !firstFrame)
         return;
@@ -336,6 +334,9 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, int running
     try {
         analyseFrames(reader, std::move(firstFrame), size, runningPasses, settings, motionCount, background, hooks,
                       timeline, facts);
+        // A pass that counted no pair has counted no event, at the video's size like its map.
+        if (settings.detailed && facts.exactCounts.empty())
+            facts.exactCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     } catch (const std::exception&) {
     }
     facts.framesDecoded = timeline.framesDecoded;

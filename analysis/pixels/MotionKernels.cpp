@@ -41,9 +41,10 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
-// countPixel with a mask and the exact count; `moving` and `newEvent` say what happened.
-inline void countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count, uint16_t& events,
-                               uint8_t mask, uint8_t threshold, uint32_t& moving, uint32_t& newEvents)
+// countPixel with a mask and the exact count; returns 1 for a new event, else 0. A pixel
+// that moved is left with `quiet` at 0, which is how the row's moving pixels are counted.
+inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
+                                  uint16_t& events, uint8_t mask, uint8_t threshold)
 {
     const uint8_t before = previous;
     const uint8_t high = current > before ? current : before;
@@ -51,14 +52,13 @@ inline void countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quie
     const uint8_t difference = static_cast<uint8_t>(high - low);
     const bool moved = (difference > threshold) & (mask != 0);
     const uint8_t wasQuiet = quiet;
-    const bool newEvent = moved & (wasQuiet == kQuietForNewEvent);
-    count = static_cast<uint8_t>(count + static_cast<uint8_t>(newEvent));
+    const uint8_t newEvent = static_cast<uint8_t>(moved & (wasQuiet == kQuietForNewEvent));
+    count = static_cast<uint8_t>(count + newEvent);
     events = static_cast<uint16_t>(events + static_cast<uint16_t>(newEvent & (events != 0xFFFF)));
     const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
     quiet = moved ? uint8_t{0} : older;
     previous = current;
-    moving += moved;
-    newEvents += newEvent;
+    return newEvent;
 }
 
 // The loop bodies, inlined into one copy per instruction set below.
@@ -97,30 +97,80 @@ TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t*
         countPixel(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], threshold);
 }
 
-TREMORA_KERNEL RowTally countDetailed(const uint8_t* __restrict current, uint8_t* __restrict previous,
-                                      uint8_t* __restrict quiet, uint8_t* __restrict counts,
-                                      uint16_t* __restrict events, const uint8_t* __restrict mask, int width,
-                                      uint8_t threshold)
+// Counting and tallying in one loop does not vectorise; so the rows are counted in blocks,
+// each block's new events noted in a small buffer, and the block then tallied in loops of
+// their own, while it is still in the cache.
+constexpr int kTallyBlock = 512;
+
+TREMORA_KERNEL uint32_t zerosIn(const uint8_t* __restrict bytes, int width)
 {
-    uint32_t moving = 0;
-    uint32_t newEvents = 0;
+    uint32_t zeros = 0;
     for (int x = 0; x < width; ++x)
-        countPixelDetailed(current[x], previous[x], quiet[x], counts[x], events[x], mask[x], threshold, moving,
-                           newEvents);
-    return {moving, newEvents};
+        zeros += bytes[x] == 0 ? 1u : 0u;
+    return zeros;
 }
 
-TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
-                                             uint8_t* __restrict quiet, uint8_t* __restrict counts,
-                                             uint16_t* __restrict events, const uint8_t* __restrict mask, int width,
+TREMORA_KERNEL uint32_t sumOf(const uint8_t* __restrict bytes, int width)
+{
+    uint32_t sum = 0;
+    for (int x = 0; x < width; ++x)
+        sum += bytes[x];
+    return sum;
+}
+
+TREMORA_KERNEL void countBlock(const uint8_t* __restrict current, uint8_t* __restrict previous,
+                               uint8_t* __restrict quiet, uint8_t* __restrict counts, uint16_t* __restrict events,
+                               const uint8_t* __restrict mask, uint8_t* __restrict fresh, int width, uint8_t threshold)
+{
+    // The rows never overlap, but once inlined the compiler no longer knows it.
+#pragma GCC ivdep
+    for (int x = 0; x < width; ++x)
+        fresh[x] = countPixelDetailed(current[x], previous[x], quiet[x], counts[x], events[x], mask[x], threshold);
+}
+
+TREMORA_KERNEL void countBlurredBlock(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
+                                      uint8_t* __restrict quiet, uint8_t* __restrict counts,
+                                      uint16_t* __restrict events, const uint8_t* __restrict mask,
+                                      uint8_t* __restrict fresh, int width, uint8_t threshold)
+{
+#pragma GCC ivdep
+    for (int x = 0; x < width; ++x)
+        fresh[x] = countPixelDetailed(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], events[x],
+                                      mask[x], threshold);
+}
+
+// Runs `countBlock(offset, width, fresh)` over the row block by block and tallies each.
+template <typename CountBlock>
+TREMORA_KERNEL RowTally tallyBlocks(const uint8_t* quiet, int width, const CountBlock& countBlock)
+{
+    alignas(32) uint8_t fresh[kTallyBlock];
+    RowTally tally;
+    for (int offset = 0; offset < width; offset += kTallyBlock) {
+        const int block = width - offset < kTallyBlock ? width - offset : kTallyBlock;
+        countBlock(offset, block, fresh);
+        tally.moving += zerosIn(quiet + offset, block);
+        tally.newEvents += sumOf(fresh, block);
+    }
+    return tally;
+}
+
+TREMORA_KERNEL RowTally countDetailed(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
+                                      uint16_t* events, const uint8_t* mask, int width, uint8_t threshold)
+{
+    return tallyBlocks(quiet, width, [&](int offset, int block, uint8_t* fresh) {
+        countBlock(current + offset, previous + offset, quiet + offset, counts + offset, events + offset,
+                   mask + offset, fresh, block, threshold);
+    });
+}
+
+TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet,
+                                             uint8_t* counts, uint16_t* events, const uint8_t* mask, int width,
                                              uint8_t threshold)
 {
-    uint32_t moving = 0;
-    uint32_t newEvents = 0;
-    for (int x = 0; x < width; ++x)
-        countPixelDetailed(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], events[x], mask[x],
-                           threshold, moving, newEvents);
-    return {moving, newEvents};
+    return tallyBlocks(quiet, width, [&](int offset, int block, uint8_t* fresh) {
+        countBlurredBlock(columnSums + offset, previous + offset, quiet + offset, counts + offset, events + offset,
+                          mask + offset, fresh, block, threshold);
+    });
 }
 
 #undef TREMORA_KERNEL
