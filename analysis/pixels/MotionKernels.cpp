@@ -102,6 +102,16 @@ TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t*
 // their own, while it is still in the cache.
 constexpr int kTallyBlock = 512;
 
+// The rows a loop reads and writes never overlap, but once the loop is inlined through the
+// block lambdas the compiler no longer knows it, and would not vectorise it.
+#if defined(__clang__)
+#define TREMORA_ROWS_APART _Pragma("clang loop vectorize(assume_safety)")
+#elif defined(__GNUC__)
+#define TREMORA_ROWS_APART _Pragma("GCC ivdep")
+#else
+#define TREMORA_ROWS_APART
+#endif
+
 TREMORA_KERNEL uint32_t zerosIn(const uint8_t* __restrict bytes, int width)
 {
     uint32_t zeros = 0;
@@ -122,8 +132,7 @@ TREMORA_KERNEL void countBlock(const uint8_t* __restrict current, uint8_t* __res
                                uint8_t* __restrict quiet, uint8_t* __restrict counts, uint16_t* __restrict events,
                                const uint8_t* __restrict mask, uint8_t* __restrict fresh, int width, uint8_t threshold)
 {
-    // The rows never overlap, but once inlined the compiler no longer knows it.
-#pragma GCC ivdep
+    TREMORA_ROWS_APART
     for (int x = 0; x < width; ++x)
         fresh[x] = countPixelDetailed(current[x], previous[x], quiet[x], counts[x], events[x], mask[x], threshold);
 }
@@ -133,7 +142,7 @@ TREMORA_KERNEL void countBlurredBlock(const uint16_t* __restrict columnSums, uin
                                       uint16_t* __restrict events, const uint8_t* __restrict mask,
                                       uint8_t* __restrict fresh, int width, uint8_t threshold)
 {
-#pragma GCC ivdep
+    TREMORA_ROWS_APART
     for (int x = 0; x < width; ++x)
         fresh[x] = countPixelDetailed(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], events[x],
                                       mask[x], threshold);
@@ -173,6 +182,7 @@ TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* columnSums, uint8_t
     });
 }
 
+#undef TREMORA_ROWS_APART
 #undef TREMORA_KERNEL
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
