@@ -289,6 +289,17 @@ private:
         return path;
     }
 
+    // A raw H.264 stream of `frames` frames at 20 a second: it carries no timestamps at all,
+    // only its frame rate. Empty when it cannot be made.
+    QString untimedClip(const QString& name, int frames)
+    {
+        const QString path = m_dir.filePath(name);
+        const bool made = TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=20", "-frames:v",
+                                                  QString::number(frames), "-c:v", "libx264", "-bf", "0", "-f", "h264",
+                                                  path});
+        return made ? path : QString();
+    }
+
 private slots:
     void initTestCase() { QVERIFY(m_dir.isValid()); }
 
@@ -717,10 +728,8 @@ private slots:
 
     void pairTimesOfAClipWithoutTimestampsCountFramesAtItsRate()
     {
-        // A raw H.264 stream carries no timestamps at all, only its frame rate.
-        const QString path = m_dir.filePath("untimed.h264");
-        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=20", "-frames:v", "40", "-c:v",
-                                        "libx264", "-bf", "0", "-f", "h264", path}));
+        const QString path = untimedClip("untimed.h264", 40);
+        QVERIFY(!path.isEmpty());
         {
             MpegReader reader;
             QVERIFY(reader.open(path.toUtf8().constData()));
@@ -735,9 +744,8 @@ private slots:
 
     void aWindowOnAClipWithoutTimestampsCountsFramesToReachIt()
     {
-        const QString path = m_dir.filePath("untimed-window.h264");
-        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=64x48:rate=20", "-frames:v", "60", "-c:v",
-                                        "libx264", "-bf", "0", "-f", "h264", path}));
+        const QString path = untimedClip("untimed-window.h264", 60);
+        QVERIFY(!path.isEmpty());
         // Frames 20 (1 s) to 39 lie in the window.
         const DetailedPass pass = runDetailedPass(path, windowSettings(0.99, 1.99));
         QCOMPARE(int(pass.records.size()), 19);
