@@ -4,53 +4,6 @@
 #include "MpegFrame.h"
 #include "RgbConverter.h"
 
-#include <chrono>
-
-namespace {
-
-// The process-wide model slot: taken by at most one learner at a time.
-class ModelSlot {
-public:
-    static ModelSlot& instance()
-    {
-        static ModelSlot slot;
-        return slot;
-    }
-
-    bool acquire(const std::function<bool()>& canceled)
-    {
-        constexpr std::chrono::milliseconds kPollInterval(20);
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (m_taken) {
-            if (m_freed.wait_for(lock, kPollInterval, [this] { return !m_taken; }))
-                break;
-            lock.unlock();
-            const bool giveUp = canceled && canceled();
-            lock.lock();
-            if (giveUp && m_taken)
-                return false;
-        }
-        m_taken = true;
-        return true;
-    }
-
-    void release()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_taken = false;
-        }
-        m_freed.notify_one();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_freed;
-    bool m_taken = false;
-};
-
-} // namespace
-
 AsyncBackgroundLearner::AsyncBackgroundLearner() = default;
 
 AsyncBackgroundLearner::~AsyncBackgroundLearner()
@@ -62,14 +15,10 @@ AsyncBackgroundLearner::~AsyncBackgroundLearner()
     finish();
 }
 
-bool AsyncBackgroundLearner::learn(const MpegFrame& frame, const std::function<bool()>& canceled)
+void AsyncBackgroundLearner::learn(const MpegFrame& frame)
 {
-    if (!m_holdsSlot) {
-        if (!ModelSlot::instance().acquire(canceled))
-            return false;
-        m_holdsSlot = true;
+    if (!m_learner)
         start();
-    }
     std::unique_ptr<RgbConverter> converter = takeFreeConverter();
     converter->convert(frame);
     {
@@ -80,7 +29,6 @@ bool AsyncBackgroundLearner::learn(const MpegFrame& frame, const std::function<b
             m_free.push_back(std::move(converter));
     }
     m_changed.notify_all();
-    return true;
 }
 
 std::unique_ptr<RgbConverter> AsyncBackgroundLearner::takeFreeConverter()
@@ -124,10 +72,6 @@ void AsyncBackgroundLearner::finish()
     m_free.clear();
     m_stopping = false;
     m_failure = nullptr;
-    if (m_holdsSlot) {
-        ModelSlot::instance().release();
-        m_holdsSlot = false;
-    }
 }
 
 int AsyncBackgroundLearner::learntFrames()

@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -20,10 +19,9 @@ class RgbConverter;
 // pass converts each frame to R,G,B itself, as it hands it over, so that the learner's own
 // thread does nothing but feed the model, and no decoded picture is kept.
 //
-// The model's state is large (up to 100 bytes a pixel, 200 MB for 1080p, where the scene
-// fills every mode), so at most one exists in the process at a time: a learner takes the
-// process-wide model slot before its first frame and gives it back in finish(). A pass whose learner waits for the slot
-// meanwhile does nothing, while the pass holding it uses the cores.
+// Every learner has a model of its own, so passes side by side learn at the same time. The
+// model's state is large (up to 100 bytes a pixel where the scene fills every mode, usually
+// far less), so it lives only from the first frame learnt to finish().
 //
 // All calls come from the one thread that runs the pass; the learner's own thread only
 // learns. Exceptions thrown by the model on the learning thread are thrown again to the
@@ -44,18 +42,15 @@ public:
     // Converts `frame` to R,G,B (RgbConverter) and queues the picture; the frame itself is
     // not kept. A frame that cannot be converted is queued as black or as an earlier picture,
     // so that the model's count of frames stays in step with the video; a frame without
-    // pixels is skipped. Before the first frame the model slot is taken; while
-    // another learner holds it, `canceled` is asked about every 20 ms, and a true answer
-    // gives up: the frame is not queued and the result is false. True once the frame is
-    // queued (or, having no pixels, skipped).
-    bool learn(const MpegFrame& frame, const std::function<bool()>& canceled);
+    // pixels is skipped. The first frame starts the model and its thread.
+    void learn(const MpegFrame& frame);
 
     // Waits until every queued frame has been learnt, then copies the model's background
     // (8-bit R,G,B) into `background`; leaves it as it is when no frame has been learnt.
     void fetchBackground(cv::Mat& background);
 
     // Waits until the queued frames are learnt, ends the thread, frees the model and the
-    // pictures and gives the slot back. Later calls of learn() start over with a new model;
+    // pictures. Later calls of learn() start over with a new model;
     // fetchBackground() then gives nothing until a frame has been learnt again.
     void finish();
 
@@ -82,5 +77,4 @@ private:
     std::exception_ptr m_failure;
     std::unique_ptr<BackgroundLearner> m_learner;
     std::thread m_thread;
-    bool m_holdsSlot = false;
 };

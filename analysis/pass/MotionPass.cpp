@@ -157,8 +157,7 @@ public:
             FramePtr current = readNextFrame(time);
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
-                if (!analysePair(std::move(current), pairIndex, time))
-                    return;
+                analysePair(std::move(current), pairIndex, time);
                 ++pairIndex;
             }
             refresh(pairIndex, endOfVideo);
@@ -187,19 +186,16 @@ private:
         return std::move(next.frame);
     }
 
-    // False when the pass was canceled while it waited to learn.
-    bool analysePair(FramePtr current, int pairIndex, double time)
+    void analysePair(FramePtr current, int pairIndex, double time)
     {
-        if (pairIndex < MotionPass::kLearningPairs
-            && !m_learner.learn(*current, [this] { return m_hooks.cancelRequested(); }))
-            return false;
+        if (pairIndex < MotionPass::kLearningPairs)
+            m_learner.learn(*current);
         m_counter.addFrame(viewOf(*current), m_motionCount);
         m_hooks.pairAnalysed();
         if (m_reportPairs) {
             const MotionCounter::PairActivity activity = m_counter.lastPair();
             m_hooks.pairCounted({pairIndex, time, activity.movingPixels, activity.newEvents});
         }
-        return true;
     }
 
     void refresh(int pairsDone, bool endOfVideo)

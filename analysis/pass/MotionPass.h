@@ -28,9 +28,8 @@ public:
     virtual ~MotionPassHooks() = default;
 
     // Polled once before the file is opened, once before the first pair, and once after
-    // every pair (after the refreshes); also about every 20 ms while the pass waits for the
-    // background model, which one pass at a time may hold (another pass is learning).
-    // Any true answer ends the pass as canceled.
+    // every pair (after the refreshes); with a time window, also once for every frame read
+    // on the way to its start. Any true answer ends the pass as canceled.
     virtual bool cancelRequested() = 0;
     // The matrices are set up (zeroed, at the video's size) and the loop is about to begin.
     virtual void started() = 0;
@@ -126,7 +125,7 @@ int readAheadDepthFor(cv::Size size, int runningPasses);
 // priority (and that of the threads it starts) is lowered below the decoder's, while the
 // calling thread waits; the calling thread's own priority is left as it was.
 // Blocks until the pass ends. Reentrant: passes over different matrices may run on several
-// threads at once; their background models take turns (see MotionPassHooks).
+// threads at once, each learning with a background model of its own.
 // `facts`, when given, is filled as far as the pass got.
 MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,
                       cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,

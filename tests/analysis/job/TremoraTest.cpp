@@ -17,9 +17,19 @@
 #include <QtTest>
 
 #include <opencv2/core.hpp>
+#include <opencv2/video/background_segm.hpp>
 
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace ClipMaking;
 
@@ -77,6 +87,104 @@ bool equal(const cv::Mat& a, const cv::Mat& b)
 {
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
 }
+
+// The background that the library's model at its defaults learns from the second to the
+// 101st frame of `path`.
+cv::Mat referenceBackgroundOfFile(const QString& path)
+{
+    MpegReader reader;
+    if (!reader.open(path.toUtf8().constData()))
+        return {};
+    cv::Ptr<cv::BackgroundSubtractorMOG2> model = cv::createBackgroundSubtractorMOG2();
+    cv::Mat mask, background;
+    std::unique_ptr<MpegFrame> frame(reader.read(true));
+    for (int i = 1; i <= 100; ++i) {
+        frame.reset(reader.read(true));
+        if (!frame)
+            break;
+        cv::Mat rgb(frame->height(), frame->width(), CV_8UC3);
+        frame->rgb24(rgb.data, static_cast<int>(rgb.step), rgb.cols, rgb.rows);
+        model->apply(rgb, mask, -1.0);
+    }
+    model->getBackgroundImage(background);
+    return background;
+}
+
+// Writes `bytes` into a named pipe it creates at `path`: the first `firstPart` bytes at once,
+// the rest after release(), then closes it, so that the reader sees the end of its input.
+class PipeFeeder {
+public:
+    PipeFeeder(const QString& path, const QByteArray& bytes, int firstPart)
+        : m_bytes(bytes)
+        , m_firstPart(firstPart)
+    {
+        const QByteArray name = QFile::encodeName(path);
+        // Read and write: opening does not wait for a reader, and the pipe stays open in
+        // between the two parts.
+        if (mkfifo(name.constData(), 0600) == 0)
+            m_fd = ::open(name.constData(), O_RDWR | O_NONBLOCK);
+        if (m_fd >= 0)
+            m_writer = std::thread([this] { feed(); });
+    }
+
+    // Writes whatever is left (a failed test leaves its job waiting for it) and closes.
+    ~PipeFeeder()
+    {
+        release();
+        if (m_writer.joinable())
+            m_writer.join();
+    }
+
+    PipeFeeder(const PipeFeeder&) = delete;
+    PipeFeeder& operator=(const PipeFeeder&) = delete;
+
+    bool isOpen() const { return m_fd >= 0; }
+
+    void release()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_released = true;
+        }
+        m_changed.notify_all();
+    }
+
+private:
+    void feed()
+    {
+        if (write(0, m_firstPart)) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_released; });
+            lock.unlock();
+            write(m_firstPart, m_bytes.size());
+        }
+        ::close(m_fd);
+    }
+
+    // False when the reader took nothing for a minute (it failed or went away).
+    bool write(int from, int to)
+    {
+        constexpr int kGiveUpMs = 60000;
+        while (from < to) {
+            pollfd ready{m_fd, POLLOUT, 0};
+            if (poll(&ready, 1, kGiveUpMs) <= 0)
+                return false;
+            const ssize_t written = ::write(m_fd, m_bytes.constData() + from, static_cast<size_t>(to - from));
+            if (written < 0 && errno != EAGAIN)
+                return false;
+            from += static_cast<int>(std::max<ssize_t>(written, 0));
+        }
+        return true;
+    }
+
+    const QByteArray m_bytes;
+    const int m_firstPart;
+    int m_fd = -1;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_released = false;
+    std::thread m_writer;
+};
 
 // Runs `job` on `pool` and waits for the pass and for the row changes it queued.
 bool runOnPool(Tremora& job, QThreadPool& pool)
@@ -397,10 +505,17 @@ private slots:
 
     void twoJobsRunAtOnceOnAPoolOfTwo()
     {
+        // The first job reads its video from a pipe that holds back all but its first
+        // frames, so it stays within its learning pairs, its model alive, until released.
+        // The second job must meanwhile learn and count its whole video.
         const QString first = grayClip("first.mkv", speckledNoise(cv::Size(160, 120), 150, 41));
         const QString second = grayClip("second.mkv", speckledNoise(cv::Size(96, 64), 180, 42));
+        QFile firstFile(first);
+        QVERIFY(firstFile.open(QIODevice::ReadOnly));
+        const QByteArray firstBytes = firstFile.readAll();
+        const QString pipe = m_dir.filePath("first.pipe");
         QListWidget list;
-        auto* a = new Tremora(first, kIconSize, 25);
+        auto* a = new Tremora(pipe, kIconSize, 25);
         auto* b = new Tremora(second, kIconSize, 25);
         list.addItem(a);
         list.addItem(b);
@@ -408,15 +523,29 @@ private slots:
         pool.setMaxThreadCount(2);
         a->setAutoDelete(false);
         b->setAutoDelete(false);
+        // Declared after the pool: released and done with before the pool waits for the jobs.
+        PipeFeeder feeder(pipe, firstBytes, firstBytes.size() / 4);
+        QVERIFY(feeder.isOpen());
+        const int before = Tremora::globalCounter.m_count.load();
         pool.start(a);
+        // Two pairs: the first job's model has learnt a frame (the background shown after
+        // pair 1 waited for it).
+        QTRY_VERIFY_WITH_TIMEOUT(Tremora::globalCounter.m_count.load() - before >= 2, 60000);
         pool.start(b);
-        QTRY_VERIFY_WITH_TIMEOUT(a->m_state.load() >= Tremora::Done && b->m_state.load() >= Tremora::Done, 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(b->m_state.load() >= Tremora::Done, 60000);
+        QCOMPARE(a->m_state.load(), int(Tremora::Processing));
+        const int firstPairsSoFar = Tremora::globalCounter.m_count.load() - before - 179;
+        QVERIFY2(firstPairsSoFar >= 2 && firstPairsSoFar < 100, qPrintable(QString::number(firstPairsSoFar)));
+        feeder.release();
+        QTRY_VERIFY_WITH_TIMEOUT(a->m_state.load() >= Tremora::Done, 60000);
         pool.waitForDone();
         QCoreApplication::processEvents();
-        QCOMPARE(a->text(), QStringLiteral("first.mkv (done)"));
+        QCOMPARE(a->text(), QStringLiteral("first.pipe (done)"));
         QCOMPARE(b->text(), QStringLiteral("second.mkv (done)"));
         QVERIFY(equal(a->m_motionCount, referenceCountsOfFile(first, 150, true)));
         QVERIFY(equal(b->m_motionCount, referenceCountsOfFile(second, 180, true)));
+        QVERIFY(equal(a->m_background, referenceBackgroundOfFile(first)));
+        QVERIFY(equal(b->m_background, referenceBackgroundOfFile(second)));
         QCOMPARE(a->getResult().size(), QSize(160, 120));
         QCOMPARE(b->getResult().size(), QSize(96, 64));
     }

@@ -12,8 +12,6 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include <atomic>
-#include <chrono>
 #include <memory>
 #include <random>
 #include <thread>
@@ -70,20 +68,6 @@ bool equal(const cv::Mat& a, const cv::Mat& b)
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
 }
 
-const std::function<bool()> kNeverCanceled = [] { return false; };
-
-template <typename Condition>
-bool becomesTrue(Condition condition, std::chrono::milliseconds bound = std::chrono::milliseconds(10000))
-{
-    const auto end = std::chrono::steady_clock::now() + bound;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 } // namespace
 
 class AsyncBackgroundLearnerTest : public QObject {
@@ -96,7 +80,7 @@ private slots:
         AsyncBackgroundLearner learner;
         // More frames than the queue holds, so the learner's pictures are reused.
         for (const SharedFrame& frame : frames)
-            QVERIFY(learner.learn(*frame, kNeverCanceled));
+            learner.learn(*frame);
         cv::Mat background;
         learner.fetchBackground(background);
         QCOMPARE(learner.learntFrames(), 30);
@@ -108,12 +92,12 @@ private slots:
     {
         const std::vector<SharedFrame> frames = scene(12, 2);
         AsyncBackgroundLearner learner;
-        QVERIFY(learner.learn(*frames[0], kNeverCanceled));
+        learner.learn(*frames[0]);
         cv::Mat afterOne;
         learner.fetchBackground(afterOne);
         QVERIFY(equal(afterOne, synchronousBackground({frames[0]})));
         for (size_t i = 1; i < frames.size(); ++i)
-            QVERIFY(learner.learn(*frames[i], kNeverCanceled));
+            learner.learn(*frames[i]);
         cv::Mat afterAll;
         learner.fetchBackground(afterAll);
         QVERIFY(equal(afterAll, synchronousBackground(frames)));
@@ -130,41 +114,34 @@ private slots:
         QCOMPARE(learner.learntFrames(), 0);
     }
 
-    void aSecondLearnerWaitsUntilTheFirstHasFinished()
+    void twoLearnersLearnSideBySide()
     {
-        const std::vector<SharedFrame> frames = scene(3, 3);
+        // The first learner keeps its model (with frames learnt) while the second, on another
+        // thread, learns all of its own: neither waits for the other.
+        const std::vector<SharedFrame> firstFrames = scene(6, 3);
+        const std::vector<SharedFrame> secondFrames = scene(9, 30);
         AsyncBackgroundLearner first;
-        QVERIFY(first.learn(*frames[0], kNeverCanceled));
-        std::atomic<int> polls{0};
-        std::atomic<bool> learnt{false};
+        first.learn(*firstFrames[0]);
+        QCOMPARE(first.learntFrames(), 1);
+        cv::Mat secondBackground;
+        int secondLearnt = 0;
         std::thread other([&] {
             AsyncBackgroundLearner second;
-            learnt = second.learn(*frames[1], [&] {
-                ++polls;
-                return false;
-            });
+            for (const SharedFrame& frame : secondFrames)
+                second.learn(*frame);
+            second.fetchBackground(secondBackground);
+            secondLearnt = second.learntFrames();
         });
-        // It keeps asking whether to give up, and does not get the model meanwhile.
-        QVERIFY(becomesTrue([&] { return polls.load() >= 3; }));
-        QVERIFY(!learnt.load());
-        first.finish();
-        QVERIFY(becomesTrue([&] { return learnt.load(); }));
         other.join();
-    }
-
-    void aWaitingLearnerGivesUpWhenCanceled()
-    {
-        const std::vector<SharedFrame> frames = scene(2, 4);
-        AsyncBackgroundLearner first;
-        QVERIFY(first.learn(*frames[0], kNeverCanceled));
-        AsyncBackgroundLearner second;
-        int polls = 0;
-        QVERIFY(!second.learn(*frames[1], [&] { return ++polls >= 3; }));
-        QCOMPARE(polls, 3);
-        QCOMPARE(second.learntFrames(), 0);
-        // The first still learns on.
-        QVERIFY(first.learn(*frames[1], kNeverCanceled));
-        QCOMPARE(first.learntFrames(), 2);
+        QCOMPARE(secondLearnt, 9);
+        QVERIFY(equal(secondBackground, synchronousBackground(secondFrames)));
+        // The first model went on as if alone.
+        for (size_t i = 1; i < firstFrames.size(); ++i)
+            first.learn(*firstFrames[i]);
+        cv::Mat firstBackground;
+        first.fetchBackground(firstBackground);
+        QCOMPARE(first.learntFrames(), 6);
+        QVERIFY(equal(firstBackground, synchronousBackground(firstFrames)));
     }
 
     void finishingFreesTheModelAndANewOneStartsFromNothing()
@@ -172,30 +149,16 @@ private slots:
         const std::vector<SharedFrame> frames = scene(8, 5);
         AsyncBackgroundLearner learner;
         for (size_t i = 0; i + 1 < frames.size(); ++i)
-            QVERIFY(learner.learn(*frames[i], kNeverCanceled));
+            learner.learn(*frames[i]);
         learner.finish();
         QCOMPARE(learner.learntFrames(), 0);
-        // The model is free: another learner takes it without waiting.
-        {
-            AsyncBackgroundLearner other;
-            QVERIFY(other.learn(*frames[0], [] { return true; }));
-        }
-        QVERIFY(learner.learn(*frames.back(), kNeverCanceled));
+        cv::Mat untouched(4, 6, CV_8UC3, cv::Scalar(1, 2, 3));
+        learner.fetchBackground(untouched);
+        QVERIFY(equal(untouched, cv::Mat(4, 6, CV_8UC3, cv::Scalar(1, 2, 3))));
+        learner.learn(*frames.back());
         cv::Mat background;
         learner.fetchBackground(background);
         QVERIFY(equal(background, synchronousBackground({frames.back()})));
-    }
-
-    void destroyingALearnerWithFramesQueuedFreesTheModel()
-    {
-        const std::vector<SharedFrame> frames = scene(6, 6);
-        {
-            AsyncBackgroundLearner learner;
-            for (const SharedFrame& frame : frames)
-                QVERIFY(learner.learn(*frame, kNeverCanceled));
-        }
-        AsyncBackgroundLearner next;
-        QVERIFY(next.learn(*frames[0], [] { return true; }));
     }
 
     void framesMayGoAsSoonAsTheyAreHandedOver()
@@ -206,7 +169,7 @@ private slots:
         const cv::Mat expected = synchronousBackground(frames);
         for (unsigned i = 0; i < 10; ++i) {
             SharedFrame frame = picture(40, 24, static_cast<int>(i * 3) % 32, 7 + i);
-            QVERIFY(learner.learn(*frame, kNeverCanceled));
+            learner.learn(*frame);
             QCOMPARE(frame.use_count(), 1L);
             frame.reset();
         }
