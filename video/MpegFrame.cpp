@@ -12,13 +12,19 @@ namespace {
 
 using RowPadding::paddedStride;
 
-// Formats whose first component is luma (or grey) stored as plain integers.
-bool isLumaFirstFormat(const AVPixFmtDescriptor& descriptor)
+// XYZ pictures have no luma first; their first component is X.
+bool isXyz(int format)
+{
+    return format == AV_PIX_FMT_XYZ12LE || format == AV_PIX_FMT_XYZ12BE;
+}
+
+// Formats whose first component is luma (or grey) stored as plain integers in the first plane.
+bool isLumaFirstFormat(const AVPixFmtDescriptor& descriptor, int format)
 {
     constexpr uint64_t notLuma = AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BITSTREAM
                                  | AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_FLOAT | AV_PIX_FMT_FLAG_BAYER;
     return descriptor.nb_components > 0 && (descriptor.flags & notLuma) == 0 && descriptor.comp[0].plane == 0
-           && descriptor.comp[0].offset == 0;
+           && !isXyz(format);
 }
 
 // The first plane is 8-bit luma, one byte a pixel, rows top to bottom: the grey picture as
@@ -26,31 +32,69 @@ bool isLumaFirstFormat(const AVPixFmtDescriptor& descriptor)
 bool hasGrayFirstPlane(const AVFrame& frame)
 {
     const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
-    return descriptor && isLumaFirstFormat(*descriptor) && descriptor->comp[0].depth == 8
-           && descriptor->comp[0].step == 1 && descriptor->comp[0].shift == 0 && frame.linesize[0] >= frame.width;
+    if (!descriptor || !isLumaFirstFormat(*descriptor, frame.format))
+        return false;
+    const AVComponentDescriptor& luma = descriptor->comp[0];
+    return luma.offset == 0 && luma.depth == 8 && luma.step == 1 && luma.shift == 0 && frame.linesize[0] >= frame.width;
 }
 
-// Luma of 9 to 16 bits in 16-bit samples in a plane of its own (yuv420p10le, p010, gray16 ...).
-bool hasDeepLumaPlane(const AVPixFmtDescriptor& descriptor)
+// Luma (or grey) read from its samples as they are: bytes of 8 bits, or 16-bit words holding
+// 9 to 16 bits, at any offset and spacing in the first plane (planar, semi-planar and packed
+// YUV alike).
+bool hasReadableLuma(const AVFrame& frame, const AVPixFmtDescriptor& descriptor)
 {
+    if (!isLumaFirstFormat(descriptor, frame.format))
+        return false;
     const AVComponentDescriptor& luma = descriptor.comp[0];
-    return isLumaFirstFormat(descriptor) && luma.step == 2 && luma.depth > 8 && luma.depth + luma.shift <= 16;
+    const bool bytes = luma.depth == 8 && luma.shift == 0 && luma.step >= 1;
+    const bool words = luma.depth > 8 && luma.depth + luma.shift <= 16 && luma.step >= 2;
+    return bytes || words;
 }
 
 // Grey formats span the full sample range; video's luma keeps to its limited range (16 to
-// 235 in 8 bits) unless the picture says otherwise, and that range is kept: ten-bit video
-// then gives the values eight-bit video of the same scene would.
+// 235 in 8 bits) unless the picture says otherwise.
 bool isFullRange(const AVFrame& frame, const AVPixFmtDescriptor& descriptor)
 {
     const bool gray = descriptor.nb_components <= 2;
     return gray || frame.color_range == AVCOL_RANGE_JPEG;
 }
 
-// Reduces deep luma samples to 8 bits. Done by hand because swscale always stretches
-// limited-range luma to full range when it writes grey.
-void reduceDeepLuma(const AVFrame& frame, const AVPixFmtDescriptor& descriptor, uint8_t* gray, int grayStep)
+// Where pixel x's luma sample starts in its row. Every format spaces its samples evenly but
+// one: 4:1:1 packed as U Y0 Y1 V Y2 Y3, which its descriptor cannot tell.
+class LumaLayout {
+public:
+    LumaLayout(const AVFrame& frame, const AVComponentDescriptor& luma)
+        : m_offset(luma.offset)
+        , m_step(luma.step)
+        , m_uyyvyy(frame.format == AV_PIX_FMT_UYYVYY411)
+    {
+    }
+
+    ptrdiff_t at(int x) const
+    {
+        if (m_uyyvyy) {
+            static constexpr int kInGroup[4] = {1, 2, 4, 5};
+            return static_cast<ptrdiff_t>(x / 4) * 6 + kInGroup[x % 4];
+        }
+        return m_offset + static_cast<ptrdiff_t>(x) * m_step;
+    }
+
+private:
+    int m_offset;
+    int m_step;
+    bool m_uyyvyy;
+};
+
+// Copies the luma samples of every YUV and grey format into a plane of its own, reduced to
+// 8 bits within the picture's own range, because swscale always stretches limited-range luma
+// to full range when it writes grey. The same scene then gives the same values whatever its
+// pixel format: 8-bit samples as they are, and ten-bit video the values eight-bit video of
+// the same scene would.
+void copyLuma(const AVFrame& frame, const AVPixFmtDescriptor& descriptor, uint8_t* gray, int grayStep)
 {
     const AVComponentDescriptor& luma = descriptor.comp[0];
+    const LumaLayout layout(frame, luma);
+    const bool words = luma.depth > 8;
     const bool bigEndian = (descriptor.flags & AV_PIX_FMT_FLAG_BE) != 0;
     const unsigned maximum = (1u << luma.depth) - 1;
     const int dropBits = luma.depth - 8;
@@ -58,9 +102,15 @@ void reduceDeepLuma(const AVFrame& frame, const AVPixFmtDescriptor& descriptor, 
     for (int y = 0; y < frame.height; ++y) {
         const uint8_t* row = frame.data[0] + static_cast<ptrdiff_t>(y) * frame.linesize[0];
         uint8_t* out = gray + static_cast<ptrdiff_t>(y) * grayStep;
+        if (!words) {
+            for (int x = 0; x < frame.width; ++x)
+                out[x] = row[layout.at(x)];
+            continue;
+        }
         for (int x = 0; x < frame.width; ++x) {
-            const unsigned high = row[2 * x + (bigEndian ? 0 : 1)];
-            const unsigned low = row[2 * x + (bigEndian ? 1 : 0)];
+            const uint8_t* sample = row + layout.at(x);
+            const unsigned high = sample[bigEndian ? 0 : 1];
+            const unsigned low = sample[bigEndian ? 1 : 0];
             const unsigned value = (((high << 8) | low) >> luma.shift) & maximum;
             const unsigned reduced = fullRange ? (value * 255 + maximum / 2) / maximum
                                                : (value + (1u << (dropBits - 1))) >> dropBits;
@@ -101,8 +151,8 @@ void MpegFrame::makeGray(SwsContext** grayScaler)
     m_gray.assign(static_cast<size_t>(m_grayStep) * static_cast<size_t>(height), 0);
 
     const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(m_frame->format));
-    if (descriptor && hasDeepLumaPlane(*descriptor)) {
-        reduceDeepLuma(*m_frame, *descriptor, m_gray.data(), m_grayStep);
+    if (descriptor && hasReadableLuma(*m_frame, *descriptor)) {
+        copyLuma(*m_frame, *descriptor, m_gray.data(), m_grayStep);
         return;
     }
     *grayScaler = sws_getCachedContext(*grayScaler, width, height, static_cast<AVPixelFormat>(m_frame->format), width,

@@ -28,8 +28,11 @@ public:
     MpegFrame& operator=(const MpegFrame&) = delete;
 
     // The picture's brightness, 8 bits a pixel, width() x height() pixels, rows step()
-    // bytes apart (step() > 0). For 8-bit YUV and grey pictures this is the first plane
-    // itself, for any other format an own converted copy. Writable when the frame came from
+    // bytes apart (step() > 0). For planar 8-bit YUV and grey pictures this is the first
+    // plane itself. Any other YUV or grey picture gives a copy of its luma samples, reduced
+    // to 8 bits within its own range (limited-range video stays limited), so that a scene
+    // gives the same values in every YUV format; other formats (RGB, palette) are converted
+    // to grey by swscale. Writable when the frame came from
     // MpegReader::read(true) or owns its buffers; for read(false) it belongs to the decoder
     // and must only be read.
     uint8_t* data();

@@ -179,6 +179,10 @@ private slots:
     void tenBitClipGivesLumaOfEightBitClip();
     void highDepthLumaKeepsItsValues_data();
     void highDepthLumaKeepsItsValues();
+    void everyYuvClipGivesTheLumaOfItsPlanarClip_data();
+    void everyYuvClipGivesTheLumaOfItsPlanarClip();
+    void packedLumaKeepsItsValues_data();
+    void packedLumaKeepsItsValues();
     void rgbClipGivesBt601Grey_data();
     void rgbClipGivesBt601Grey();
     void palettedClipGivesGreyOfItsColours();
@@ -312,6 +316,83 @@ void MpegFrameTest::highDepthLumaKeepsItsValues()
             QVERIFY2(std::abs(actual - expected) <= 1,
                      qPrintable(QString("(%1,%2): %3 instead of %4").arg(x).arg(y).arg(actual).arg(expected)));
         }
+}
+
+void MpegFrameTest::everyYuvClipGivesTheLumaOfItsPlanarClip_data()
+{
+    QTest::addColumn<QString>("format");
+    for (const char* format : {"yuv422p", "yuyv422", "uyvy422", "yvyu422", "nv12", "nv21"})
+        QTest::newRow(format) << QString::fromLatin1(format);
+}
+
+void MpegFrameTest::everyYuvClipGivesTheLumaOfItsPlanarClip()
+{
+    // The planar clip in video range (16 to 235); the others are converted from it, which
+    // moves only the chroma.
+    QFETCH(QString, format);
+    const QString planar = path("pattern-planar.mkv");
+    if (!QFile::exists(planar))
+        QVERIFY(TestSupport::writeRawClip(planar, kWidth, kHeight, {grayPattern()}, {"-pix_fmt", "yuv420p", "-c:v", "ffv1"}));
+    const QString clip = path(QStringLiteral("pattern-%1.nut").arg(format));
+    QVERIFY(TestSupport::runFfmpeg({"-i", planar, "-pix_fmt", format, "-c:v", "rawvideo", clip}));
+    const FramePtr reference = firstPicture(planar);
+    const FramePtr frame = firstPicture(clip);
+    QVERIFY(reference && frame);
+    QCOMPARE(formatOf(*frame), format);
+    const QByteArray luma = lumaOf(*frame);
+    QCOMPARE(luma, lumaOf(*reference));
+    const auto [darkest, brightest] = std::minmax_element(luma.begin(), luma.end(), [](char a, char b) {
+        return uint8_t(a) < uint8_t(b);
+    });
+    QCOMPARE(int(uint8_t(*darkest)), 16);
+    QCOMPARE(int(uint8_t(*brightest)), 235);
+}
+
+void MpegFrameTest::packedLumaKeepsItsValues_data()
+{
+    QTest::addColumn<int>("format");
+    QTest::addColumn<int>("bits");
+    QTest::newRow("yuyv422") << int(AV_PIX_FMT_YUYV422) << 8;
+    QTest::newRow("uyvy422") << int(AV_PIX_FMT_UYVY422) << 8;
+    QTest::newRow("uyyvyy411") << int(AV_PIX_FMT_UYYVYY411) << 8;
+    QTest::newRow("ya8") << int(AV_PIX_FMT_YA8) << 8;
+    QTest::newRow("y210le") << int(AV_PIX_FMT_Y210LE) << 10;
+    QTest::newRow("ayuv64le") << int(AV_PIX_FMT_AYUV64LE) << 16;
+    // Grey spans the full range: 255 is 65535.
+    QTest::newRow("ya16be") << int(AV_PIX_FMT_YA16BE) << 16;
+}
+
+void MpegFrameTest::packedLumaKeepsItsValues()
+{
+    QFETCH(int, format);
+    QFETCH(int, bits);
+    const bool grey = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format))->nb_components <= 2;
+    const std::vector<int> eightBitValues = {0, 16, 100, 128, 200, 235, 255};
+    const int width = 35;
+    const int height = 4;
+    AVFrame* picture = allocatePicture(static_cast<AVPixelFormat>(format), width, height);
+    QVERIFY(picture);
+    const auto valueAt = [&](int x, int y) { return eightBitValues[static_cast<size_t>(x + y) % eightBitValues.size()]; };
+    for (int y = 0; y < height; ++y) {
+        uint8_t* row = picture->data[0] + y * picture->linesize[0];
+        if (format == AV_PIX_FMT_UYYVYY411) {
+            // U Y0 Y1 V Y2 Y3: its descriptor cannot say where the luma samples lie.
+            for (int x = 0; x < width; ++x)
+                row[(x / 4) * 6 + std::vector<int>{1, 2, 4, 5}[static_cast<size_t>(x % 4)]] = static_cast<uint8_t>(valueAt(x, y));
+            continue;
+        }
+        std::vector<uint16_t> samples;
+        for (int x = 0; x < width; ++x)
+            samples.push_back(static_cast<uint16_t>(grey ? valueAt(x, y) * ((1 << bits) - 1) / 255 : valueAt(x, y) << (bits - 8)));
+        av_write_image_line2(samples.data(), picture->data, picture->linesize, av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format)),
+                             0, y, 0, width, 2);
+    }
+    const MpegFrame frame(picture);
+    QVERIFY(frame.step() >= width);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            QVERIFY2(frame.data()[y * frame.step() + x] == valueAt(x, y),
+                     qPrintable(QString("(%1,%2): %3 instead of %4").arg(x).arg(y).arg(frame.data()[y * frame.step() + x]).arg(valueAt(x, y))));
 }
 
 void MpegFrameTest::rgbClipGivesBt601Grey_data()

@@ -416,6 +416,39 @@ private slots:
         QCOMPARE(map.pixel(r.x + 8, r.y + 3), qRgb(25, 25, 25));
     }
 
+    void aSceneGivesTheSameCountsInEveryYuvFormat()
+    {
+        // Without blur (threshold 40), on a grey 100: square S flashes to 145 in frame 10,
+        // 39 apart from the background in video range but 45 apart once stretched to full
+        // range; square C flashes to 220, motion either way.
+        const cv::Point s(8, 8), c(40, 8);
+        std::vector<cv::Mat> frames;
+        for (int i = 0; i < 40; ++i) {
+            cv::Mat frame(cv::Size(64, 48), CV_8UC1, cv::Scalar(100));
+            if (i == 10) {
+                frame(square(s)).setTo(cv::Scalar(145));
+                frame(square(c)).setTo(cv::Scalar(220));
+            }
+            frames.push_back(frame);
+        }
+        const QString planar = m_dir.filePath("range-yuv420p.mkv");
+        QVERIFY(writeGray(planar, frames, {"-pix_fmt", "yuv420p", "-c:v", "ffv1"}));
+        QStringList clips = {planar};
+        for (const QString format : {"yuv422p", "yuyv422", "nv12"}) {
+            clips << m_dir.filePath(QStringLiteral("range-%1.nut").arg(format));
+            QVERIFY(TestSupport::runFfmpeg({"-i", planar, "-pix_fmt", format, "-c:v", "rawvideo", clips.last()}));
+        }
+        cv::Mat expected(cv::Size(64, 48), CV_8UC1, cv::Scalar(0));
+        expected(square(c)).setTo(cv::Scalar(1));
+        for (const QString& clip : clips) {
+            Tremora job(clip, kIconSize, 300);
+            job.m_blur = false;
+            job.run();
+            QCOMPARE(job.m_state.load(), int(Tremora::Done));
+            QVERIFY2(equal(job.m_motionCount, expected), qPrintable(clip));
+        }
+    }
+
     void thumbnailIsTheMapCentredInBothIconModes()
     {
         // A thumbnail smaller than the map, so that the whole map is scaled into it.
