@@ -10,9 +10,24 @@
 #include <QPixmap>
 #include <QThread>
 
+#include <algorithm>
+
 AtomicCounter Tremora::globalCounter;
 
 namespace {
+
+// Jobs whose pass runs now; a job that starts alone decodes on more threads.
+std::atomic<int> runningJobs{0};
+
+class RunningJob {
+public:
+    RunningJob() { m_count = runningJobs.fetch_add(1) + 1; }
+    ~RunningJob() { runningJobs.fetch_sub(1); }
+    int count() const { return m_count; }
+
+private:
+    int m_count;
+};
 
 // The hooks through which a pass reports to its job.
 class JobHooks final : public MotionPassHooks {
@@ -100,12 +115,19 @@ QImage Tremora::getResult()
     return m_result;
 }
 
+int Tremora::decoderThreadsFor(int runningJobs, int cores)
+{
+    return runningJobs <= 1 ? std::max(cores, 1) : 1;
+}
+
 void Tremora::run()
 {
     JobHooks hooks(*this);
+    const RunningJob running;
     MotionPassSettings settings;
     settings.blur = m_blur;
     settings.updateInterval = m_updateInterval;
+    settings.decoderThreads = decoderThreadsFor(running.count(), QThread::idealThreadCount());
     switch (MotionPass::run(m_path.toUtf8(), settings, m_motionCount, m_background, hooks)) {
     case MotionPassOutcome::OpenFailed:
         update(Failed);

@@ -48,6 +48,11 @@ public:
     // Frame pairs analysed by all jobs together; read by the window's tick.
     static AtomicCounter globalCounter;
 
+    // Decoder threads for a job that starts while `runningJobs` jobs (itself included) run
+    // on `cores` cores: alone, it decodes on every core, which the pool's other thread leaves
+    // idle; beside another, on one thread, as each pass keeps a core of its own. Any thread.
+    static int decoderThreadsFor(int runningJobs, int cores);
+
     QSize m_iconSize;
     QString m_path;
     QFileInfo m_fileInfo;           // read on the GUI thread only (its caches are lazy)

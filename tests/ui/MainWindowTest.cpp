@@ -178,7 +178,7 @@ void MainWindowTest::initTestCase()
     m_longClip = m_clips.filePath(QStringLiteral("long.avi"));
     QVERIFY(makeClip(m_shortClip, QStringLiteral("64x48"), 8));
     QVERIFY(makeClip(m_mediumClip, QStringLiteral("320x240"), 150));
-    QVERIFY(makeClip(m_longClip, QStringLiteral("640x360"), 2000));
+    QVERIFY(makeClip(m_longClip, QStringLiteral("640x360"), 6000));
 }
 
 void MainWindowTest::init()

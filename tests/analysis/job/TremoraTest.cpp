@@ -4,15 +4,18 @@
 #include "MpegReader.h"
 #include "ReferenceMotion.h"
 #include "TestSupport.h"
+#include "ThreadPriority.h"
 #include "Tremora.h"
 #include "Utils.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QIcon>
 #include <QListWidget>
 #include <QPixmap>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QThreadPool>
 #include <QtTest>
 
@@ -185,6 +188,33 @@ private:
     bool m_released = false;
     std::thread m_writer;
 };
+
+// Threads of this process whose nice value is above `nice`, i.e. that run at a lower
+// priority.
+int threadsBelowPriority(int nice)
+{
+    int count = 0;
+    for (const QString& task : QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(task));
+        if (!stat.open(QIODevice::ReadOnly))
+            continue;
+        // The fields after the command's closing parenthesis start with the state (field 3);
+        // the nice value is field 19.
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 16 && fields[16].toInt() > nice)
+            ++count;
+    }
+    return count;
+}
+
+// True once the row's thumbnail shows more than black: a map with a learnt background,
+// which the pass renders after its first pair at the earliest.
+bool showsABackground(const Tremora& job)
+{
+    QCoreApplication::processEvents();
+    return !allBlack(thumbnailOf(job));
+}
 
 // Runs `job` on `pool` and waits for the pass and for the row changes it queued.
 bool runOnPool(Tremora& job, QThreadPool& pool)
@@ -581,6 +611,61 @@ private slots:
         QVERIFY(equal(b->m_background, referenceBackgroundOfFile(second)));
         QCOMPARE(a->getResult().size(), QSize(160, 120));
         QCOMPARE(b->getResult().size(), QSize(96, 64));
+    }
+
+    void aLoneJobDecodesOnEveryCoreAndTheNextBesideItOnOne()
+    {
+        QCOMPARE(Tremora::decoderThreadsFor(1, 2), 2);
+        QCOMPARE(Tremora::decoderThreadsFor(1, 8), 8);
+        QCOMPARE(Tremora::decoderThreadsFor(2, 2), 1);
+        QCOMPARE(Tremora::decoderThreadsFor(2, 8), 1);
+        QCOMPARE(Tremora::decoderThreadsFor(1, 1), 1);
+        QCOMPARE(Tremora::decoderThreadsFor(1, 0), 1);
+    }
+
+    void aLoneJobRunsItsWorkBelowItsDecoderAndAJobBesideItDoesNot()
+    {
+        // A pass on several decoder threads runs its own work at a lower priority than the
+        // decoder; on one, all of it stays on the pool thread. Both jobs read from pipes that
+        // hold back the rest of their videos, so their threads stay while they are counted.
+        if (QThread::idealThreadCount() < 2)
+            QSKIP("On one core a lone job decodes on one thread too");
+        const QString firstClip = grayClip("lone.mkv", speckledNoise(cv::Size(160, 120), 150, 43));
+        const QString secondClip = grayClip("beside.mkv", speckledNoise(cv::Size(96, 64), 150, 44));
+        QFile firstFile(firstClip), secondFile(secondClip);
+        QVERIFY(firstFile.open(QIODevice::ReadOnly) && secondFile.open(QIODevice::ReadOnly));
+        const QByteArray firstBytes = firstFile.readAll();
+        const QByteArray secondBytes = secondFile.readAll();
+        const int nice = ThreadPriority::niceOfCallingThread();
+        QListWidget list;
+        // Thumbnails smaller than the maps, which are then scaled into them whole.
+        auto* a = new Tremora(m_dir.filePath("lone.pipe"), QSize(32, 32), 300);
+        auto* b = new Tremora(m_dir.filePath("beside.pipe"), QSize(32, 32), 300);
+        list.addItem(a);
+        list.addItem(b);
+        QThreadPool pool;
+        pool.setMaxThreadCount(2);
+        a->setAutoDelete(false);
+        b->setAutoDelete(false);
+        PipeFeeder firstFeeder(a->m_path, firstBytes, firstBytes.size() / 4);
+        PipeFeeder secondFeeder(b->m_path, secondBytes, secondBytes.size() / 4);
+        QVERIFY(firstFeeder.isOpen() && secondFeeder.isOpen());
+        const int lowered = threadsBelowPriority(nice);
+        pool.start(a);
+        QTRY_VERIFY_WITH_TIMEOUT(showsABackground(*a), 60000);
+        const int loweredByTheLoneJob = threadsBelowPriority(nice) - lowered;
+        QVERIFY2(loweredByTheLoneJob >= 1, qPrintable(QString::number(loweredByTheLoneJob)));
+        pool.start(b);
+        QTRY_VERIFY_WITH_TIMEOUT(showsABackground(*b), 60000);
+        QCOMPARE(threadsBelowPriority(nice) - lowered, loweredByTheLoneJob);
+        firstFeeder.release();
+        secondFeeder.release();
+        QTRY_VERIFY_WITH_TIMEOUT(a->m_state.load() >= Tremora::Done && b->m_state.load() >= Tremora::Done, 60000);
+        pool.waitForDone();
+        QCOMPARE(a->m_state.load(), int(Tremora::Done));
+        QCOMPARE(b->m_state.load(), int(Tremora::Done));
+        QVERIFY(equal(a->m_motionCount, referenceCountsOfFile(firstClip, 150, true)));
+        QVERIFY(equal(b->m_motionCount, referenceCountsOfFile(secondClip, 150, true)));
     }
 
     void thousandWaitingJobsShareOneThumbnail()
