@@ -19,4 +19,10 @@ void queueCommandLineFiles(MainWindow& window, int argc, const char* const* argv
         window.processFile(argv[i] ? QString::fromUtf8(argv[i]) : QString());
 }
 
+void showWithCommandLineFiles(MainWindow& window, int argc, const char* const* argv)
+{
+    queueCommandLineFiles(window, argc, argv);
+    window.show();
+}
+
 } // namespace Startup

@@ -14,4 +14,8 @@ void setSettingsIdentity();
 // argument becomes an empty path; whether a path is usable is the window's business.
 void queueCommandLineFiles(MainWindow& window, int argc, const char* const* argv);
 
+// Queues the command-line files as above, then shows the window: it appears with their rows
+// already in its list.
+void showWithCommandLineFiles(MainWindow& window, int argc, const char* const* argv);
+
 } // namespace Startup

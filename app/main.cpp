@@ -18,7 +18,6 @@ int main(int argc, char** argv)
                      &application, &QCoreApplication::quit);
 
     MainWindow window;
-    Startup::queueCommandLineFiles(window, argc, argv);
-    window.show();
+    Startup::showWithCommandLineFiles(window, argc, argv);
     return application.exec();
 }

@@ -28,6 +28,30 @@ QStringList queuedPaths(MainWindow& window)
     return paths;
 }
 
+// The rows the window lists when it is first shown.
+class ShowRecorder : public QObject {
+public:
+    explicit ShowRecorder(MainWindow& window)
+        : m_window(window)
+    {
+        window.installEventFilter(this);
+    }
+
+    int shows = 0;
+    QStringList pathsAtFirstShow;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (watched == &m_window && event->type() == QEvent::Show && shows++ == 0)
+            pathsAtFirstShow = queuedPaths(m_window);
+        return false;
+    }
+
+private:
+    MainWindow& m_window;
+};
+
 bool hasDefaultDisposition(int signalNumber)
 {
     struct sigaction current = {};
@@ -87,12 +111,15 @@ void StartupTest::settingsAreKeptUnderTremoraIdentity()
 void StartupTest::commandLineFilesReachProcessFileInOrderBeforeShow()
 {
     MainWindow window;
+    ShowRecorder recorder(window);
     const char* argv[] = {"tremora", "/nonexistent/b-second.mkv", "/nonexistent/a-first.mkv",
                           "/nonexistent/c-third.mkv"};
-    Startup::queueCommandLineFiles(window, 4, argv);
-    QVERIFY(!window.isVisible());
-    QCOMPARE(queuedPaths(window), (QStringList{"/nonexistent/b-second.mkv", "/nonexistent/a-first.mkv",
-                                               "/nonexistent/c-third.mkv"}));
+    Startup::showWithCommandLineFiles(window, 4, argv);
+    QVERIFY(window.isVisible());
+    QCOMPARE(recorder.shows, 1);
+    const QStringList expected = {"/nonexistent/b-second.mkv", "/nonexistent/a-first.mkv", "/nonexistent/c-third.mkv"};
+    QCOMPARE(recorder.pathsAtFirstShow, expected);
+    QCOMPARE(queuedPaths(window), expected);
     QVERIFY(listOf(window)->item(0)->text().startsWith(QStringLiteral("b-second.mkv (")));
 }
 

@@ -146,6 +146,8 @@ void AddingInputsTest::cancellingAddFilesAddsNothingAndKeepsLastFiles()
     QCOMPARE(dialog.parent, m_window.get());
     QCOMPARE(dialog.fileMode, QFileDialog::ExistingFiles);
     QCOMPARE(dialog.directory, m_dir->path());
+    // No filter of its own: the dialog offers every file.
+    QCOMPARE(dialog.nameFilters, QStringList{QCoreApplication::translate("QFileDialog", "All Files (*)")});
     QCOMPARE(m_list->count(), 0);
     QCOMPARE(settingValue("last_files"), m_dir->path());
 }

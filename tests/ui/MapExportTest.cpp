@@ -275,6 +275,9 @@ void MapExportTest::failedSaveGoesOnWithTheNextSelectedEntry()
     QCOMPARE(error.icon, QMessageBox::Critical);
     QCOMPARE(error.buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
     QCOMPARE(error.parent, nullptr);
+    // Left at NoButton, the box makes its first accepting button the default; a default
+    // it lacks would leave it none.
+    QCOMPARE(error.defaultButton, QMessageBox::Ok);
     QVERIFY(!QFileInfo::exists(m_dir->filePath("missing")));
     // The failed first save was remembered before the second dialog came up.
     QCOMPARE(rememberedAtSecondDialog, m_dir->filePath("missing"));
@@ -502,6 +505,9 @@ void MapExportTest::failingThirdWriteShowsOneErrorAndEndsTheRun()
     QCOMPARE(error.icon, QMessageBox::Critical);
     QCOMPARE(error.buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
     QCOMPARE(error.parent, m_window.get());
+    // Left at NoButton, the box makes its first accepting button the default; a default
+    // it lacks would leave it none.
+    QCOMPARE(error.defaultButton, QMessageBox::Ok);
     QVERIFY(sameImage(out + "/v1.png", mapOfRow(0)));
     QVERIFY(sameImage(out + "/v2.png", mapOfRow(1)));
     QCOMPARE(entriesOf(out), (QStringList{"v1.png", "v2.png", "v3.png"}));

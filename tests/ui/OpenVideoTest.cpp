@@ -150,6 +150,9 @@ void OpenVideoTest::failureShowsTheAbsolutePathAndTheNextEntryIsStillTried()
         QCOMPARE(box.icon, QMessageBox::Critical);
         QCOMPARE(box.buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
         QCOMPARE(box.parent, nullptr);
+        // Left at NoButton, the box makes its first accepting button the default; a default
+        // it lacks would leave it none.
+        QCOMPARE(box.defaultButton, QMessageBox::Ok);
     }
 }
 

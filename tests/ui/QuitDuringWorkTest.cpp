@@ -1,4 +1,5 @@
 #include "MainWindow.h"
+#include "PipeFeeder.h"
 #include "TestSupport.h"
 #include "Tremora.h"
 #include "UiTestSupport.h"
@@ -7,6 +8,7 @@
 #include <QAction>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileDialog>
 #include <QListWidget>
 #include <QProcess>
 #include <QSettings>
@@ -15,8 +17,12 @@
 #include <QVector>
 #include <QtTest>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -83,6 +89,7 @@ private slots:
     void destroyingWithTwoRunningAndFiveWaitingReturnsWithinAFramePair();
     void quitActionWithJobsRunningEndsLoopAndWindowClosesPromptly();
     void quitWhileSaveDialogIsOpenWritesNothingAndClosesPromptly();
+    void geometryIsSavedBeforeTheWindowWaitsForItsRunningJob();
     void quitAfterRandomOperationsDeletesEveryJobOnceAndClosesPromptly();
     void programEndsOnSigtermMidRunWithCompleteSettings();
 
@@ -253,8 +260,18 @@ void QuitDuringWorkTest::quitWhileSaveDialogIsOpenWritesNothingAndClosesPromptly
     QVERIFY(out.isValid());
     m_list->clearSelection();
     jobAt(m_list, 0)->setSelected(true);
+    // The dialog is pointed at `out` with a file name typed in, as a user about to save
+    // there would leave it; the quit comes before Save is pressed.
+    const QString target = out.filePath(QStringLiteral("map.png"));
+    QStringList offered;
     QAction* quit = UiTestSupport::action(*m_window, "actionQuit");
-    UiTestSupport::ModalScript script({{"QFileDialog", [quit](QWidget*) {
+    UiTestSupport::ModalScript script({{"QFileDialog", [quit, &out, &target, &offered](QWidget* widget) {
+                                            auto* dialog = qobject_cast<QFileDialog*>(widget);
+                                            if (dialog) {
+                                                dialog->setDirectory(out.path());
+                                                dialog->selectFile(target);
+                                                offered = dialog->selectedFiles();
+                                            }
                                             QMetaObject::invokeMethod(quit, "trigger", Qt::QueuedConnection);
                                         }}});
     QAction* saveMap = UiTestSupport::action(*m_window, "actionSaveMap");
@@ -268,9 +285,59 @@ void QuitDuringWorkTest::quitWhileSaveDialogIsOpenWritesNothingAndClosesPromptly
     QCOMPARE(script.seen().size(), 1);
     QCOMPARE(script.seen().first().title, QStringLiteral("Save tremora image as..."));
     QCOMPARE(script.unexpected(), 0);
+    QCOMPARE(offered, QStringList{target});
     QVERIFY(!QSettings().contains(QStringLiteral("last_export_dir")));
     QCOMPARE(QDir(out.path()).entryList(QDir::Files), QStringList());
     closeWindowWithinBound(true);
+    checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
+}
+
+// The job reads a pipe that holds back all but the first bytes of its video, so it cannot
+// reach its next poll of the cancel flag, and the window's destructor waits for it, until
+// the pipe is released; that happens only once the geometry is in the settings file.
+void QuitDuringWorkTest::geometryIsSavedBeforeTheWindowWaitsForItsRunningJob()
+{
+    const QString clip = m_clipFolder.filePath(QStringLiteral("noise.mkv"));
+    QByteArray noise(160 * 120, '\0');
+    for (int i = 0; i < noise.size(); ++i)
+        noise[i] = static_cast<char>((i * 7919) % 251);
+    QVERIFY(TestSupport::writeRawClip(clip, 160, 120, std::vector<QByteArray>(20, noise)));
+    QFile file(clip);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray bytes = file.readAll();
+    QVERIFY(bytes.size() > 8192);
+    const QString pipe = m_clipFolder.filePath(QStringLiteral("held.pipe"));
+    QFile::remove(pipe);
+    PipeFeeder feeder(pipe, bytes, 4096);
+    QVERIFY(feeder.isOpen());
+
+    m_window = std::make_unique<MainWindow>();
+    m_window->show();
+    m_window->resize(kWindowSize);
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    m_window->processFile(pipe);
+    // The pool runs the job: it has begun to read.
+    QTRY_VERIFY_WITH_TIMEOUT(feeder.unread() < 4096, kStartTimeoutMs);
+    QVERIFY(!QSettings(m_settingsFile, QSettings::IniFormat).contains(kGeometryKey));
+
+    std::atomic<bool> windowGone{false};
+    std::atomic<bool> geometryWhileWaiting{false};
+    std::thread watcher([&] {
+        QElapsedTimer waited;
+        waited.start();
+        while (waited.elapsed() < kLoopTimeoutMs) {
+            if (QSettings(m_settingsFile, QSettings::IniFormat).contains(kGeometryKey)) {
+                geometryWhileWaiting = !windowGone;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        feeder.release();
+    });
+    m_window.reset();
+    windowGone = true;
+    watcher.join();
+    QVERIFY(geometryWhileWaiting);
     checkSettingsComplete(m_settingsFile, QRect(QPoint(-1, -1), kWindowSize));
 }
 

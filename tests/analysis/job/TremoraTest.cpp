@@ -1,4 +1,5 @@
 #include "ClipMaking.h"
+#include "PipeFeeder.h"
 #include "MotionMap.h"
 #include "MpegFrame.h"
 #include "MpegReader.h"
@@ -22,17 +23,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/video/background_segm.hpp>
 
-#include <algorithm>
-#include <cerrno>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <thread>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace ClipMaking;
 
@@ -112,82 +104,6 @@ cv::Mat referenceBackgroundOfFile(const QString& path)
     model->getBackgroundImage(background);
     return background;
 }
-
-// Writes `bytes` into a named pipe it creates at `path`: the first `firstPart` bytes at once,
-// the rest after release(), then closes it, so that the reader sees the end of its input.
-class PipeFeeder {
-public:
-    PipeFeeder(const QString& path, const QByteArray& bytes, int firstPart)
-        : m_bytes(bytes)
-        , m_firstPart(firstPart)
-    {
-        const QByteArray name = QFile::encodeName(path);
-        // Read and write: opening does not wait for a reader, and the pipe stays open in
-        // between the two parts.
-        if (mkfifo(name.constData(), 0600) == 0)
-            m_fd = ::open(name.constData(), O_RDWR | O_NONBLOCK);
-        if (m_fd >= 0)
-            m_writer = std::thread([this] { feed(); });
-    }
-
-    // Writes whatever is left (a failed test leaves its job waiting for it) and closes.
-    ~PipeFeeder()
-    {
-        release();
-        if (m_writer.joinable())
-            m_writer.join();
-    }
-
-    PipeFeeder(const PipeFeeder&) = delete;
-    PipeFeeder& operator=(const PipeFeeder&) = delete;
-
-    bool isOpen() const { return m_fd >= 0; }
-
-    void release()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_released = true;
-        }
-        m_changed.notify_all();
-    }
-
-private:
-    void feed()
-    {
-        if (write(0, m_firstPart)) {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [this] { return m_released; });
-            lock.unlock();
-            write(m_firstPart, m_bytes.size());
-        }
-        ::close(m_fd);
-    }
-
-    // False when the reader took nothing for a minute (it failed or went away).
-    bool write(int from, int to)
-    {
-        constexpr int kGiveUpMs = 60000;
-        while (from < to) {
-            pollfd ready{m_fd, POLLOUT, 0};
-            if (poll(&ready, 1, kGiveUpMs) <= 0)
-                return false;
-            const ssize_t written = ::write(m_fd, m_bytes.constData() + from, static_cast<size_t>(to - from));
-            if (written < 0 && errno != EAGAIN)
-                return false;
-            from += static_cast<int>(std::max<ssize_t>(written, 0));
-        }
-        return true;
-    }
-
-    const QByteArray m_bytes;
-    const int m_firstPart;
-    int m_fd = -1;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_released = false;
-    std::thread m_writer;
-};
 
 // Threads of this process whose nice value is above `nice`, i.e. that run at a lower
 // priority.
