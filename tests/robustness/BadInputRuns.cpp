@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRunnable>
+#include <QThread>
 #include <QThreadPool>
 #include <QtTest>
 
@@ -52,7 +53,11 @@ void runPassNow(PassShared& shared)
 {
     NeverCancelHooks hooks;
     PassRun& run = shared.run;
-    run.outcome = MotionPass::run(shared.utf8Path, MotionPassSettings{}, run.counts, run.background, hooks);
+    // As many decoder threads as the window gives a job that runs alone, which the job here
+    // is: an undamaged file then decodes to the same pictures on both routes.
+    MotionPassSettings settings;
+    settings.decoderThreads = Tremora::decoderThreadsFor(1, QThread::idealThreadCount());
+    run.outcome = MotionPass::run(shared.utf8Path, settings, run.counts, run.background, hooks);
     run.started = hooks.startedCount;
     run.pairs = hooks.pairs;
     run.map = MotionMap::render(run.counts, run.background);
@@ -219,6 +224,12 @@ QString disagreement(const PassRun& pass, const JobRun& job, const QString& file
             return QStringLiteral("the pass finished, but the job shows state %1, '%2'").arg(job.state).arg(job.text);
         if (pass.started != 1 || pass.counts.size() != pass.background.size())
             return QStringLiteral("the pass did not set up its maps once, at one size");
+        // Decoder threads conceal damage in ways that depend on their timing, so a damaged
+        // file's counts may differ from run to run; only their size must agree.
+        if (expected == Expected::DoneOrFailed)
+            return job.counts.size() == pass.counts.size() && job.result.size() == pass.map.size()
+                ? QString()
+                : QStringLiteral("the job's maps have another size than the pass's");
         if (!sameCounts(pass.counts, job.counts))
             return QStringLiteral("the job counted otherwise than the pass");
         if (pass.map.isNull() != pass.counts.empty()

@@ -52,7 +52,8 @@ struct PassRun {
     QImage map;
 };
 
-// MotionPass::run over `path` on a pool thread with hooks that never cancel, then the map.
+// MotionPass::run over `path` on a pool thread with hooks that never cancel, then the map;
+// with the decoder threads of a window job that runs alone.
 PassRun runPass(const QString& path, int timeBoundMs = kTimeBoundMs);
 
 struct JobRun {
@@ -71,7 +72,8 @@ bool sameCounts(const cv::Mat& a, const cv::Mat& b);
 
 // Empty when both runs ended, the way `expected` allows, and agree with each other: a
 // failed open is the job's "failed" with no map; a finished pass is its "done" with the same
-// counts and the same map. Otherwise says what is wrong. `fileName` is what the row shows.
+// counts and the same map (for a damaged file, Expected::DoneOrFailed, counts and map of the
+// same size). Otherwise says what is wrong. `fileName` is what the row shows.
 QString disagreement(const PassRun& pass, const JobRun& job, const QString& fileName, Expected expected);
 
 } // namespace BadInputRuns
