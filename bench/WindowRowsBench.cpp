@@ -7,6 +7,7 @@
 // Usage: tremora-rows-bench --busy CLIP --waiting CLIP [--rows N]
 
 #include "MainWindow.h"
+#include "OffscreenWindow.h"
 #include "Tremora.h"
 
 #include <QApplication>
@@ -115,16 +116,11 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "Usage: %s --busy CLIP --waiting CLIP [--rows N]\n", argv[0]);
         return 2;
     }
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    // The window remembers its geometry; keep that out of the user's settings.
     QTemporaryDir settings;
-    qputenv("XDG_CONFIG_HOME", settings.path().toLocal8Bit());
-
+    OffscreenWindow::prepare(settings);
     QApplication application(argc, argv);
     MainWindow window;
-    window.show();
-    auto* list = window.findChild<QListWidget*>(QStringLiteral("mainList"));
+    QListWidget* list = OffscreenWindow::show(window);
     if (!list)
         return 1;
 

@@ -105,6 +105,32 @@ cv::Mat referenceBackgroundOfFile(const QString& path)
     return background;
 }
 
+// Two jobs as rows of a list, on a pool of two threads that never deletes them. The pool
+// goes first, waiting for the passes, then the list with the jobs.
+struct TwoJobs {
+    TwoJobs(Tremora* first, Tremora* second)
+        : a(first)
+        , b(second)
+    {
+        list.addItem(a);
+        list.addItem(b);
+        pool.setMaxThreadCount(2);
+        a->setAutoDelete(false);
+        b->setAutoDelete(false);
+    }
+
+    QListWidget list;
+    QThreadPool pool;
+    Tremora* a;
+    Tremora* b;
+};
+
+QByteArray bytesOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 // Threads of this process whose nice value is above `nice`, i.e. that run at a lower
 // priority.
 int threadsBelowPriority(int nice)
@@ -489,19 +515,13 @@ private slots:
         // The second job must meanwhile learn and count its whole video.
         const QString first = grayClip("first.mkv", speckledNoise(cv::Size(160, 120), 150, 41));
         const QString second = grayClip("second.mkv", speckledNoise(cv::Size(96, 64), 180, 42));
-        QFile firstFile(first);
-        QVERIFY(firstFile.open(QIODevice::ReadOnly));
-        const QByteArray firstBytes = firstFile.readAll();
+        const QByteArray firstBytes = bytesOf(first);
+        QVERIFY(!firstBytes.isEmpty());
         const QString pipe = m_dir.filePath("first.pipe");
-        QListWidget list;
-        auto* a = new Tremora(pipe, kIconSize, 25);
-        auto* b = new Tremora(second, kIconSize, 25);
-        list.addItem(a);
-        list.addItem(b);
-        QThreadPool pool;
-        pool.setMaxThreadCount(2);
-        a->setAutoDelete(false);
-        b->setAutoDelete(false);
+        TwoJobs jobs(new Tremora(pipe, kIconSize, 25), new Tremora(second, kIconSize, 25));
+        Tremora* a = jobs.a;
+        Tremora* b = jobs.b;
+        QThreadPool& pool = jobs.pool;
         // Declared after the pool: released and done with before the pool waits for the jobs.
         PipeFeeder feeder(pipe, firstBytes, firstBytes.size() / 4);
         QVERIFY(feeder.isOpen());
@@ -548,21 +568,16 @@ private slots:
             QSKIP("On one core a lone job decodes on one thread too");
         const QString firstClip = grayClip("lone.mkv", speckledNoise(cv::Size(160, 120), 150, 43));
         const QString secondClip = grayClip("beside.mkv", speckledNoise(cv::Size(96, 64), 150, 44));
-        QFile firstFile(firstClip), secondFile(secondClip);
-        QVERIFY(firstFile.open(QIODevice::ReadOnly) && secondFile.open(QIODevice::ReadOnly));
-        const QByteArray firstBytes = firstFile.readAll();
-        const QByteArray secondBytes = secondFile.readAll();
+        const QByteArray firstBytes = bytesOf(firstClip);
+        const QByteArray secondBytes = bytesOf(secondClip);
+        QVERIFY(!firstBytes.isEmpty() && !secondBytes.isEmpty());
         const int nice = ThreadPriority::niceOfCallingThread();
-        QListWidget list;
         // Thumbnails smaller than the maps, which are then scaled into them whole.
-        auto* a = new Tremora(m_dir.filePath("lone.pipe"), QSize(32, 32), 300);
-        auto* b = new Tremora(m_dir.filePath("beside.pipe"), QSize(32, 32), 300);
-        list.addItem(a);
-        list.addItem(b);
-        QThreadPool pool;
-        pool.setMaxThreadCount(2);
-        a->setAutoDelete(false);
-        b->setAutoDelete(false);
+        TwoJobs jobs(new Tremora(m_dir.filePath("lone.pipe"), QSize(32, 32), 300),
+                     new Tremora(m_dir.filePath("beside.pipe"), QSize(32, 32), 300));
+        Tremora* a = jobs.a;
+        Tremora* b = jobs.b;
+        QThreadPool& pool = jobs.pool;
         PipeFeeder firstFeeder(a->m_path, firstBytes, firstBytes.size() / 4);
         PipeFeeder secondFeeder(b->m_path, secondBytes, secondBytes.size() / 4);
         QVERIFY(firstFeeder.isOpen() && secondFeeder.isOpen());
