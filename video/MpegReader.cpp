@@ -38,6 +38,10 @@ struct MpegReaderState {
 
 namespace {
 
+// The container's start and duration are in microseconds; FFmpeg's AV_TIME_BASE_Q is a C
+// compound literal, which C++ compilers other than GCC refuse.
+constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
+
 FormatContextPtr openLocalFile(const char* path)
 {
     // With the "file:" prefix the whole path is a file name, even one that starts like a
@@ -186,7 +190,7 @@ int64_t firstTimestamp(const AVFormatContext& context, const AVStream& stream)
     if (stream.start_time != AV_NOPTS_VALUE)
         return stream.start_time;
     if (context.start_time != AV_NOPTS_VALUE)
-        return av_rescale_q(context.start_time, AV_TIME_BASE_Q, stream.time_base);
+        return av_rescale_q(context.start_time, kMicroseconds, stream.time_base);
     return 0;
 }
 
@@ -233,7 +237,7 @@ int64_t endTimestamp(const MpegReaderState& state)
     if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0)
         return state.startTimestamp + stream.duration;
     if (context.duration != AV_NOPTS_VALUE && context.duration > 0)
-        return state.startTimestamp + av_rescale_q(context.duration, AV_TIME_BASE_Q, stream.time_base);
+        return state.startTimestamp + av_rescale_q(context.duration, kMicroseconds, stream.time_base);
     return std::numeric_limits<int64_t>::max();
 }
 

@@ -104,9 +104,7 @@ constexpr int kTallyBlock = 512;
 
 // The rows a loop reads and writes never overlap, but once the loop is inlined through the
 // block lambdas the compiler no longer knows it, and would not vectorise it.
-#if defined(__clang__)
-#define TREMORA_ROWS_APART _Pragma("clang loop vectorize(assume_safety)")
-#elif defined(__GNUC__)
+#if defined(__GNUC__) && !defined(__clang__)
 #define TREMORA_ROWS_APART _Pragma("GCC ivdep")
 #else
 #define TREMORA_ROWS_APART
