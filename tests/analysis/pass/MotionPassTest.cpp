@@ -289,6 +289,19 @@ private:
         return path;
     }
 
+    // One square at A for frames 0-9, at B for 10-69, back at A from 70: motion at A and B in
+    // pairs 9 and 69, 60 apart, so two events each. Another at C that leaves in pair 19 and
+    // returns in pair 49, 30 apart: one event.
+    static std::vector<cv::Mat> movingSquares()
+    {
+        return squares(kSize, 80, [](int i) {
+            std::vector<cv::Point> at{i < 10 || i >= 70 ? kA : kB};
+            if (i < 20 || i >= 50)
+                at.push_back(kC);
+            return at;
+        });
+    }
+
     // A raw H.264 stream of `frames` frames at 20 a second: it carries no timestamps at all,
     // only its frame rate. Empty when it cannot be made.
     QString untimedClip(const QString& name, int frames)
@@ -609,15 +622,7 @@ private slots:
 
     void movingSquaresCountExactlyWithoutBlur()
     {
-        // One square at A for frames 0-9, at B for 10-69, back at A from 70: motion at A and
-        // B in pairs 9 and 69, 60 apart, so two events each. Another at C that leaves in
-        // pair 19 and returns in pair 49, 30 apart: one event.
-        const auto frames = squares(kSize, 80, [](int i) {
-            std::vector<cv::Point> at{i < 10 || i >= 70 ? kA : kB};
-            if (i < 20 || i >= 50)
-                at.push_back(kC);
-            return at;
-        });
+        const auto frames = movingSquares();
         RecordingHooks hooks;
         const PassResult result = runPass(clip("moving.mkv", frames), hooks, false);
         QCOMPARE(result.outcome, MotionPassOutcome::Finished);
@@ -627,12 +632,7 @@ private slots:
 
     void movingSquaresWithBlurMatchTheReference()
     {
-        const auto frames = squares(kSize, 80, [](int i) {
-            std::vector<cv::Point> at{i < 10 || i >= 70 ? kA : kB};
-            if (i < 20 || i >= 50)
-                at.push_back(kC);
-            return at;
-        });
+        const auto frames = movingSquares();
         RecordingHooks hooks;
         const PassResult result = runPass(clip("moving.mkv", frames), hooks, true);
         const cv::Mat expected = referenceCounts(frames, true);
