@@ -67,6 +67,13 @@ bool sameImage(const QString& path, const QImage& expected)
            && saved.convertToFormat(expected.format()) == expected;
 }
 
+// True for a map of the grey test scene once its background is learnt: before, the job's map
+// lies on black.
+bool hasLearntBackground(const QImage& map)
+{
+    return !map.isNull() && map.pixel(0, 0) != qRgb(0, 0, 0);
+}
+
 // Limits the size of any file this process writes, as a full disk would; writes beyond it
 // fail with EFBIG instead of killing the process. The old limit comes back on destruction.
 class FileSizeLimit {
@@ -520,7 +527,10 @@ void MapExportTest::processingJobSavesItsMapAsItStands()
     QVERIFY(QFile::copy(m_longClip, path));
     m_window->processFile(path);
     Tremora* job = jobAt(m_list, 0);
-    QTRY_VERIFY_WITH_TIMEOUT(!job->getResult().isNull(), kJobTimeoutMs);
+    // The first map, shown as the job starts, lies on a black background that is not learnt
+    // yet; from the first pair's background on, a still scene gives the same picture at every
+    // refresh.
+    QTRY_VERIFY_WITH_TIMEOUT(hasLearntBackground(job->getResult()), kJobTimeoutMs);
     QCOMPARE(stateOf(job), int(Tremora::Processing));
 
     const QString target = outFolder("out") + "/partial.png";
@@ -530,7 +540,6 @@ void MapExportTest::processingJobSavesItsMapAsItStands()
 
     QCOMPARE(stateOf(job), int(Tremora::Processing));
     QCOMPARE(script.unexpected(), 0);
-    // A still scene: every refresh of the map while the job runs gives the same picture.
     QCOMPARE(QImage(target).size(), QSize(320, 240));
     QVERIFY(sameImage(target, current));
 }
