@@ -1,11 +1,11 @@
 #include "ReportPage.h"
 
 #include <QCoreApplication>
-#include <QCollator>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QRegularExpression>
 #include <QUrl>
 
 #include <algorithm>
@@ -82,6 +82,41 @@ QString mapHtml(const ReportCard& card)
         html += QStringLiteral("<figcaption>%1</figcaption>")
                     .arg(ReportPage::escapeHtml(tr("Click a point of the map: when did motion begin there?")));
     return html + QStringLiteral("</figure>");
+}
+
+// Names as people sort them: case aside, and numbers by value, so that cam9 comes before
+// cam10.
+bool naturalLess(const QString& a, const QString& b)
+{
+    int i = 0;
+    int j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            int endA = i;
+            int endB = j;
+            while (endA < a.size() && a[endA].isDigit())
+                ++endA;
+            while (endB < b.size() && b[endB].isDigit())
+                ++endB;
+            const QString numberA = a.mid(i, endA - i).remove(QRegularExpression(QStringLiteral("^0+(?=.)")));
+            const QString numberB = b.mid(j, endB - j).remove(QRegularExpression(QStringLiteral("^0+(?=.)")));
+            if (numberA.size() != numberB.size())
+                return numberA.size() < numberB.size();
+            if (numberA != numberB)
+                return numberA < numberB;
+            i = endA;
+            j = endB;
+            continue;
+        }
+        const int order = QString::compare(a.mid(i, 1), b.mid(j, 1), Qt::CaseInsensitive);
+        if (order != 0)
+            return order < 0;
+        ++i;
+        ++j;
+    }
+    if (a.size() - i != b.size() - j)
+        return a.size() - i < b.size() - j;
+    return a < b;
 }
 
 QString cardHtml(const ReportCard& card)
@@ -193,10 +228,8 @@ QByteArray render(const QString& title, std::vector<ReportCard> cards)
     QString page = QString::fromUtf8(resource(QStringLiteral("index.html")));
     if (page.isEmpty())
         return {};
-    QCollator collator;
-    collator.setNumericMode(true);
-    std::stable_sort(cards.begin(), cards.end(), [&](const ReportCard& a, const ReportCard& b) {
-        return collator.compare(a.sortName, b.sortName) < 0;
+    std::stable_sort(cards.begin(), cards.end(), [](const ReportCard& a, const ReportCard& b) {
+        return naturalLess(a.sortName, b.sortName);
     });
     QString html;
     for (const ReportCard& card : cards)
