@@ -16,7 +16,11 @@ void ActivityBySecond::add(const MotionPassHooks::PairRecord& record)
     last.newEvents += record.newEvents;
 }
 
-QString encodeSeconds(const std::vector<std::int64_t>& seconds)
+namespace {
+
+const char kBitDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+QString runsOf(const std::vector<std::int64_t>& seconds)
 {
     QString text;
     std::int64_t runEnd = 0;
@@ -35,11 +39,23 @@ QString encodeSeconds(const std::vector<std::int64_t>& seconds)
     return text;
 }
 
-bool decodeSeconds(const QString& text, std::vector<std::int64_t>* seconds)
+// "~" and six seconds a character, from second 0 to the last; empty when longer than `limit`.
+QString bitsOf(const std::vector<std::int64_t>& seconds, int limit)
 {
-    seconds->clear();
-    if (text.isEmpty())
-        return true;
+    const std::int64_t characters = seconds.back() / 6 + 1;
+    if (characters + 1 > limit)
+        return {};
+    std::vector<int> digits(static_cast<size_t>(characters), 0);
+    for (const std::int64_t second : seconds)
+        digits[static_cast<size_t>(second / 6)] |= 1 << (second % 6);
+    QString text(QLatin1Char('~'));
+    for (const int digit : digits)
+        text += QLatin1Char(kBitDigits[digit]);
+    return text;
+}
+
+bool decodeRuns(const QString& text, std::vector<std::int64_t>* seconds)
+{
     std::int64_t runEnd = 0;
     for (const QString& run : text.split(QLatin1Char(','))) {
         const QStringList parts = run.split(QLatin1Char('+'));
@@ -54,6 +70,40 @@ bool decodeSeconds(const QString& text, std::vector<std::int64_t>* seconds)
         runEnd = start + more;
     }
     return true;
+}
+
+bool decodeBits(const QString& text, std::vector<std::int64_t>* seconds)
+{
+    const QByteArray digits(kBitDigits);
+    for (int i = 1; i < text.size(); ++i) {
+        const int digit = digits.indexOf(text[i].toLatin1());
+        if (text[i].unicode() > 127 || digit < 0)
+            return false;
+        for (int bit = 0; bit < 6; ++bit) {
+            if (digit & (1 << bit))
+                seconds->push_back(static_cast<std::int64_t>(i - 1) * 6 + bit);
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+QString encodeSeconds(const std::vector<std::int64_t>& seconds)
+{
+    if (seconds.empty())
+        return {};
+    const QString runs = runsOf(seconds);
+    const QString bits = bitsOf(seconds, static_cast<int>(runs.size()) - 1);
+    return bits.isEmpty() ? runs : bits;
+}
+
+bool decodeSeconds(const QString& text, std::vector<std::int64_t>* seconds)
+{
+    seconds->clear();
+    if (text.isEmpty())
+        return true;
+    return text.startsWith(QLatin1Char('~')) ? decodeBits(text, seconds) : decodeRuns(text, seconds);
 }
 
 QByteArray script(const QString& name, const QByteArray& objectJson)

@@ -36,10 +36,13 @@ private:
     std::vector<Second> m_seconds;
 };
 
-// Sorted distinct seconds as text: runs of consecutive seconds, each written as its distance
-// from the end of the run before (from 0 for the first) and, for a run longer than one
-// second, "+" and the seconds that follow it; comma-separated. {2, 3, 4, 9, 20, 21} gives
-// "2+2,5,11+1". Empty for none.
+// Sorted distinct seconds as text, in the shorter of two forms. Runs: each run of consecutive
+// seconds written as its distance from the end of the run before (from 0 for the first)
+// and, for a run longer than one second, "+" and the seconds that follow its first;
+// comma-separated: {2, 3, 4, 90, 200, 201} gives "2+2,86,110+1". Bits, where a cell is busy: "~"
+// and one character of "A-Za-z0-9-_" for every six seconds from 0 to the last, its value's
+// bit k set when second 6i + k is one: {0, 1, 2, 4, 6, 8} gives "~XF". The bits bound a cell
+// to 601 characters an hour however busy it is. Empty for none.
 QString encodeSeconds(const std::vector<std::int64_t>& seconds);
 // The inverse; false on malformed text.
 bool decodeSeconds(const QString& text, std::vector<std::int64_t>* seconds);

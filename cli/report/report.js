@@ -46,10 +46,20 @@ var Tremora = (function () {
     return new Date(start + seconds * 1000).toLocaleTimeString();
   }
 
-  // Inverse of the tool's encoding: runs of seconds, "gap[+more]" each, comma-separated.
+  var BIT_DIGITS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+  // Inverse of the tool's encoding: "~" and six seconds a character for a busy cell, else
+  // runs of seconds, "gap[+more]" each, comma-separated.
   function decodeSeconds(text) {
     var out = [];
     if (!text) return out;
+    if (text.charAt(0) === "~") {
+      for (var i = 1; i < text.length; i++) {
+        var digit = BIT_DIGITS.indexOf(text.charAt(i));
+        for (var bit = 0; bit < 6; bit++) if (digit & (1 << bit)) out.push((i - 1) * 6 + bit);
+      }
+      return out;
+    }
     var end = 0;
     text.split(",").forEach(function (run) {
       var parts = run.split("+");
