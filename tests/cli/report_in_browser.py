@@ -191,6 +191,11 @@ def check_report(tool, work):
         listed = listed_seconds(driver, card_id)
         check([s for s, _, _ in listed] == HOT_SECONDS, "Enter on the top-left cell lists %r" % listed)
 
+        # Busy cells come as bits; the page reads both of the tool's forms.
+        decoded = driver.execute_script(
+            "return [Tremora.decodeSeconds('~q'), Tremora.decodeSeconds('2+2,86'), Tremora.decodeSeconds('~AAqC')];")
+        check(decoded == [[1, 3, 5], [2, 3, 4, 90], [13, 15, 17, 19]], "the page decodes times: %r" % decoded)
+
         errors = console_errors(driver)
         check(not errors, "console errors: %r" % errors)
 
