@@ -180,6 +180,14 @@ def check_report(tool, work):
         check(driver.execute_script("return document.querySelector('#%s video').error" % card_id) is None,
               "the browser plays the clip")
 
+        # Hovering the chart shows the time and the values there: the square shows at 2.5 s.
+        svg = card.find_element(By.CSS_SELECTOR, ".chart svg")
+        ActionChains(driver).move_to_element_with_offset(svg, svg.size["width"] * (2.5 / 10 - 0.5), 0).perform()
+        tip = wait_for(driver, "var t = document.querySelector('#%s .chart .tip');"
+                       "return t && !t.hidden ? t.textContent : null;" % card_id)
+        check(tip.startswith("0:02 ") and "moving pixels" in tip and "new events" in tip, "the chart's tip: %r" % tip)
+        check(not tip.startswith("0:02 · 0 moving"), "the tip shows the motion of second 2: %r" % tip)
+
         # Keyboard: the map takes the focus, Enter lists the times of the cell under the cursor.
         img = card.find_element(By.CSS_SELECTOR, ".map img")
         driver.execute_script("arguments[0].focus()", img)
