@@ -269,6 +269,7 @@ Examples:
   tremora-map --format jpg --output-dir maps *.mp4
   tremora-map --jobs 0 --counts --background -o out camera1/*.mkv
   tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
+  tremora-map --output-dir maps --report maps/report camera1/*.mp4
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }
