@@ -88,7 +88,10 @@ var Tremora = (function () {
     var W = 1000, H = 100;
     var key = el("div", { "class": "legend-key" }, box);
     key.innerHTML = '<span class="k-moving">moving pixels</span><span class="k-events">new events</span>' +
-      '<span class="k-marks">chosen point</span><span>0:00 – ' + clock(last) + "</span>";
+      '<span class="k-marks">chosen point</span>';
+    var wallStart = wallClock(card, 0);
+    el("span", { "class": "span" }, key).textContent = "0:00 – " + clock(last) +
+      (wallStart ? " (" + wallStart + " – " + wallClock(card, last) + ")" : "");
     var svg = el("svg", { viewBox: "0 0 " + W + " " + H, preserveAspectRatio: "none", focusable: "false" }, box, true);
     var x = function (s) { return (s + 0.5) / last * W; };
     var area = "M0," + H;

@@ -49,7 +49,8 @@ def make_clip(path, extra=()):
          "color=c=0x505050:s=%dx%d:d=10:r=25,format=yuv420p,"
          "drawbox=x=8:y=8:w=24:h=24:color=white:t=fill:"
          "enable='between(t,2.5,2.7)+between(t,6.5,6.7)'" % SIZE,
-         "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12", *extra, path],
+         "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12",
+         "-metadata", "creation_time=2024-05-01T10:00:00Z", *extra, path],
         check=True)
 
 
@@ -179,6 +180,17 @@ def check_report(tool, work):
                  "return v && v.readyState >= 1 && !v.seeking && v.currentTime >= 6 && v.currentTime < 7;" % card_id)
         check(driver.execute_script("return document.querySelector('#%s video').error" % card_id) is None,
               "the browser plays the clip")
+
+        # The container's creation time: shown, and the times read as clock times too.
+        figures = card.find_element(By.CSS_SELECTOR, ".figures").text
+        check("2024-05-01T10:00:00" in figures, "the card shows when the video was recorded: %r" % figures)
+        wall = driver.execute_script("return new Date(Date.parse('2024-05-01T10:00:06Z')).toLocaleTimeString()")
+        titles = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#%s .time-list a')).map(a => a.title);" % card_id)
+        check(titles[1] == wall, "the time 0:06 reads as %r on the clock, got %r" % (wall, titles))
+        start = driver.execute_script("return new Date(Date.parse('2024-05-01T10:00:00Z')).toLocaleTimeString()")
+        key = card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text
+        check(start in key and "0:00 – 0:10" in key, "the chart spans 0:10 from %r: %r" % (start, key))
 
         # Hovering the chart shows the time and the values there: the square shows at 2.5 s.
         svg = card.find_element(By.CSS_SELECTOR, ".chart svg")
