@@ -7,11 +7,17 @@
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "ProgressOutput.h"
+#include "ReportData.h"
+#include "ReportFolder.h"
+#include "ReportPage.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonObject>
+#include <QSaveFile>
 #include <QThread>
 #include <QThreadPool>
 
@@ -43,6 +49,8 @@ bool isFinal(FileState state)
 // seen the final state.
 struct FileJob {
     PlannedInput input;
+    QString key;                     // names the input's files in a report
+    QJsonObject manifest;            // with --data, written with `error`
     qint64 size = 0;
     std::atomic<FileState> state{FileState::Waiting};
     std::atomic<qint64> position{0};
@@ -60,12 +68,14 @@ using FileJobs = std::vector<std::unique_ptr<FileJob>>;
 
 class FileHooks final : public MotionPassHooks {
 public:
-    // `activity` receives every pair's record; null without --data.
-    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity)
+    // `activity` and `seconds` receive every pair's record; null without --data and --report.
+    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity,
+              ReportData::ActivityBySecond* seconds)
         : m_job(job)
         , m_cancel(cancel)
         , m_pairs(pairs)
         , m_activity(activity)
+        , m_seconds(seconds)
     {
     }
 
@@ -77,6 +87,8 @@ public:
     {
         if (m_activity)
             m_activity->add(record);
+        if (m_seconds)
+            m_seconds->add(record);
     }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
@@ -86,6 +98,7 @@ private:
     const std::atomic<int>& m_cancel;
     AtomicCounter& m_pairs;
     ActivityCsv* m_activity;
+    ReportData::ActivityBySecond* m_seconds;
 };
 
 // A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
@@ -162,12 +175,14 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
+    if (!options.reportDir.isEmpty())
+        settings.eventCellSize = ReportData::kCellSize;
     return settings;
 }
 
 // The manifest of a pass that has ended, when --data asks for one; `error` is the job's
 // error so far and receives the manifest's own when it cannot be written.
-void writeManifest(const FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
+void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
                    Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error)
 {
     if (!options.data)
@@ -180,19 +195,48 @@ void writeManifest(const FileJob& job, const MapToolOptions& options, const Moti
     content.error = error;
     content.written = written;
     content.pairsWithMotion = pairsWithMotion;
-    const QString manifestError = Manifest::write(job.input.manifestPath, Manifest::build(content), options.overwrite);
+    job.manifest = Manifest::build(content);
+    const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest, options.overwrite);
     if (error.isEmpty())
         error = manifestError;
 }
 
-// Pool thread.
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QSaveFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
+}
+
+// The card's data in the report's staging folder `staging`: the activity by second and when
+// events began per cell. The error, empty on success.
+QString writeReportData(const FileJob& job, const QString& staging, const MotionPassFacts& facts,
+                        const ReportData::ActivityBySecond& seconds)
+{
+    const QDir data(staging + QStringLiteral("/data"));
+    const QString activity = data.filePath(job.key + QStringLiteral(".activity.js"));
+    const QString cells = data.filePath(job.key + QStringLiteral(".cells.js"));
+    if (!writeFile(activity, ReportData::script(job.key + QStringLiteral(".activity"),
+                                                ReportData::activityJson(seconds.seconds()))))
+        return tr("Can't save file '%1'").arg(activity);
+    if (!facts.eventTimes.empty()
+        && !writeFile(cells, ReportData::script(job.key + QStringLiteral(".cells"),
+                                                ReportData::cellsJson(facts.eventTimes, facts.video.width,
+                                                                      facts.video.height))))
+        return tr("Can't save file '%1'").arg(cells);
+    return {};
+}
+
+// Pool thread. `reportStaging`, when not empty, receives the input's report data.
 void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, int decoderThreads,
-             const std::atomic<int>& cancel, AtomicCounter& pairs)
+             const std::atomic<int>& cancel, AtomicCounter& pairs, const QString& reportStaging)
 {
     std::unique_ptr<ActivityCsv> activity;
     if (options.data)
         activity = std::make_unique<ActivityCsv>(job.input.activityPath);
-    FileHooks hooks(job, cancel, pairs, activity.get());
+    std::unique_ptr<ReportData::ActivityBySecond> seconds;
+    if (!reportStaging.isEmpty())
+        seconds = std::make_unique<ReportData::ActivityBySecond>();
+    FileHooks hooks(job, cancel, pairs, activity.get(), seconds.get());
     cv::Mat motionCount;
     cv::Mat background;
     MotionPassFacts facts;
@@ -222,21 +266,25 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
     }
     writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
                   pairsWithMotion, error);
+    if (seconds && error.isEmpty())
+        error = writeReportData(job, reportStaging, facts, *seconds);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
 class Driver {
 public:
     Driver(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report)
         : m_options(options)
         , m_mask(mask)
+        , m_report(report)
         , m_output(output)
         , m_cancel(cancel)
     {
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
             job->input = input;
+            job->key = QString::number(m_jobs.size() + 1);
             job->size = QFileInfo(input.video).size();
             m_jobs.push_back(std::move(job));
         }
@@ -254,12 +302,15 @@ public:
             m_output.show(snapshot(), m_clock.elapsed());
         }
         m_output.finish();
+        writeReport();
         return exitStatus();
     }
 
 private:
     void startAll()
     {
+        if (m_report)
+            m_reportStaging = m_report->stagingPath();
         // All counted before the first starts, which may be at once.
         m_filesToStart = static_cast<int>(std::count_if(m_jobs.begin(), m_jobs.end(), [](const auto& job) {
             return job->input.error.isEmpty();
@@ -274,7 +325,7 @@ private:
             FileJob* file = job.get();
             m_pool.start([this, file] {
                 const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
-                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs);
+                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs, m_reportStaging);
             });
         }
     }
@@ -329,6 +380,52 @@ private:
         return shot;
     }
 
+    // The page over every input once all have ended; not after a cancel, which leaves an
+    // earlier report as it was.
+    void writeReport()
+    {
+        if (!m_report || m_cancel.load(std::memory_order_relaxed) != 0)
+            return;
+        std::vector<ReportCard> cards;
+        for (const auto& job : m_jobs)
+            cards.push_back(cardOf(*job));
+        const QString error = writePage(cards);
+        if (!error.isEmpty()) {
+            m_output.error(error);
+            ++m_failures;
+        }
+    }
+
+    ReportCard cardOf(const FileJob& job) const
+    {
+        const QString staging = m_report->stagingPath();
+        QString mapFile;
+        if (job.reported == FileState::Done) {
+            mapFile = QStringLiteral("maps/%1.%2").arg(job.key, QFileInfo(job.input.mapPath).suffix());
+            if (!QFile::copy(job.input.mapPath, staging + QLatin1Char('/') + mapFile))
+                mapFile.clear();
+        }
+        ReportCard card = ReportPage::inputCard(job.key, job.input.video, job.manifest, job.input.error, mapFile,
+                                                m_report->finalPath());
+        const QString data = staging + QStringLiteral("/data/") + job.key;
+        card.hasActivity = QFileInfo::exists(data + QStringLiteral(".activity.js"));
+        card.hasCells = QFileInfo::exists(data + QStringLiteral(".cells.js"));
+        return card;
+    }
+
+    QString writePage(const std::vector<ReportCard>& cards) const
+    {
+        const QString staging = m_report->stagingPath();
+        const QByteArray page = ReportPage::render(tr("Tremora report"), cards);
+        if (page.isEmpty() || !writeFile(staging + QStringLiteral("/index.html"), page))
+            return tr("Can't write report folder '%1'").arg(m_report->finalPath());
+        for (const auto& [name, bytes] : ReportPage::assets()) {
+            if (bytes.isEmpty() || !writeFile(staging + QLatin1Char('/') + name, bytes))
+                return tr("Can't write report folder '%1'").arg(m_report->finalPath());
+        }
+        return m_report->publish();
+    }
+
     int exitStatus() const
     {
         if (m_cancel.load(std::memory_order_relaxed) != 0)
@@ -338,6 +435,8 @@ private:
 
     const MapToolOptions& m_options;
     const cv::Mat& m_mask;
+    ReportFolder* m_report;
+    QString m_reportStaging;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
     std::atomic<int> m_filesToStart{0};
@@ -355,9 +454,9 @@ private:
 namespace MapRun {
 
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report)
 {
-    return Driver(options, inputs, output, cancel, mask).exec();
+    return Driver(options, inputs, output, cancel, mask, report).exec();
 }
 
 QImage countsImage(const cv::Mat& motionCount)

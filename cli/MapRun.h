@@ -11,6 +11,7 @@
 #include <vector>
 
 class ProgressOutput;
+class ReportFolder;
 
 namespace MapRun {
 
@@ -31,8 +32,12 @@ constexpr int kExitInterrupted = 130;
 // kExitInterrupted when canceled, kExitFailure otherwise.
 // Blocks until every pass has ended. Call from one thread at a time.
 // `mask` (see MotionPassSettings::mask) applies to every input; empty for none.
+// `report`, when given and prepared, receives each input's report data as its pass ends and,
+// once every pass has ended (and none was canceled), the page, which then takes the report
+// folder's place; a report that cannot be written counts as a failure, the maps stay.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {});
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {},
+        ReportFolder* report = nullptr);
 
 // The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
 QImage countsImage(const cv::Mat& motionCount);

@@ -5,6 +5,7 @@
 #include "MaskFile.h"
 #include "OutputPlan.h"
 #include "ProgressOutput.h"
+#include "ReportFolder.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -52,7 +53,16 @@ int runMaps(const MapToolOptions& options, const cv::Mat& mask, const MapTool::C
         output.error(tr("Can't create folder '%1'").arg(options.outputDir));
         return MapRun::kExitFailure;
     }
-    return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask);
+    if (options.reportDir.isEmpty())
+        return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask);
+    // A report that cannot be written costs the run its success, not its maps.
+    ReportFolder report(options.reportDir);
+    QString reportError;
+    if (!report.prepare(&reportError))
+        output.error(reportError);
+    const int status = MapRun::run(options, OutputPlan::plan(options), output, cancel, mask,
+                                   reportError.isEmpty() ? &report : nullptr);
+    return reportError.isEmpty() || status != MapRun::kExitSuccess ? status : MapRun::kExitFailure;
 }
 
 } // namespace
@@ -73,6 +83,12 @@ int run(const QStringList& arguments, Console console, const std::atomic<int>& c
         return MapRun::kExitSuccess;
     case ParsedCommandLine::Action::Run:
         break;
+    }
+    // A report folder that holds something not to be replaced is found before any analysis.
+    if (!parsed.options.reportDir.isEmpty()) {
+        const QString refused = ReportFolder::refusal(parsed.options.reportDir, parsed.options.overwrite);
+        if (!refused.isEmpty())
+            return usageError(console.err, refused);
     }
     // A mask that cannot be used is a usage error, found before any file is touched.
     cv::Mat mask;

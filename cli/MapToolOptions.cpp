@@ -29,6 +29,7 @@ struct Options {
     QCommandLineOption quiet{{"q", "quiet"}};
     QCommandLineOption data{"data"};
     QCommandLineOption mask{"mask", {}, "FILE"};
+    QCommandLineOption report{"report", {}, "DIR"};
     QCommandLineOption start{"start", {}, "T"};
     QCommandLineOption end{"end", {}, "T"};
     QCommandLineOption help{{"h", "help"}};
@@ -36,8 +37,8 @@ struct Options {
 
     void addTo(QCommandLineParser& parser) const
     {
-        parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, start, end,
-                           help, version});
+        parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
+                           end, help, version});
     }
 };
 
@@ -117,7 +118,13 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     options.blur = !parser.isSet(o.noBlur);
     options.overwrite = parser.isSet(o.overwrite);
     options.quiet = parser.isSet(o.quiet);
-    options.data = parser.isSet(o.data);
+    if (parser.isSet(o.report)) {
+        options.reportDir = parser.value(o.report);
+        if (options.reportDir.isEmpty())
+            return usageError(tr("The report folder must not be empty."));
+    }
+    // The report's cards are drawn from the manifest, its chart from the activity.
+    options.data = parser.isSet(o.data) || !options.reportDir.isEmpty();
     const QString windowError = readWindowAndMask(parser, o, options);
     if (!windowError.isEmpty())
         return usageError(windowError);
@@ -211,7 +218,11 @@ Options:
       --start T         Analyse from time T on (seconds, or [hh:]mm:ss[.fff]),
                         seeking to the key frame before it.
       --end T           Analyse up to time T.
-      --overwrite       Replace output files that exist already.
+      --report DIR      Also write DIR/index.html, a page that shows every
+                        map with its figures and activity over time, and
+                        when motion began at a point of a map. Implies --data.
+      --overwrite       Replace output files that exist already (and an
+                        earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are
                         still printed.
   -h, --help            Show this text and exit.
@@ -258,6 +269,7 @@ Examples:
   tremora-map --format jpg --output-dir maps *.mp4
   tremora-map --jobs 0 --counts --background -o out camera1/*.mkv
   tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
+  tremora-map --output-dir maps --report maps/report camera1/*.mp4
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

@@ -19,6 +19,8 @@ struct MapToolOptions {
     // --data: the exact counts, the background, the activity and a manifest besides the map.
     bool data = false;
     QString maskPath;     // empty: every pixel is analysed
+    // --report DIR: an HTML page of every input in DIR; implies `data`. Empty: no report.
+    QString reportDir;
     // The time window, in seconds from each video's start.
     double start = 0.0;
     double end = std::numeric_limits<double>::infinity();

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -118,6 +119,8 @@ MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size
 {
     MotionCounter::Detail detail;
     detail.enabled = settings.detailed || !settings.mask.empty();
+    if (settings.detailed)
+        detail.cellSize = std::max(settings.eventCellSize, 0);
     if (!settings.mask.empty())
         detail.mask = MotionPass::maskAt(settings.mask, size);
     return detail;
@@ -142,6 +145,8 @@ public:
         , m_backgroundAtFirstPair(settings.backgroundAtMilestones)
         , m_reportPairs(settings.detailed)
         , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads), counterDetail(settings, size))
+        , m_eventTimes(settings.detailed && settings.eventCellSize > 0 ? CellEventTimes(size, settings.eventCellSize)
+                                                                        : CellEventTimes())
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
@@ -168,6 +173,7 @@ public:
 
     int pairs() const { return m_counter.pairs(); }
     const cv::Mat& exactCounts() const { return m_counter.exactCounts(); }
+    CellEventTimes takeEventTimes() { return std::move(m_eventTimes); }
 
 private:
     // A frame of another size than the first (a stream changing its resolution), and the
@@ -195,6 +201,8 @@ private:
         if (m_reportPairs) {
             const MotionCounter::PairActivity activity = m_counter.lastPair();
             m_hooks.pairCounted({pairIndex, time, activity.movingPixels, activity.newEvents});
+            if (!m_eventTimes.empty() && activity.newEvents > 0)
+                m_eventTimes.record(static_cast<std::int64_t>(std::floor(time)), m_counter.lastPairCells());
         }
     }
 
@@ -222,6 +230,7 @@ private:
     const bool m_backgroundAtFirstPair;
     const bool m_reportPairs;
     MotionCounter m_counter;
+    CellEventTimes m_eventTimes;
     AsyncBackgroundLearner m_learner;
     cv::Mat& m_motionCount;
     cv::Mat& m_background;
@@ -306,6 +315,7 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
         facts.pairsAnalysed = pairs.pairs();
         if (settings.detailed)
             facts.exactCounts = pairs.exactCounts();
+        facts.eventTimes = pairs.takeEventTimes();
     };
     if (decoderThreads > 1)
         runBelowDecoder(loop);

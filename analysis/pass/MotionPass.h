@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 
+#include "CellEventTimes.h"
 #include "VideoInfo.h"
 
 #include <opencv2/core/mat.hpp>
@@ -73,6 +74,9 @@ struct MotionPassSettings {
     // Keep the exact count of events (MotionPassFacts::exactCounts) and report every pair's
     // activity (MotionPassHooks::pairCounted). Costs a slower counting loop; off by default.
     bool detailed = false;
+    // With `detailed`, and above 0: also record, in cells of this many pixels square, the
+    // seconds at which events began (MotionPassFacts::eventTimes). 0: not recorded, at no cost.
+    int eventCellSize = 0;
     // 8-bit 1-channel picture of any size: 0 where pixels are ignored (they never move and
     // never count), anything else where they are analysed. Scaled to the video's size by
     // taking, for each video pixel, the mask pixel under its centre. Empty: every pixel.
@@ -91,6 +95,9 @@ struct MotionPassFacts {
     std::int64_t framesDecoded = 0;  // frames the pass read, those before the window included
     int pairsAnalysed = 0;
     cv::Mat exactCounts;             // with MotionPassSettings::detailed: 16-bit, saturating
+    // With MotionPassSettings::eventCellSize: per cell, the seconds (floor of the pair's time)
+    // at which an event began in any of its pixels.
+    CellEventTimes eventTimes;
 };
 
 enum class MotionPassOutcome {

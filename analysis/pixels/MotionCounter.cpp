@@ -62,7 +62,19 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
         m_mask = analysedPixels(size, detail.mask);
         m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
         m_stripeTallies.resize(static_cast<size_t>(m_stripes));
+        if (detail.cellSize > 0)
+            setUpCells(size, detail.cellSize);
     }
+}
+
+void MotionCounter::setUpCells(cv::Size size, int cellSize)
+{
+    m_cellSize = cellSize;
+    m_cellColumns = (size.width + cellSize - 1) / cellSize;
+    const size_t cells = static_cast<size_t>(m_cellColumns) * static_cast<size_t>((size.height + cellSize - 1) / cellSize);
+    m_lastCells.assign(cells, 0);
+    m_stripeCells.assign(cells * static_cast<size_t>(m_stripes), 0);
+    m_quietBefore.assign(static_cast<size_t>(size.width) * static_cast<size_t>(m_stripes), 0);
 }
 
 template <typename Work>
@@ -94,13 +106,15 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
 {
     if (m_detailed) {
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
-            countRowsDetailed(frame, motionCount, firstRow, endRow, sums, m_stripeTallies[static_cast<size_t>(stripe)]);
+            countRowsDetailed(frame, motionCount, stripe, firstRow, endRow, sums);
         });
         m_lastPair = {};
         for (const PairActivity& tally : m_stripeTallies) {
             m_lastPair.movingPixels += tally.movingPixels;
             m_lastPair.newEvents += tally.newEvents;
         }
+        if (m_cellSize > 0 && m_lastPair.newEvents > 0)
+            mergeCellHits();
     } else {
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
             countRows(frame, motionCount, firstRow, endRow, sums);
@@ -138,18 +152,25 @@ void MotionCounter::countRows(const cv::Mat& frame, cv::Mat& motionCount, int fi
     }
 }
 
-void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow,
-                                      std::uint16_t* sums, PairActivity& tally)
+void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow,
+                                      int endRow, std::uint16_t* sums)
 {
+    PairActivity& tally = m_stripeTallies[static_cast<size_t>(stripe)];
     const int width = m_previous.cols;
     const std::uint8_t threshold = thresholdByte(m_threshold);
     tally = {};
+    std::uint8_t* quietBefore = m_cellSize > 0 ? m_quietBefore.data() + static_cast<size_t>(stripe) * width : nullptr;
+    std::uint8_t* hits = m_cellSize > 0 ? m_stripeCells.data() + static_cast<size_t>(stripe) * m_lastCells.size() : nullptr;
+    if (hits)
+        std::fill(hits, hits + m_lastCells.size(), std::uint8_t{0});
     for (int y = firstRow; y < endRow; ++y) {
         std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
         std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
         std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
         std::uint16_t* events = m_events.ptr<std::uint16_t>(y);
         const std::uint8_t* mask = m_mask.ptr<std::uint8_t>(y);
+        if (quietBefore)
+            std::memcpy(quietBefore, quiet, static_cast<size_t>(width));
         const MotionKernels::RowTally row = m_blur
             ? MotionKernels::countBlurredRowDetailed(columnSums(frame, y, firstRow, sums), previous, quiet, counts,
                                                      events, mask, width, threshold)
@@ -157,6 +178,29 @@ void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount
                                               width, threshold);
         tally.movingPixels += row.moving;
         tally.newEvents += row.newEvents;
+        if (quietBefore && row.newEvents > 0)
+            markNewEventCells(y, quietBefore, hits);
+    }
+}
+
+void MotionCounter::markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const
+{
+    const std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+    std::uint8_t* rowHits = hits + static_cast<size_t>(y / m_cellSize) * static_cast<size_t>(m_cellColumns);
+    for (int x = 0; x < m_quiet.cols; ++x) {
+        if (quiet[x] == 0 && quietBefore[x] == MotionKernels::kQuietForNewEvent)
+            rowHits[x / m_cellSize] = 1;
+    }
+}
+
+void MotionCounter::mergeCellHits()
+{
+    const size_t cells = m_lastCells.size();
+    std::fill(m_lastCells.begin(), m_lastCells.end(), std::uint8_t{0});
+    for (int stripe = 0; stripe < m_stripes; ++stripe) {
+        const std::uint8_t* hits = m_stripeCells.data() + static_cast<size_t>(stripe) * cells;
+        for (size_t cell = 0; cell < cells; ++cell)
+            m_lastCells[cell] |= hits[cell];
     }
 }
 

@@ -46,6 +46,10 @@ public:
         // 8-bit 1-channel of the video's size: 0 where pixels are ignored (they never move),
         // anything else where they are analysed. Empty: every pixel is analysed.
         cv::Mat mask;
+        // With `enabled`, and above 0: also note which cells of a grid of this many pixels
+        // square saw a new event in each pair (lastPairCells). Costs a copy of each row's
+        // quiet counts and a look at the rows with new events.
+        int cellSize = 0;
     };
 
     // `size` is the video's frame size; all working buffers are allocated here, once.
@@ -68,6 +72,11 @@ public:
     // saturating at 65535), and what the last addFrame() saw. Empty and zero otherwise.
     const cv::Mat& exactCounts() const { return m_events; }
     PairActivity lastPair() const { return m_lastPair; }
+    // With Detail::cellSize: one byte a cell of the grid (row by row, the last column and row
+    // of cells possibly narrower), non-zero where a new event began in the last pair. Only
+    // refreshed for pairs with new events: look at it when lastPair().newEvents > 0.
+    const std::vector<std::uint8_t>& lastPairCells() const { return m_lastCells; }
+    int cellColumns() const { return m_cellColumns; }
 
     double threshold() const { return m_threshold; }
     // Pairs analysed since start().
@@ -91,8 +100,14 @@ private:
     void startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums);
     void countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
 
-    void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums,
-                           PairActivity& tally);
+    // Counts the rows of `stripe` into its tally (and, with cells, its cell flags).
+    void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
+                           std::uint16_t* sums);
+    void setUpCells(cv::Size size, int cellSize);
+    // Flags, in the stripe's own `hits`, the cells of row `y` where a pixel's quiet count went
+    // from kQuietForNewEvent (`quietBefore`) to 0: a new event.
+    void markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const;
+    void mergeCellHits();
 
     bool m_blur;
     bool m_detailed;
@@ -110,4 +125,11 @@ private:
     cv::Mat m_events;
     std::vector<PairActivity> m_stripeTallies;
     PairActivity m_lastPair;
+    // Cells only: the cell size, the cells in a row of the grid, one flag buffer and one row of
+    // quiet counts a stripe, back to back, and the flags of the whole frame.
+    int m_cellSize = 0;
+    int m_cellColumns = 0;
+    std::vector<std::uint8_t> m_stripeCells;
+    std::vector<std::uint8_t> m_quietBefore;
+    std::vector<std::uint8_t> m_lastCells;
 };

@@ -12,6 +12,7 @@ TREMORA_PACKAGES=(
   fonts-dejavu-core
   time
   python3 python3-jsonschema python3-numpy python3-pil
+  chromium chromium-driver python3-selenium
 )
 
 # Installs whatever of the list is missing; prints nothing when everything is present.

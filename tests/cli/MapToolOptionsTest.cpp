@@ -43,6 +43,7 @@ private slots:
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue_data();
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue();
     void startEqualToEndIsAnEmptyWindowNotAnError();
+    void reportIsReadAndBringsTheData();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -186,7 +187,7 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
-                               "--mask FILE", "--start T", "--end T"})
+                               "--mask FILE", "--start T", "--end T", "--report DIR"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
@@ -294,3 +295,18 @@ void MapToolOptionsTest::startEqualToEndIsAnEmptyWindowNotAnError()
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)
 #include "MapToolOptionsTest.moc"
+
+void MapToolOptionsTest::reportIsReadAndBringsTheData()
+{
+    const ParsedCommandLine parsed = parse({"--report", "out/report", "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.reportDir, QStringLiteral("out/report"));
+    QVERIFY(parsed.options.data);
+    const ParsedCommandLine plain = parse({"a.mp4"});
+    QVERIFY(plain.options.reportDir.isEmpty());
+    QVERIFY(!plain.options.data);
+    const ParsedCommandLine empty = parse({"--report", "", "a.mp4"});
+    QCOMPARE(empty.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY(empty.error.contains(QStringLiteral("report folder")));
+    QCOMPARE(parse({"--report"}).action, ParsedCommandLine::Action::UsageError);
+}

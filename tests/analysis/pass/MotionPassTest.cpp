@@ -701,6 +701,68 @@ private slots:
         }
     }
 
+    void eventTimesOfEachCellAreTheSecondsItsEventsBegan()
+    {
+        // 25 frames a second. The square at A blinks on at frames 62 (2.48 s) and 187
+        // (7.48 s) for a few frames; the one at B moves in every frame from 100 to 120; C
+        // never moves.
+        const auto frames = squares(kSize, 250, [](int i) {
+            std::vector<cv::Point> at;
+            if ((i >= 62 && i < 66) || (i >= 187 && i < 190))
+                at.push_back(kA);
+            if (i >= 100 && i <= 120 && i % 2 == 0)
+                at.push_back(kB);
+            at.push_back(kC);
+            return at;
+        });
+        const QString path = clip("event-times.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        for (const bool blur : {true, false}) {
+            for (const int cellSize : {16, 5}) {
+                MotionPassSettings settings;
+                settings.blur = blur;
+                settings.eventCellSize = cellSize;
+                const DetailedPass pass = runDetailedPass(path, settings);
+                QCOMPARE(pass.outcome, MotionPassOutcome::Finished);
+                const CellEventTimes& times = pass.facts.eventTimes;
+                QCOMPARE(times.cellSize(), cellSize);
+                std::vector<double> pairTimes;
+                for (const auto& record : pass.records)
+                    pairTimes.push_back(record.time);
+                const auto expected = Reference::cellEventSeconds(referenceOver(frames, blur), kSize.width,
+                                                                  kSize.height, cellSize, pairTimes);
+                QCOMPARE(int(expected.size()), times.cells());
+                for (int cell = 0; cell < times.cells(); ++cell) {
+                    const std::vector<std::int64_t> got = times.secondsOf(cell);
+                    QVERIFY2(std::vector<long long>(got.begin(), got.end()) == expected[static_cast<size_t>(cell)],
+                             qPrintable(QStringLiteral("cell %1").arg(cell)));
+                }
+                // What the clip was made with, in plain seconds.
+                const std::vector<std::int64_t> atA = times.secondsOf(times.cellAt(kA.x + 4, kA.y + 4));
+                QCOMPARE(atA, (std::vector<std::int64_t>{2, 7}));
+                QCOMPARE(times.secondsOf(times.cellAt(kB.x + 4, kB.y + 4)), (std::vector<std::int64_t>{4}));
+                QVERIFY(times.secondsOf(times.cellAt(kC.x + 4, kC.y + 4)).empty());
+                QVERIFY(times.secondsOf(times.cellAt(kSize.width - 1, kSize.height - 1)).empty());
+            }
+        }
+    }
+
+    void eventTimesAreNotRecordedUnlessAskedFor()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 20, 5);
+        const DetailedPass pass = runDetailedPass(clip("no-times.mkv", frames), {});
+        QCOMPARE(pass.facts.pairsAnalysed, 19);
+        QVERIFY(pass.facts.eventTimes.empty());
+        MotionPassSettings plain;
+        plain.eventCellSize = 16;
+        PairRecordingHooks hooks;
+        cv::Mat counts, background;
+        MotionPassFacts facts;
+        QCOMPARE(MotionPass::run(clip("no-times.mkv", frames).toUtf8(), plain, counts, background, hooks, &facts),
+                 MotionPassOutcome::Finished);
+        QVERIFY(facts.eventTimes.empty());
+    }
+
     void pairTimesAreThoseOfTheSecondFrameFromTheVideosStart()
     {
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(16, 16), 30, 5);

@@ -400,6 +400,74 @@ private slots:
         QVERIFY(sameActivity(detailed.activity, reference.activity()));
     }
 
+    void newEventCellsOfEveryPairMatchTheReference_data()
+    {
+        QTest::addColumn<int>("stripes");
+        QTest::addColumn<int>("cellSize");
+        QTest::addColumn<bool>("blur");
+        for (const int stripes : {1, 3, 7})
+            for (const int cellSize : {16, 7, 1})
+                for (const bool blur : {true, false})
+                    QTest::addRow("%d stripes, %d px cells, %s", stripes, cellSize, blur ? "blur" : "sharp")
+                        << stripes << cellSize << blur;
+    }
+
+    void newEventCellsOfEveryPairMatchTheReference()
+    {
+        QFETCH(int, stripes);
+        QFETCH(int, cellSize);
+        QFETCH(bool, blur);
+        // 45 x 37: the last column and row of cells are narrower than the others.
+        const cv::Size size(45, 37);
+        const std::vector<cv::Mat> frames = speckledNoise(size, 240, 31);
+        Reference::Analysis reference(size.width, size.height, blur);
+        MotionCounter::Detail detail;
+        detail.enabled = true;
+        detail.cellSize = cellSize;
+        MotionCounter counter(size, blur, stripes, detail);
+        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+        reference.addFrame(frames.front());
+        counter.start(frames.front());
+        const int columns = (size.width + cellSize - 1) / cellSize;
+        const size_t cells = static_cast<size_t>(columns) * static_cast<size_t>((size.height + cellSize - 1) / cellSize);
+        QCOMPARE(counter.lastPairCells().size(), cells);
+        int pairsWithEvents = 0;
+        for (size_t i = 1; i < frames.size(); ++i) {
+            reference.addFrame(frames[i]);
+            counter.addFrame(frames[i], counts);
+            std::vector<std::uint8_t> expected(cells, 0);
+            for (const cv::Point& pixel : reference.newEventPixels().back())
+                expected[static_cast<size_t>(pixel.y / cellSize * columns + pixel.x / cellSize)] = 1;
+            if (counter.lastPair().newEvents == 0) {
+                QVERIFY(reference.newEventPixels().back().empty());
+                continue;
+            }
+            ++pairsWithEvents;
+            std::vector<std::uint8_t> flagged(cells, 0);
+            for (size_t cell = 0; cell < cells; ++cell)
+                flagged[cell] = counter.lastPairCells()[cell] != 0 ? 1 : 0;
+            QVERIFY2(flagged == expected, qPrintable(QStringLiteral("pair %1").arg(i - 1)));
+        }
+        QVERIFY(pairsWithEvents > 10);
+    }
+
+    void cellsAreOnlyKeptWhenAskedFor()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(20, 20), 10, 3);
+        MotionCounter::Detail detail;
+        detail.enabled = true;
+        MotionCounter counter(frames.front().size(), true, 1, detail);
+        cv::Mat counts(frames.front().size(), CV_8UC1, cv::Scalar(0));
+        counter.start(frames.front());
+        std::int64_t newEvents = 0;
+        for (size_t i = 1; i < frames.size(); ++i) {
+            counter.addFrame(frames[i], counts);
+            newEvents += counter.lastPair().newEvents;
+            QVERIFY(counter.lastPairCells().empty());
+        }
+        QVERIFY(newEvents > 0);
+    }
+
     void detailedCountingGivesTheFastPathsCounts()
     {
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(64, 48), 300, 5);

@@ -1,6 +1,7 @@
 #include "ReferenceMotion.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 namespace Reference {
@@ -63,6 +64,7 @@ void Analysis::addFrame(const cv::Mat& grey)
     }
     const cv::Mat moved = thresholdedDifference(m_previous, frame, m_blur ? 20.0 : 40.0);
     Pair pair;
+    std::vector<cv::Point> fresh;
     for (int y = 0; y < frame.rows; ++y) {
         for (int x = 0; x < frame.cols; ++x) {
             if (moved.at<uchar>(y, x) == 0 || (!m_mask.empty() && m_mask.at<uchar>(y, x) == 0))
@@ -73,11 +75,13 @@ void Analysis::addFrame(const cv::Mat& grey)
                 m_counts.at<uchar>(y, x) = static_cast<uchar>((m_counts.at<uchar>(y, x) + 1) % 256);
                 ++m_exactCounts.at<int>(y, x);
                 ++pair.newEvents;
+                fresh.emplace_back(x, y);
             }
             last = m_pairs;
         }
     }
     m_activity.push_back(pair);
+    m_newEventPixels.push_back(fresh);
     m_previous = frame;
     ++m_pairs;
 }
@@ -94,6 +98,25 @@ cv::Mat nearestMask(const cv::Mat& mask, cv::Size size)
         }
     }
     return out;
+}
+
+std::vector<std::vector<long long>> cellEventSeconds(const Analysis& analysis, int width, int height, int cellSize,
+                                                    const std::vector<double>& pairTimes)
+{
+    const int columns = (width + cellSize - 1) / cellSize;
+    const int rows = (height + cellSize - 1) / cellSize;
+    std::vector<std::vector<long long>> seconds(static_cast<size_t>(columns * rows));
+    for (size_t p = 0; p < analysis.newEventPixels().size(); ++p) {
+        const long long second = static_cast<long long>(std::floor(pairTimes.at(p)));
+        for (const cv::Point& pixel : analysis.newEventPixels()[p]) {
+            std::vector<long long>& cell = seconds[static_cast<size_t>(pixel.y / cellSize * columns + pixel.x / cellSize)];
+            if (std::find(cell.begin(), cell.end(), second) == cell.end())
+                cell.push_back(second);
+        }
+    }
+    for (std::vector<long long>& cell : seconds)
+        std::sort(cell.begin(), cell.end());
+    return seconds;
 }
 
 Rgb scale(int i)

@@ -33,6 +33,8 @@ public:
     // 32-bit signed, never wrapping.
     cv::Mat exactCounts() const { return m_exactCounts; }
     const std::vector<Pair>& activity() const { return m_activity; }
+    // Per pair, the pixels where a new event began, row by row.
+    const std::vector<std::vector<cv::Point>>& newEventPixels() const { return m_newEventPixels; }
     int pairs() const { return m_pairs; }
 
 private:
@@ -43,11 +45,18 @@ private:
     cv::Mat m_exactCounts;
     std::vector<int> m_lastMotion;
     std::vector<Pair> m_activity;
+    std::vector<std::vector<cv::Point>> m_newEventPixels;
     int m_pairs = 0;
 };
 
 // The mask pixel under the centre of each pixel of a picture of `size`.
 cv::Mat nearestMask(const cv::Mat& mask, cv::Size size);
+
+// Per cell of `cellSize` pixels square (row by row over a picture `width` pixels wide), the
+// distinct seconds, ascending, at which a new event began in any of its pixels: pair p
+// happens at floor(pairTimes[p]).
+std::vector<std::vector<long long>> cellEventSeconds(const Analysis& analysis, int width, int height, int cellSize,
+                                                    const std::vector<double>& pairTimes);
 
 // Colour of the scale at intensity i as {R, G, B}, from the breakpoints of the scale.
 struct Rgb {

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "CellEventTimes.h"
+#include "MotionPass.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <cstdint>
+#include <vector>
+
+// The data a report's page loads for one card when it needs it, as small script files that
+// hand an object to the page (`Tremora.data(name, object)`): a page opened from disk may
+// load scripts but may not read JSON files. Reentrant.
+namespace ReportData {
+
+// The pixels of the video in a cell of the report's "when did motion begin here" grid.
+constexpr int kCellSize = 16;
+
+// One second of a video's activity: the most pixels that moved in one of its pairs, and the
+// new events of all its pairs.
+struct Second {
+    std::int64_t second = 0;
+    std::int64_t movingPixels = 0;
+    std::int64_t newEvents = 0;
+};
+
+// Sums the pairs of a pass into seconds (floor of the pair's time) as they come; a video of
+// ten hours keeps 36,000 entries. Fed by the pass's thread; read once the pass has ended.
+class ActivityBySecond {
+public:
+    void add(const MotionPassHooks::PairRecord& record);
+    const std::vector<Second>& seconds() const { return m_seconds; }
+
+private:
+    std::vector<Second> m_seconds;
+};
+
+// Sorted distinct seconds as text, in the shorter of two forms. Runs: each run of consecutive
+// seconds written as its distance from the end of the run before (from 0 for the first)
+// and, for a run longer than one second, "+" and the seconds that follow its first;
+// comma-separated: {2, 3, 4, 90, 200, 201} gives "2+2,86,110+1". Bits, where a cell is busy: "~"
+// and one character of "A-Za-z0-9-_" for every six seconds from 0 to the last, its value's
+// bit k set when second 6i + k is one: {0, 1, 2, 4, 6, 8} gives "~XF". The bits bound a cell
+// to 601 characters an hour however busy it is. Empty for none.
+QString encodeSeconds(const std::vector<std::int64_t>& seconds);
+// The inverse; false on malformed text.
+bool decodeSeconds(const QString& text, std::vector<std::int64_t>* seconds);
+
+// `name` ("3.cells") and `object` (JSON text) as the script that hands it to the page.
+QByteArray script(const QString& name, const QByteArray& objectJson);
+
+// The cells of a pass as JSON: the grid ({"cell", "columns", "rows", "width", "height"}) and
+// "times", an object from cell index to encodeSeconds text, for cells with events only.
+QByteArray cellsJson(const CellEventTimes& times, int width, int height);
+
+// The seconds as JSON: {"seconds": [[second, moving pixels, new events], ...]}.
+QByteArray activityJson(const std::vector<Second>& seconds);
+
+} // namespace ReportData

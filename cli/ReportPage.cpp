@@ -1,0 +1,251 @@
+#include "ReportPage.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QRegularExpression>
+#include <QUrl>
+
+#include <algorithm>
+#include <cmath>
+
+// The page's files live in the tool's static library, whose resource registration a linker
+// would drop as unreferenced; registering them here, outside any namespace, keeps them.
+static void registerReportResources()
+{
+    Q_INIT_RESOURCE(report);
+}
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+QByteArray resource(const QString& name)
+{
+    static const bool registered = (registerReportResources(), true);
+    Q_UNUSED(registered);
+    QFile file(QStringLiteral(":/report/") + name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString percentText(double share)
+{
+    return QString::number(share * 100.0, 'f', share > 0.0 && share < 0.001 ? 3 : 1) + QLatin1Char('%');
+}
+
+QString attribute(const char* name, const QString& value)
+{
+    return QStringLiteral(" %1=\"%2\"").arg(QLatin1String(name), ReportPage::escapeHtml(value));
+}
+
+QString figuresHtml(const ReportCard& card)
+{
+    QString html = QStringLiteral("<dl class=\"figures\">");
+    for (const auto& [label, value] : card.figures)
+        html += QStringLiteral("<dt>%1</dt><dd>%2</dd>").arg(ReportPage::escapeHtml(label), ReportPage::escapeHtml(value));
+    return html + QStringLiteral("</dl>");
+}
+
+QString outcomeHtml(const ReportCard& card)
+{
+    if (card.status == QLatin1String("done"))
+        return {};
+    const QString text = card.status == QLatin1String("canceled") ? tr("Canceled before the end.")
+                                                                   : tr("Failed: %1").arg(card.error);
+    return QStringLiteral("<p class=\"outcome %1\" role=\"status\">%2</p>")
+        .arg(ReportPage::escapeHtml(card.status), ReportPage::escapeHtml(text));
+}
+
+QString mapHtml(const ReportCard& card)
+{
+    if (card.mapFile.isEmpty())
+        return QStringLiteral("<div class=\"map none\">%1</div>").arg(ReportPage::escapeHtml(tr("No map")));
+    const QString alt = tr("Motion map of %1: blue where motion was seen rarely, red where often, over the scene in grey")
+                            .arg(card.title);
+    QString html = QStringLiteral("<figure class=\"map\"><div class=\"frame\"><img") + attribute("src", card.mapFile)
+        + attribute("alt", alt) + attribute("width", QString::number(card.width))
+        + attribute("height", QString::number(card.height)) + QStringLiteral(" loading=\"lazy\" decoding=\"async\"");
+    if (card.hasCells)
+        html += QStringLiteral(" tabindex=\"0\"")
+            + attribute("aria-label", alt + tr(". Click, or move with the arrow keys and press Enter, to list when "
+                                               "motion began at that point."));
+    html += QStringLiteral("><div class=\"cursor\" hidden></div></div>");
+    if (!card.legendFile.isEmpty())
+        html += QStringLiteral("<img class=\"legend\"") + attribute("src", card.legendFile)
+            + attribute("alt", tr("Legend: colours and event counts")) + QStringLiteral(" loading=\"lazy\">");
+    if (card.hasCells)
+        html += QStringLiteral("<figcaption>%1</figcaption>")
+                    .arg(ReportPage::escapeHtml(tr("Click a point of the map: when did motion begin there?")));
+    return html + QStringLiteral("</figure>");
+}
+
+// Names as people sort them: case aside, and numbers by value, so that cam9 comes before
+// cam10.
+bool naturalLess(const QString& a, const QString& b)
+{
+    int i = 0;
+    int j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            int endA = i;
+            int endB = j;
+            while (endA < a.size() && a[endA].isDigit())
+                ++endA;
+            while (endB < b.size() && b[endB].isDigit())
+                ++endB;
+            const QString numberA = a.mid(i, endA - i).remove(QRegularExpression(QStringLiteral("^0+(?=.)")));
+            const QString numberB = b.mid(j, endB - j).remove(QRegularExpression(QStringLiteral("^0+(?=.)")));
+            if (numberA.size() != numberB.size())
+                return numberA.size() < numberB.size();
+            if (numberA != numberB)
+                return numberA < numberB;
+            i = endA;
+            j = endB;
+            continue;
+        }
+        const int order = QString::compare(a.mid(i, 1), b.mid(j, 1), Qt::CaseInsensitive);
+        if (order != 0)
+            return order < 0;
+        ++i;
+        ++j;
+    }
+    if (a.size() - i != b.size() - j)
+        return a.size() - i < b.size() - j;
+    return a < b;
+}
+
+QString cardHtml(const ReportCard& card)
+{
+    QString html = QStringLiteral("<article class=\"card\"") + attribute("id", QStringLiteral("card-") + card.key)
+        + attribute("data-key", card.key) + attribute("data-width", QString::number(card.width))
+        + attribute("data-height", QString::number(card.height))
+        + attribute("data-creation", card.creationTime) + attribute("data-video", card.videoHref)
+        + attribute("data-playable", card.playable ? QStringLiteral("1") : QStringLiteral("0"))
+        + attribute("data-activity", card.hasActivity ? QStringLiteral("1") : QStringLiteral("0"))
+        + attribute("data-cells", card.hasCells ? QStringLiteral("1") : QStringLiteral("0"))
+        + attribute("aria-labelledby", QStringLiteral("title-") + card.key) + QStringLiteral(">");
+    html += QStringLiteral("<h2") + attribute("id", QStringLiteral("title-") + card.key) + QStringLiteral(">");
+    if (card.videoHref.isEmpty())
+        html += ReportPage::escapeHtml(card.title);
+    else
+        html += QStringLiteral("<a class=\"video-link\"") + attribute("href", card.videoHref) + QStringLiteral(">")
+            + ReportPage::escapeHtml(card.title) + QStringLiteral("</a>");
+    html += QStringLiteral("</h2>") + outcomeHtml(card);
+    html += QStringLiteral("<div class=\"body\">") + mapHtml(card) + QStringLiteral("<div class=\"side\">")
+        + figuresHtml(card);
+    if (card.hasCells)
+        html += QStringLiteral("<section class=\"times\" aria-live=\"polite\"><h3>%1</h3><p class=\"hint\">%2</p>"
+                               "<ol class=\"time-list\"></ol></section>")
+                    .arg(ReportPage::escapeHtml(tr("When motion began here")),
+                         ReportPage::escapeHtml(tr("Choose a point of the map.")));
+    html += QStringLiteral("</div></div>");
+    if (card.hasActivity)
+        html += QStringLiteral("<div class=\"chart\"") + attribute("aria-label", tr("Activity over time of %1").arg(card.title))
+            + QStringLiteral(" role=\"img\"></div>");
+    return html + QStringLiteral("</article>\n");
+}
+
+} // namespace
+
+namespace ReportPage {
+
+QString escapeHtml(const QString& text)
+{
+    return text.toHtmlEscaped().replace(QLatin1Char('\''), QLatin1String("&#39;"));
+}
+
+QString relativeHref(const QString& folder, const QString& file)
+{
+    const QString relative = QDir(folder).relativeFilePath(file);
+    return QString::fromLatin1(QUrl::toPercentEncoding(relative, "/"));
+}
+
+bool browserPlays(const QString& container, const QString& codec)
+{
+    static const QStringList codecs = {QStringLiteral("h264"), QStringLiteral("vp8"), QStringLiteral("vp9"),
+                                       QStringLiteral("av1")};
+    const bool knownContainer = container.contains(QLatin1String("mp4")) || container.contains(QLatin1String("webm"));
+    return knownContainer && codecs.contains(codec);
+}
+
+QString clockText(double seconds)
+{
+    const long long whole = static_cast<long long>(std::floor(std::max(seconds, 0.0)));
+    const long long h = whole / 3600;
+    const long long m = whole / 60 % 60;
+    const long long s = whole % 60;
+    const QString tail = QStringLiteral("%1").arg(s, 2, 10, QLatin1Char('0'));
+    if (h > 0)
+        return QStringLiteral("%1:%2:%3").arg(h).arg(m, 2, 10, QLatin1Char('0')).arg(tail);
+    return QStringLiteral("%1:%2").arg(m).arg(tail);
+}
+
+ReportCard inputCard(const QString& key, const QString& video, const QJsonObject& manifest, const QString& planError,
+                     const QString& mapFile, const QString& reportFolder)
+{
+    ReportCard card;
+    card.key = key;
+    card.title = QFileInfo(video).fileName();
+    card.sortName = card.title;
+    card.mapFile = mapFile;
+    card.videoHref = relativeHref(reportFolder, QFileInfo(video).absoluteFilePath());
+    if (manifest.isEmpty()) {
+        card.status = QStringLiteral("failed");
+        card.error = planError;
+        return card;
+    }
+    const QJsonObject info = manifest.value(QLatin1String("video")).toObject();
+    const QJsonObject outcome = manifest.value(QLatin1String("outcome")).toObject();
+    const QJsonObject summary = manifest.value(QLatin1String("summary")).toObject();
+    card.playable = browserPlays(info.value(QLatin1String("container")).toString(),
+                                 info.value(QLatin1String("codec")).toString());
+    card.width = info.value(QLatin1String("width")).toInt();
+    card.height = info.value(QLatin1String("height")).toInt();
+    card.status = outcome.value(QLatin1String("status")).toString();
+    card.error = outcome.value(QLatin1String("error")).toString();
+    card.creationTime = info.value(QLatin1String("creation_time")).toString();
+    const QJsonValue duration = info.value(QLatin1String("duration_s"));
+    card.figures = {
+        {tr("Duration"), duration.isDouble() ? clockText(duration.toDouble()) : tr("unknown")},
+        {tr("Frames"), QString::number(manifest.value(QLatin1String("frames_decoded")).toDouble(), 'f', 0)},
+        {tr("Size"), QStringLiteral("%1 × %2").arg(card.width).arg(card.height)},
+        {tr("Recorded"), card.creationTime.isEmpty() ? tr("unknown") : card.creationTime},
+        {tr("Events"), QString::number(summary.value(QLatin1String("events_total")).toDouble(), 'f', 0)},
+        {tr("Most at a pixel"), QString::number(summary.value(QLatin1String("max_events")).toDouble(), 'f', 0)},
+        {tr("Pixels with motion"), percentText(summary.value(QLatin1String("pixels_with_events_share")).toDouble())},
+        {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())},
+    };
+    return card;
+}
+
+QByteArray render(const QString& title, std::vector<ReportCard> cards)
+{
+    QString page = QString::fromUtf8(resource(QStringLiteral("index.html")));
+    if (page.isEmpty())
+        return {};
+    std::stable_sort(cards.begin(), cards.end(), [](const ReportCard& a, const ReportCard& b) {
+        return naturalLess(a.sortName, b.sortName);
+    });
+    QString html;
+    for (const ReportCard& card : cards)
+        html += cardHtml(card);
+    const QString videos = cards.size() == 1 ? tr("1 video") : tr("%1 videos").arg(cards.size());
+    const QString subtitle = tr("%1. On each map, blue where motion was seen rarely, red where often.").arg(videos);
+    page.replace(QLatin1String("{{TITLE}}"), escapeHtml(title));
+    page.replace(QLatin1String("{{SUBTITLE}}"), escapeHtml(subtitle));
+    page.replace(QLatin1String("{{CARDS}}"), html);
+    return page.toUtf8();
+}
+
+std::vector<std::pair<QString, QByteArray>> assets()
+{
+    return {{QStringLiteral("report.css"), resource(QStringLiteral("report.css"))},
+            {QStringLiteral("report.js"), resource(QStringLiteral("report.js"))}};
+}
+
+} // namespace ReportPage

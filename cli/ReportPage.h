@@ -1,0 +1,59 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QString>
+
+#include <utility>
+#include <vector>
+
+// One card of a report: a map with what is known about it. A card stands for one input
+// video today; a card for several inputs or a part of one fills the same fields (its own
+// key, title, map and data), and `legendFile`, when set, shows beside the map.
+struct ReportCard {
+    QString key;          // unique in the page; names the card's data files ("3")
+    QString title;        // the heading: the video's file name
+    QString sortName;     // cards are shown in the order of these
+    QString videoHref;    // the video as a link from the report's folder, encoded; empty: none
+    bool playable = false;// a browser plays the video itself (MP4/H.264, WebM)
+    QString mapFile;      // the map's file in the report's folder ("maps/3.png"); empty: none
+    QString legendFile;   // a legend image in the report's folder; empty: none
+    int width = 0;        // the video's size, which the map has
+    int height = 0;
+    QString status;       // "done", "failed" or "canceled"
+    QString error;        // why it failed
+    QString creationTime; // as the container records it (ISO 8601); empty when it does not
+    std::vector<std::pair<QString, QString>> figures; // label and value, in order
+    bool hasActivity = false; // data/KEY.activity.js exists
+    bool hasCells = false;    // data/KEY.cells.js exists
+};
+
+// The report page: index.html from the template built into the tool, with one card per entry.
+// Reentrant.
+namespace ReportPage {
+
+// `text` safe inside HTML text and quoted attribute values.
+QString escapeHtml(const QString& text);
+// `file` as a relative URL from `folder` (both absolute): every byte outside letters, digits,
+// "-._~/" percent-encoded as UTF-8, so that "#", "%", spaces, quotes and non-ASCII names stay
+// one path.
+QString relativeHref(const QString& folder, const QString& file);
+// Whether a current browser plays a video of this container and codec (as the manifest names
+// them) in its own video element.
+bool browserPlays(const QString& container, const QString& codec);
+// Seconds as "1:02:03", "2:03" or "0:07".
+QString clockText(double seconds);
+
+// The card of one input from its manifest (see Manifest::build); `mapFile` as in ReportCard,
+// `reportFolder` the folder the page ends up in (absolute), for the link to the video.
+// `planError`, when set, is why the input was not analysed at all (no manifest).
+ReportCard inputCard(const QString& key, const QString& video, const QJsonObject& manifest, const QString& planError,
+                     const QString& mapFile, const QString& reportFolder);
+
+// The page, its cards sorted by sortName. Empty when the template is missing from the tool.
+QByteArray render(const QString& title, std::vector<ReportCard> cards);
+
+// The page's other files ("report.css", "report.js") and their contents, from the tool.
+std::vector<std::pair<QString, QByteArray>> assets();
+
+} // namespace ReportPage

@@ -1,0 +1,266 @@
+// The report's behaviour: each card's data is loaded as a script the first time it is
+// needed (a page opened from disk may load scripts, not read files), the activity chart is
+// drawn when its card comes into view, and a point of a map lists when motion began there.
+"use strict";
+
+var Tremora = (function () {
+  var pending = {};
+  var loaded = {};
+  var SVG = "http://www.w3.org/2000/svg";
+
+  function data(name, object) {
+    loaded[name] = object;
+    if (pending[name]) {
+      pending[name].forEach(function (w) { w.resolve(object); });
+      delete pending[name];
+    }
+  }
+
+  function load(name) {
+    if (loaded[name]) return Promise.resolve(loaded[name]);
+    return new Promise(function (resolve, reject) {
+      var first = !pending[name];
+      (pending[name] = pending[name] || []).push({ resolve: resolve, reject: reject });
+      if (!first) return;
+      var script = document.createElement("script");
+      script.src = "data/" + name + ".js";
+      script.onerror = function () {
+        (pending[name] || []).forEach(function (w) { w.reject(new Error("missing " + name)); });
+        delete pending[name];
+      };
+      document.head.appendChild(script);
+    });
+  }
+
+  function clock(seconds) {
+    var s = Math.max(0, Math.floor(seconds));
+    var h = Math.floor(s / 3600), m = Math.floor(s / 60) % 60, r = s % 60;
+    var two = function (n) { return (n < 10 ? "0" : "") + n; };
+    return h > 0 ? h + ":" + two(m) + ":" + two(r) : m + ":" + two(r);
+  }
+
+  // The wall-clock time of a moment of the video, where the container records its start.
+  function wallClock(card, seconds) {
+    var start = Date.parse(card.dataset.creation || "");
+    if (isNaN(start)) return "";
+    return new Date(start + seconds * 1000).toLocaleTimeString();
+  }
+
+  var BIT_DIGITS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+  // Inverse of the tool's encoding: "~" and six seconds a character for a busy cell, else
+  // runs of seconds, "gap[+more]" each, comma-separated.
+  function decodeSeconds(text) {
+    var out = [];
+    if (!text) return out;
+    if (text.charAt(0) === "~") {
+      for (var i = 1; i < text.length; i++) {
+        var digit = BIT_DIGITS.indexOf(text.charAt(i));
+        for (var bit = 0; bit < 6; bit++) if (digit & (1 << bit)) out.push((i - 1) * 6 + bit);
+      }
+      return out;
+    }
+    var end = 0;
+    text.split(",").forEach(function (run) {
+      var parts = run.split("+");
+      var start = end + parseInt(parts[0], 10);
+      var more = parts.length > 1 ? parseInt(parts[1], 10) : 0;
+      for (var s = start; s <= start + more; s++) out.push(s);
+      end = start + more;
+    });
+    return out;
+  }
+
+  function el(name, attrs, parent, svg) {
+    var node = svg ? document.createElementNS(SVG, name) : document.createElement(name);
+    Object.keys(attrs || {}).forEach(function (k) { node.setAttribute(k, attrs[k]); });
+    if (parent) parent.appendChild(node);
+    return node;
+  }
+
+  // ---- activity chart ----
+  function drawChart(card, activity) {
+    var box = card.querySelector(".chart");
+    var rows = activity.seconds;
+    var last = rows.length ? rows[rows.length - 1][0] + 1 : 1;
+    var maxMoving = 1, maxEvents = 1;
+    rows.forEach(function (r) { maxMoving = Math.max(maxMoving, r[1]); maxEvents = Math.max(maxEvents, r[2]); });
+    var W = 1000, H = 100;
+    var key = el("div", { "class": "legend-key" }, box);
+    key.innerHTML = '<span class="k-moving">moving pixels</span><span class="k-events">new events</span>' +
+      '<span class="k-marks">chosen point</span>';
+    var wallStart = wallClock(card, 0);
+    el("span", { "class": "span" }, key).textContent = "0:00 – " + clock(last) +
+      (wallStart ? " (" + wallStart + " – " + wallClock(card, last) + ")" : "");
+    var svg = el("svg", { viewBox: "0 0 " + W + " " + H, preserveAspectRatio: "none", focusable: "false" }, box, true);
+    var x = function (s) { return (s + 0.5) / last * W; };
+    var area = "M0," + H;
+    var line = "";
+    rows.forEach(function (r, i) {
+      area += " L" + x(r[0]).toFixed(1) + "," + (H - r[1] / maxMoving * (H - 4)).toFixed(1);
+      line += (i ? " L" : "M") + x(r[0]).toFixed(1) + "," + (H - r[2] / maxEvents * (H - 4)).toFixed(1);
+    });
+    area += " L" + W + "," + H + " Z";
+    el("path", { d: area, "class": "moving" }, svg, true);
+    if (line) el("path", { d: line, "class": "events" }, svg, true);
+    el("line", { x1: 0, x2: W, y1: H - 0.5, y2: H - 0.5, "class": "axis" }, svg, true);
+    var marks = el("g", { "class": "marks" }, svg, true);
+    var hover = el("line", { y1: 0, y2: H, "class": "hover", visibility: "hidden" }, svg, true);
+    var tip = el("div", { "class": "tip", hidden: "" }, box);
+    var bySecond = {};
+    rows.forEach(function (r) { bySecond[r[0]] = r; });
+    svg.addEventListener("mousemove", function (e) {
+      var rect = svg.getBoundingClientRect();
+      var s = Math.min(last - 1, Math.max(0, Math.floor((e.clientX - rect.left) / rect.width * last)));
+      var r = bySecond[s] || [s, 0, 0];
+      hover.setAttribute("x1", x(s)); hover.setAttribute("x2", x(s));
+      hover.setAttribute("visibility", "visible");
+      var wall = wallClock(card, s);
+      tip.textContent = clock(s) + (wall ? " (" + wall + ")" : "") + " · " + r[1] + " moving pixels · " +
+        r[2] + " new events";
+      tip.hidden = false;
+      tip.style.left = Math.min(e.clientX - rect.left + 8, rect.width - tip.offsetWidth) + "px";
+    });
+    svg.addEventListener("mouseleave", function () { hover.setAttribute("visibility", "hidden"); tip.hidden = true; });
+    card._chart = { marks: marks, x: x, H: H };
+    if (card._pendingMarks) showMarks(card, card._pendingMarks);
+  }
+
+  function showMarks(card, seconds) {
+    if (!card._chart) { card._pendingMarks = seconds; return; }
+    var c = card._chart;
+    while (c.marks.firstChild) c.marks.removeChild(c.marks.firstChild);
+    seconds.forEach(function (s) {
+      el("line", { x1: c.x(s), x2: c.x(s), y1: 0, y2: c.H, "class": "mark" }, c.marks, true);
+    });
+  }
+
+  // ---- when did motion begin here ----
+  function cellAt(cells, px, py) {
+    var cx = Math.min(cells.columns - 1, Math.floor(px / cells.cell));
+    var cy = Math.min(cells.rows - 1, Math.floor(py / cells.cell));
+    return { cx: cx, cy: cy, index: cy * cells.columns + cx };
+  }
+
+  // In shares of the picture, so that the cursor stays on its cell when the map is resized.
+  function placeCursor(card, cells, cx, cy) {
+    var cursor = card.querySelector(".cursor");
+    var share = function (pixels, of) { return (100 * pixels / of) + "%"; };
+    cursor.style.left = share(cx * cells.cell, cells.width);
+    cursor.style.top = share(cy * cells.cell, cells.height);
+    cursor.style.width = share(Math.min(cells.cell, cells.width - cx * cells.cell), cells.width);
+    cursor.style.height = share(Math.min(cells.cell, cells.height - cy * cells.cell), cells.height);
+    cursor.hidden = false;
+  }
+
+  function choose(card, cells, cx, cy) {
+    card._cell = { cx: cx, cy: cy };
+    placeCursor(card, cells, cx, cy);
+    var seconds = decodeSeconds(cells.times[String(cy * cells.columns + cx)]);
+    var list = card.querySelector(".time-list");
+    var hint = card.querySelector(".times .hint");
+    list.textContent = "";
+    var x0 = cx * cells.cell, y0 = cy * cells.cell;
+    var where = "pixels " + x0 + "–" + Math.min(cells.width, x0 + cells.cell) + " × " + y0 + "–" +
+      Math.min(cells.height, y0 + cells.cell);
+    hint.textContent = seconds.length
+      ? seconds.length + (seconds.length === 1 ? " time" : " times") + " at " + where + ":"
+      : "No motion began at " + where + ".";
+    seconds.forEach(function (s) {
+      var li = el("li", {}, list);
+      var a = el("a", { href: card.dataset.video + "#t=" + s, "data-second": s }, li);
+      a.textContent = clock(s);
+      var wall = wallClock(card, s);
+      if (wall) a.title = wall;
+      a.addEventListener("click", function (e) { e.preventDefault(); jump(card, s, a); });
+    });
+    showMarks(card, seconds);
+  }
+
+  function withCells(card, then) {
+    load(card.dataset.key + ".cells").then(function (cells) { then(cells); }, function () {
+      card.querySelector(".times .hint").textContent = "The times of this map are missing from the report folder.";
+    });
+  }
+
+  function setUpMap(card) {
+    var img = card.querySelector(".map img");
+    if (!img || card.dataset.cells !== "1") return;
+    img.addEventListener("click", function (e) {
+      var rect = img.getBoundingClientRect();
+      var fx = (e.clientX - rect.left) / rect.width, fy = (e.clientY - rect.top) / rect.height;
+      withCells(card, function (cells) {
+        var c = cellAt(cells, fx * cells.width, fy * cells.height);
+        choose(card, cells, c.cx, c.cy);
+      });
+    });
+    img.addEventListener("keydown", function (e) {
+      var moves = { ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, -1], ArrowDown: [0, 1] };
+      if (!moves[e.key] && e.key !== "Enter" && e.key !== " ") return;
+      e.preventDefault();
+      withCells(card, function (cells) {
+        var at = card._cell || { cx: Math.floor(cells.columns / 2), cy: Math.floor(cells.rows / 2) };
+        if (moves[e.key]) {
+          at = { cx: Math.max(0, Math.min(cells.columns - 1, at.cx + moves[e.key][0])),
+                 cy: Math.max(0, Math.min(cells.rows - 1, at.cy + moves[e.key][1])) };
+          card._cell = at;
+          placeCursor(card, cells, at.cx, at.cy);
+        } else {
+          choose(card, cells, at.cx, at.cy);
+        }
+      });
+    });
+  }
+
+  // ---- jump to the moment ----
+  function jump(card, second, link) {
+    card.querySelectorAll(".time-list a").forEach(function (a) { a.removeAttribute("aria-current"); });
+    link.setAttribute("aria-current", "true");
+    var player = card.querySelector(".player") || el("div", { "class": "player" }, card.querySelector(".side"));
+    var note = player.querySelector("p") || el("p", {}, player);
+    if (card.dataset.playable !== "1") {
+      note.textContent = "Your browser cannot play this file here: open it in a player and seek to " + clock(second) + ".";
+      return;
+    }
+    var video = player.querySelector("video");
+    if (!video) {
+      video = el("video", { controls: "", muted: "", preload: "metadata", playsinline: "" });
+      player.insertBefore(video, note);
+      video.muted = true;
+      video.src = card.dataset.video;
+      video.addEventListener("error", function () {
+        note.textContent = "This file does not play here: open it in a player and seek to " + clock(second) + ".";
+      });
+    }
+    note.textContent = "From " + clock(second) + ".";
+    var seek = function () {
+      video.currentTime = second;
+      var playing = video.play();
+      if (playing && playing.catch) playing.catch(function () {});
+    };
+    if (video.readyState >= 1) seek(); else video.addEventListener("loadedmetadata", seek, { once: true });
+  }
+
+  function setUp() {
+    var cards = Array.prototype.slice.call(document.querySelectorAll(".card"));
+    cards.forEach(setUpMap);
+    var drawWhenSeen = function (card) {
+      if (card.dataset.activity !== "1" || card._chartRequested) return;
+      card._chartRequested = true;
+      load(card.dataset.key + ".activity").then(function (a) { drawChart(card, a); }, function () {});
+    };
+    if ("IntersectionObserver" in window) {
+      var seen = new IntersectionObserver(function (entries) {
+        entries.forEach(function (e) { if (e.isIntersecting) { drawWhenSeen(e.target); seen.unobserve(e.target); } });
+      }, { rootMargin: "200px" });
+      cards.forEach(function (c) { seen.observe(c); });
+    } else {
+      cards.forEach(drawWhenSeen);
+    }
+  }
+
+  if (document.readyState === "loading") document.addEventListener("DOMContentLoaded", setUp);
+  else setUp();
+
+  return { data: data, load: load, decodeSeconds: decodeSeconds, clock: clock };
+})();

@@ -1,0 +1,127 @@
+#include "ToolRunning.h"
+
+#include <QtTest>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace {
+
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+bool writeText(const QString& path, const QByteArray& text)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
+}
+
+} // namespace
+
+// The report as the tool writes it: its files, and what happens to a folder that cannot or
+// must not take it. What the page does in a browser is tested by report_in_browser.py.
+class TremoraMapReportTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_clips;
+    std::unique_ptr<QTemporaryDir> m_out;
+
+    QString clip(const QString& name) const { return m_clips.filePath(name); }
+    QString out(const QString& name) const { return m_out->filePath(name); }
+
+    ToolRunning::Result tool(const QStringList& arguments)
+    {
+        return ToolRunning::run(QStringList{"--quiet", "--output-dir", out("maps")} + arguments, 120000);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_clips.isValid());
+        QVERIFY(ToolRunning::makeClip(clip("b.mkv"), 40));
+        QVERIFY(ToolRunning::makeClip(clip("a.mkv"), 30));
+    }
+
+    void init()
+    {
+        m_out = std::make_unique<QTemporaryDir>();
+        QVERIFY(m_out->isValid());
+    }
+
+    void aReportHoldsThePageItsFilesAndEachInputsMapAndData()
+    {
+        const ToolRunning::Result result = tool({"--report", out("report"), clip("b.mkv"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(entries(out("report")), (QStringList{"data", "index.html", "maps", "report.css", "report.js"}));
+        QCOMPARE(entries(out("report/maps")), (QStringList{"1.png", "2.png"}));
+        QCOMPARE(ToolRunning::readAll(out("report/maps/1.png")), ToolRunning::readAll(out("maps/b.png")));
+        QCOMPARE(entries(out("report/data")),
+                 (QStringList{"1.activity.js", "1.cells.js", "2.activity.js", "2.cells.js"}));
+        // The report brings the data files with it.
+        QVERIFY(QFile::exists(out("maps/a.json")));
+        QVERIFY(QFile::exists(out("maps/a.activity.csv")));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(page.indexOf(">a.mkv<") >= 0);
+        QVERIFY(page.indexOf(">a.mkv<") < page.indexOf(">b.mkv<"));
+        QVERIFY(page.contains("href=\"../../"));
+        QVERIFY(ToolRunning::readAll(out("report/data/2.cells.js")).startsWith("Tremora.data(\"2.cells\", {\"cell\":16,"));
+    }
+
+    void anEarlierReportIsKeptWithoutOverwriteAndNothingIsAnalysed()
+    {
+        QCOMPARE(tool({"--report", out("report"), clip("a.mkv")}).exitCode, 0);
+        const QByteArray before = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(QDir(out("maps")).removeRecursively());
+        const ToolRunning::Result again = tool({"--report", out("report"), clip("a.mkv"), clip("b.mkv")});
+        QCOMPARE(again.exitCode, 2);
+        QVERIFY2(again.err.contains("holds a report") && again.err.contains("--overwrite"), again.err.constData());
+        QVERIFY(!QFile::exists(out("maps")));
+        QCOMPARE(ToolRunning::readAll(out("report/index.html")), before);
+
+        const ToolRunning::Result replaced =
+            tool({"--overwrite", "--report", out("report"), clip("a.mkv"), clip("b.mkv")});
+        QCOMPARE(replaced.exitCode, 0);
+        QVERIFY(ToolRunning::readAll(out("report/index.html")).contains(">b.mkv<"));
+        QCOMPARE(entries(m_out->path()), (QStringList{"maps", "report"}));
+    }
+
+    void aFolderOfOtherFilesIsNeverUsed()
+    {
+        QVERIFY(QDir().mkpath(out("mine")));
+        QVERIFY(writeText(out("mine/index.html"), "my page"));
+        const ToolRunning::Result result = tool({"--overwrite", "--report", out("mine"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY2(result.err.contains(out("mine").toUtf8()), result.err.constData());
+        QCOMPARE(ToolRunning::readAll(out("mine/index.html")), QByteArray("my page"));
+        QCOMPARE(entries(out("mine")), QStringList{"index.html"});
+    }
+
+    void aFolderThatCannotBeWrittenFailsTheRunButTheMapsAreWritten()
+    {
+        QVERIFY(writeText(out("blocker"), "a file"));
+        const ToolRunning::Result result = tool({"--report", out("blocker/report"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("Can't write report folder") && result.err.contains(out("blocker/report").toUtf8()),
+                 result.err.constData());
+        QVERIFY(QFile::exists(out("maps/a.png")));
+        QVERIFY(QFile::exists(out("maps/a.json")));
+    }
+
+    void anEmptyReportFolderNameIsAUsageError()
+    {
+        const ToolRunning::Result result = tool({"--report", "", clip("a.mkv")});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY(result.err.contains("report folder"));
+        QVERIFY(!QFile::exists(out("maps")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TremoraMapReportTest)
+#include "TremoraMapReportTest.moc"

@@ -1,0 +1,296 @@
+#!/usr/bin/python3
+"""The report of tremora-map, opened from disk in headless Chromium through WebDriver.
+
+Usage: report_in_browser.py TREMORA_MAP WORK_DIR [--demo CLIP --screenshot PNG]
+
+Makes clips with motion at known seconds, runs the tool with --report, and checks the page
+as a user would meet it: no console errors, a card per input in name order, the times a
+click on a map lists, the video seeking to a chosen time, and a name full of characters
+that HTML and URLs treat specially. With --demo, also keeps a screenshot of the report of
+that clip. Exits 0 when every check passed, 1 with the first failure otherwise, 77 when
+the browser cannot be started (CTest reports that as skipped).
+"""
+
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import time
+
+from selenium import webdriver
+from selenium.common.exceptions import WebDriverException
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+SIZE = (160, 120)
+# A white square in the top-left corner shows for a moment at 2.5 s and at 6.5 s: motion
+# begins in its cells in seconds 2 and 6, and the bottom-right corner never moves.
+HOT_PIXEL = (20, 20)
+QUIET_PIXEL = (150, 110)
+HOT_SECONDS = [2, 6]
+SPECIAL_NAME = "a <b> & c #1 %20 \"q\" 'é' 雪.mp4"
+
+
+class Failure(Exception):
+    pass
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def make_clip(path, extra=()):
+    subprocess.run(
+        ["ffmpeg", "-hide_banner", "-loglevel", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
+         "color=c=0x505050:s=%dx%d:d=10:r=25,format=yuv420p,"
+         "drawbox=x=8:y=8:w=24:h=24:color=white:t=fill:"
+         "enable='between(t,2.5,2.7)+between(t,6.5,6.7)'" % SIZE,
+         "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12",
+         "-metadata", "creation_time=2024-05-01T10:00:00Z", *extra, path],
+        check=True)
+
+
+def make_demo_clip(path):
+    # The clip scripts/run shows, made by the same function.
+    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    made = subprocess.run(["bash", "-c", 'source "$1/scripts/lib/common.sh" && demo_clip', "bash", root],
+                          capture_output=True, text=True, check=True).stdout.strip()
+    check(os.path.abspath(made) == os.path.abspath(path), "the demo clip is made at %s, not %s" % (made, path))
+
+
+def run_tool(tool, args):
+    return subprocess.run([tool, "--quiet", *args], capture_output=True, text=True)
+
+
+def browser(window=(1280, 1000)):
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                 "--autoplay-policy=no-user-gesture-required", "--window-size=%d,%d" % window):
+        options.add_argument(flag)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
+def wait_for(driver, script, timeout=10.0):
+    end = time.time() + timeout
+    while time.time() < end:
+        value = driver.execute_script(script)
+        if value:
+            return value
+        time.sleep(0.05)
+    raise Failure("timed out waiting for: " + script)
+
+
+def console_errors(driver):
+    return [e for e in driver.get_log("browser") if e.get("level") == "SEVERE"]
+
+
+def click_video_pixel(driver, card, pixel):
+    img = card.find_element(By.CSS_SELECTOR, ".map img")
+    driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", img)
+    width = img.size["width"]
+    height = img.size["height"]
+    # Offsets are from the element's centre.
+    dx = (pixel[0] + 0.5) / SIZE[0] * width - width / 2
+    dy = (pixel[1] + 0.5) / SIZE[1] * height - height / 2
+    ActionChains(driver).move_to_element_with_offset(img, dx, dy).click().perform()
+
+
+def listed_seconds(driver, card_id, expect_hint=True):
+    script = ("var c = document.getElementById('%s');"
+              "var h = c.querySelector('.times .hint').textContent;"
+              "return /time|No motion/.test(h) ? h : null;" % card_id)
+    wait_for(driver, script)
+    return driver.execute_script(
+        "return Array.from(document.querySelectorAll('#%s .time-list a'))"
+        ".map(a => [Number(a.dataset.second), a.textContent, a.getAttribute('href')]);" % card_id)
+
+
+def card_by_title(driver, title):
+    for card in driver.find_elements(By.CSS_SELECTOR, ".card"):
+        if card.find_element(By.CSS_SELECTOR, "h2").text == title:
+            return card
+    raise Failure("no card titled %r" % title)
+
+
+def check_report(tool, work):
+    videos = os.path.join(work, "videos")
+    os.makedirs(videos)
+    hot = os.path.join(videos, "corner.mp4")
+    make_clip(hot)
+    special = os.path.join(videos, SPECIAL_NAME)
+    shutil.copy(hot, special)
+    broken = os.path.join(videos, "broken.mp4")
+    with open(broken, "w") as f:
+        f.write("not a video\n")
+    report = os.path.join(work, "report")
+    result = run_tool(tool, ["-o", os.path.join(work, "maps"), "--report", report, broken, special, hot])
+    check(result.returncode == 1, "a run with one broken input exits 1, got %d: %s" % (result.returncode, result.stderr))
+    check(os.path.isfile(os.path.join(report, "index.html")), "the report is written beside a failed input")
+    check("broken.mp4" in result.stderr, "the broken input is named on standard error")
+
+    driver = browser()
+    try:
+        driver.get("file://" + os.path.join(report, "index.html"))
+        wait_for(driver, "return document.readyState === 'complete'")
+        titles = [h.text for h in driver.find_elements(By.CSS_SELECTOR, ".card h2")]
+        check(titles == sorted(titles, key=str.lower) and len(titles) == 3,
+              "one card per input, sorted by name: %r" % titles)
+        check(set(titles) == {"broken.mp4", "corner.mp4", SPECIAL_NAME}, "card titles: %r" % titles)
+
+        failed = card_by_title(driver, "broken.mp4")
+        check("Failed" in failed.find_element(By.CSS_SELECTOR, ".outcome").text, "a failed input shows its error")
+
+        for title in ("corner.mp4", SPECIAL_NAME):
+            card = card_by_title(driver, title)
+            card_id = card.get_attribute("id")
+            link = card.find_element(By.CSS_SELECTOR, "h2 a")
+            href = link.get_property("href")
+            check(driver.execute_script("return decodeURIComponent(new URL(arguments[0]).pathname)", href)
+                  == os.path.join(videos, title), "the link of %r leads to the video: %s" % (title, href))
+            img = card.find_element(By.CSS_SELECTOR, ".map img")
+            check(title in img.get_attribute("alt"), "the map's alt text names the video")
+            # Images and charts load as their card comes into view.
+            driver.execute_script("arguments[0].scrollIntoView()", card)
+            wait_for(driver, "return document.querySelector('#%s img').naturalWidth === %d" % (card_id, SIZE[0]))
+            wait_for(driver, "return document.querySelector('#%s .chart svg') !== null" % card_id)
+
+            click_video_pixel(driver, card, HOT_PIXEL)
+            listed = listed_seconds(driver, card_id)
+            check([s for s, _, _ in listed] == HOT_SECONDS, "the hot corner of %r lists %r" % (title, listed))
+            check([t for _, t, _ in listed] == ["0:02", "0:06"], "times read as clock times: %r" % listed)
+            marks = driver.execute_script("return document.querySelectorAll('#%s .chart .mark').length" % card_id)
+            check(marks == len(HOT_SECONDS), "the chart marks each listed time, got %d" % marks)
+
+            click_video_pixel(driver, card, QUIET_PIXEL)
+            check(listed_seconds(driver, card_id) == [], "the quiet corner of %r lists no time" % title)
+
+        # Jump to the moment: the second listed time of the plain clip.
+        card = card_by_title(driver, "corner.mp4")
+        card_id = card.get_attribute("id")
+        click_video_pixel(driver, card, HOT_PIXEL)
+        listed_seconds(driver, card_id)
+        card.find_elements(By.CSS_SELECTOR, ".time-list a")[1].click()
+        wait_for(driver, "var v = document.querySelector('#%s video');"
+                 "return v && v.readyState >= 1 && !v.seeking && v.currentTime >= 6 && v.currentTime < 7;" % card_id)
+        check(driver.execute_script("return document.querySelector('#%s video').error" % card_id) is None,
+              "the browser plays the clip")
+
+        # The container's creation time: shown, and the times read as clock times too.
+        figures = card.find_element(By.CSS_SELECTOR, ".figures").text
+        check("2024-05-01T10:00:00" in figures, "the card shows when the video was recorded: %r" % figures)
+        wall = driver.execute_script("return new Date(Date.parse('2024-05-01T10:00:06Z')).toLocaleTimeString()")
+        titles = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#%s .time-list a')).map(a => a.title);" % card_id)
+        check(titles[1] == wall, "the time 0:06 reads as %r on the clock, got %r" % (wall, titles))
+        start = driver.execute_script("return new Date(Date.parse('2024-05-01T10:00:00Z')).toLocaleTimeString()")
+        key = card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text
+        check(start in key and "0:00 – 0:10" in key, "the chart spans 0:10 from %r: %r" % (start, key))
+
+        # Hovering the chart shows the time and the values there: the square shows at 2.5 s.
+        svg = card.find_element(By.CSS_SELECTOR, ".chart svg")
+        ActionChains(driver).move_to_element_with_offset(svg, svg.size["width"] * (2.5 / 10 - 0.5), 0).perform()
+        tip = wait_for(driver, "var t = document.querySelector('#%s .chart .tip');"
+                       "return t && !t.hidden ? t.textContent : null;" % card_id)
+        check(tip.startswith("0:02 ") and "moving pixels" in tip and "new events" in tip, "the chart's tip: %r" % tip)
+        check(not tip.startswith("0:02 · 0 moving"), "the tip shows the motion of second 2: %r" % tip)
+
+        # Keyboard: the map takes the focus, Enter lists the times of the cell under the cursor.
+        img = card.find_element(By.CSS_SELECTOR, ".map img")
+        driver.execute_script("arguments[0].focus()", img)
+        for _ in range(8):
+            img.send_keys(Keys.ARROW_LEFT)
+        for _ in range(8):
+            img.send_keys(Keys.ARROW_UP)
+        img.send_keys(Keys.ENTER)
+        listed = listed_seconds(driver, card_id)
+        check([s for s, _, _ in listed] == HOT_SECONDS, "Enter on the top-left cell lists %r" % listed)
+
+        # Busy cells come as bits; the page reads both of the tool's forms.
+        decoded = driver.execute_script(
+            "return [Tremora.decodeSeconds('~q'), Tremora.decodeSeconds('2+2,86'), Tremora.decodeSeconds('~AAqC')];")
+        check(decoded == [[1, 3, 5], [2, 3, 4, 90], [13, 15, 17, 19]], "the page decodes times: %r" % decoded)
+
+        errors = console_errors(driver)
+        check(not errors, "console errors: %r" % errors)
+
+        # A narrow viewport stacks the card: the side column sits below the map.
+        driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
+                               {"width": 390, "height": 844, "deviceScaleFactor": 2, "mobile": True})
+        wait_for(driver, "return document.documentElement.clientWidth === 390")
+        below = driver.execute_script(
+            "var c = document.getElementById('%s');"
+            "return c.querySelector('.side').getBoundingClientRect().top >="
+            " c.querySelector('.map img').getBoundingClientRect().bottom - 1;" % card_id)
+        check(below, "on a narrow screen the figures come below the map")
+        wide = driver.execute_script(
+            "var out = []; document.querySelectorAll('body *').forEach(function (e) {"
+            " var b = e.getBoundingClientRect(); if (b.right > document.documentElement.clientWidth + 0.5)"
+            " out.push(e.tagName + '.' + e.className + ': ' + Math.round(b.right)); }); return out;")
+        check(not wide, "nothing sticks out sideways on a narrow screen: %r" % wide)
+    finally:
+        driver.quit()
+
+    # An earlier report is replaced only when asked.
+    again = run_tool(tool, ["-o", os.path.join(work, "maps2"), "--report", report, hot])
+    check(again.returncode == 2 and "--overwrite" in again.stderr, "an earlier report is kept: %s" % again.stderr)
+    check(not os.path.exists(os.path.join(work, "maps2")), "nothing is analysed when the report is refused")
+
+
+def screenshot(tool, work, demo, out):
+    report = os.path.join(work, "demo-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "demo-maps"), "--report", report, demo])
+    check(result.returncode == 0, "the demo clip's report: %s" % result.stderr)
+    driver = browser((1200, 900))
+    try:
+        driver.get("file://" + os.path.join(report, "index.html"))
+        wait_for(driver, "return document.querySelector('.card img').naturalWidth > 0")
+        wait_for(driver, "return document.querySelector('.chart svg') !== null")
+        card = driver.find_element(By.CSS_SELECTOR, ".card")
+        img = card.find_element(By.CSS_SELECTOR, ".map img")
+        # A point on the box's path, left of the middle.
+        dx, dy = -img.size["width"] * 0.37, img.size["height"] * 0.05
+        ActionChains(driver).move_to_element_with_offset(img, dx, dy).click().perform()
+        wait_for(driver, "return /time|No motion/.test(document.querySelector('.times .hint').textContent)")
+        driver.execute_script("window.scrollTo(0, 0)")
+        check(not console_errors(driver), "console errors on the demo report")
+        driver.save_screenshot(out)
+    finally:
+        driver.quit()
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("tool")
+    parser.add_argument("work")
+    parser.add_argument("--demo")
+    parser.add_argument("--screenshot")
+    args = parser.parse_args()
+    shutil.rmtree(args.work, ignore_errors=True)
+    os.makedirs(args.work)
+    try:
+        browser().quit()
+    except WebDriverException as error:
+        print("headless Chromium does not start: %s" % error.msg, file=sys.stderr)
+        return 77
+    try:
+        check_report(args.tool, args.work)
+        if args.demo and args.screenshot:
+            if not os.path.exists(args.demo):
+                make_demo_clip(args.demo)
+            screenshot(args.tool, args.work, args.demo, args.screenshot)
+            print("screenshot of the demo clip's report: " + args.screenshot)
+    except Failure as failure:
+        print("FAIL: %s" % failure, file=sys.stderr)
+        return 1
+    print("PASS")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
