@@ -75,9 +75,9 @@ QJsonObject videoOf(const VideoInfo& info)
     };
 }
 
-QJsonObject parametersOf(const MapToolOptions& options)
+QJsonObject parametersOf(const MapToolOptions& options, double mapScale)
 {
-    return {
+    QJsonObject parameters{
         {"blur", options.blur},
         {"threshold", options.blur ? MotionCounter::kThresholdBlurred : MotionCounter::kThresholdSharp},
         {"new_event_gap_pairs", MotionCounter::kNewEventGap},
@@ -89,6 +89,14 @@ QJsonObject parametersOf(const MapToolOptions& options)
              {"end_s", options.hasEnd ? QJsonValue(options.end) : QJsonValue()},
          }},
     };
+    // Only where asked for, so that a manifest without --scale stays as it was.
+    // An automatic scale is known only once the counts are: null for a pass that did not end.
+    if (options.scaleGiven) {
+        const double top = mapScale > 0.0 ? mapScale : options.scaleAuto ? 0.0 : options.scale;
+        parameters.insert("scale", QJsonObject{{"events_at_top", top > 0.0 ? QJsonValue(top) : QJsonValue()},
+                                               {"auto", options.scaleAuto}});
+    }
+    return parameters;
 }
 
 QString roleOf(const PlannedInput& input, const QString& path)
@@ -168,7 +176,7 @@ QJsonObject build(const Content& content)
         {"video", videoOf(facts.video)},
         {"frames_decoded", static_cast<double>(facts.framesDecoded)},
         {"pairs_analysed", facts.pairsAnalysed},
-        {"parameters", parametersOf(*content.options)},
+        {"parameters", parametersOf(*content.options, content.mapScale)},
         {"outcome", outcome},
         {"files", filesOf(*content.input, content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},

@@ -28,6 +28,7 @@ struct Content {
     QString error;            // with Outcome::Failed
     QStringList written;      // the files of this input that are in place, in the order written
     std::int64_t pairsWithMotion = 0;
+    double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
 };
 
 // The manifest as JSON. Reads the input video's and the written files' attributes, and the

@@ -3,6 +3,7 @@
 #include "ActivityCsv.h"
 #include "AtomicCounter.h"
 #include "ImageFile.h"
+#include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
@@ -108,13 +109,30 @@ bool existsOrDangles(const QString& path)
     return info.exists() || info.isSymLink();
 }
 
+// The events at the top of the map's colour scale, when --scale asks for one; 0 otherwise.
+double mapScaleOf(const MapToolOptions& options, const MotionPassFacts& facts)
+{
+    if (!options.scaleGiven)
+        return 0.0;
+    return options.scaleAuto ? MapScale::automatic({facts.exactCounts}) : options.scale;
+}
+
+// The window's map from its wrapping count, unless a scale is given: then the exact counts.
+QImage mapOf(const cv::Mat& motionCount, const cv::Mat& background, const MotionPassFacts& facts, double mapScale)
+{
+    if (mapScale > 0.0)
+        return MotionMap::render(facts.exactCounts, background, mapScale);
+    return MotionMap::render(motionCount, background);
+}
+
 // The input's images in the order they are written: map, counts, exact counts, background;
 // those not asked for have an empty path.
 std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const cv::Mat& motionCount,
-                                                 const cv::Mat& background, const MotionPassFacts& facts)
+                                                 const cv::Mat& background, const MotionPassFacts& facts,
+                                                 double mapScale)
 {
     return {
-        {input.mapPath, MotionMap::render(motionCount, background)},
+        {input.mapPath, mapOf(motionCount, background, facts, mapScale)},
         {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapRun::countsImage(motionCount)},
         {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
         {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
@@ -158,7 +176,8 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     settings.decoderThreads = decoderThreads;
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
-    settings.detailed = options.data;
+    // A chosen scale reads the exact counts, which only the detailed count keeps.
+    settings.detailed = options.data || options.scaleGiven;
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
@@ -168,7 +187,8 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
 // The manifest of a pass that has ended, when --data asks for one; `error` is the job's
 // error so far and receives the manifest's own when it cannot be written.
 void writeManifest(const FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
-                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error)
+                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error,
+                   double mapScale = 0.0)
 {
     if (!options.data)
         return;
@@ -180,6 +200,7 @@ void writeManifest(const FileJob& job, const MapToolOptions& options, const Moti
     content.error = error;
     content.written = written;
     content.pairsWithMotion = pairsWithMotion;
+    content.mapScale = mapScale;
     const QString manifestError = Manifest::write(job.input.manifestPath, Manifest::build(content), options.overwrite);
     if (error.isEmpty())
         error = manifestError;
@@ -214,14 +235,15 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         job.finish(FileState::Canceled);
         return;
     }
-    error = writeImages(imagesOf(job.input, motionCount, background, facts), options.overwrite, written);
+    const double mapScale = mapScaleOf(options, facts);
+    error = writeImages(imagesOf(job.input, motionCount, background, facts, mapScale), options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
         if (error.isEmpty())
             written << job.input.activityPath;
     }
     writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
-                  pairsWithMotion, error);
+                  pairsWithMotion, error, mapScale);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 

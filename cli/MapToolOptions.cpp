@@ -31,13 +31,14 @@ struct Options {
     QCommandLineOption mask{"mask", {}, "FILE"};
     QCommandLineOption start{"start", {}, "T"};
     QCommandLineOption end{"end", {}, "T"};
+    QCommandLineOption scale{"scale", {}, "N"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, start, end,
-                           help, version});
+                           scale, help, version});
     }
 };
 
@@ -121,6 +122,11 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     const QString windowError = readWindowAndMask(parser, o, options);
     if (!windowError.isEmpty())
         return usageError(windowError);
+    options.scaleGiven = parser.isSet(o.scale);
+    if (options.scaleGiven
+        && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
+        return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
+                              .arg(parser.value(o.scale)));
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
@@ -174,6 +180,23 @@ bool readTime(const QString& text, double* seconds)
     return true;
 }
 
+bool readScale(const QString& text, double* scale, bool* automatic)
+{
+    if (text == QLatin1String("auto")) {
+        *automatic = true;
+        return true;
+    }
+    static const QRegularExpression number(QStringLiteral("^\\d+(\\.\\d+)?$"));
+    if (!number.match(text).hasMatch())
+        return false;
+    const double value = text.toDouble();
+    if (!std::isfinite(value) || value <= 0.0)
+        return false;
+    *scale = value;
+    *automatic = false;
+    return true;
+}
+
 QString versionText()
 {
     return QStringLiteral("tremora-map %1").arg(QString::fromLatin1(Version::version));
@@ -211,6 +234,12 @@ Options:
       --start T         Analyse from time T on (seconds, or [hh:]mm:ss[.fff]),
                         seeking to the key frame before it.
       --end T           Analyse up to time T.
+      --scale N|auto    Colour scale of the maps: N events reach its top (the
+                        dark red); a count shows at min(count x 255 / N, 255)
+                        on the scale. The default, 8.5, is the window's 30 per
+                        event. auto takes the 99th percentile of the non-zero
+                        counts of each map. Given, maps are drawn from the
+                        exact counts, which do not wrap at 256 events.
       --overwrite       Replace output files that exist already.
   -q, --quiet           Print no progress and no per-file messages. Errors are
                         still printed.
@@ -247,7 +276,8 @@ Exit status:
        or one of its files exists, or an earlier input writes the same file.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
-       --start after --end, a mask that cannot be read), no VIDEO. Nothing
+       --start after --end, a mask that cannot be read, --scale 0 or
+       below), no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second

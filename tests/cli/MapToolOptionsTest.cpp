@@ -43,6 +43,9 @@ private slots:
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue_data();
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue();
     void startEqualToEndIsAnEmptyWindowNotAnError();
+    void scaleIsReadAsEventsOrAuto();
+    void badScalesAreUsageErrorsNamingTheValue_data();
+    void badScalesAreUsageErrorsNamingTheValue();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -186,7 +189,7 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
-                               "--mask FILE", "--start T", "--end T"})
+                               "--mask FILE", "--start T", "--end T", "--scale N|auto"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
@@ -224,6 +227,9 @@ void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
     QVERIFY(!o.hasEnd);
     QCOMPARE(o.start, 0.0);
     QVERIFY(std::isinf(o.end));
+    QVERIFY(!o.scaleGiven);
+    QVERIFY(!o.scaleAuto);
+    QCOMPARE(o.scale, 8.5);
 }
 
 void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
@@ -290,6 +296,42 @@ void MapToolOptionsTest::badTimeOptionsAreUsageErrorsNamingOptionAndValue()
 void MapToolOptionsTest::startEqualToEndIsAnEmptyWindowNotAnError()
 {
     QCOMPARE(parse({"--start", "5", "--end", "0:05", "a.mp4"}).action, ParsedCommandLine::Action::Run);
+}
+
+void MapToolOptionsTest::scaleIsReadAsEventsOrAuto()
+{
+    MapToolOptions o = parse({"--scale", "20", "a.mp4"}).options;
+    QVERIFY(o.scaleGiven);
+    QVERIFY(!o.scaleAuto);
+    QCOMPARE(o.scale, 20.0);
+    o = parse({"--scale=0.5", "a.mp4"}).options;
+    QCOMPARE(o.scale, 0.5);
+    o = parse({"--scale", "auto", "a.mp4"}).options;
+    QVERIFY(o.scaleGiven);
+    QVERIFY(o.scaleAuto);
+}
+
+void MapToolOptionsTest::badScalesAreUsageErrorsNamingTheValue_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::newRow("zero") << "0";
+    QTest::newRow("zero with decimals") << "0.000";
+    QTest::newRow("negative") << "-3";
+    QTest::newRow("word") << "big";
+    QTest::newRow("auto in capitals") << "AUTO";
+    QTest::newRow("empty") << "";
+    QTest::newRow("infinite") << "inf";
+    QTest::newRow("exponent") << "1e400";
+}
+
+void MapToolOptionsTest::badScalesAreUsageErrorsNamingTheValue()
+{
+    QFETCH(QString, value);
+    const ParsedCommandLine parsed = parse({"--scale=" + value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--scale")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(QStringLiteral("'%1'").arg(value)), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)
