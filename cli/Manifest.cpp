@@ -126,15 +126,8 @@ QString sha256Of(const QString& path)
 QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
 {
     QJsonArray files;
-    for (const QString& path : written) {
-        const QFileInfo info(path);
-        files.append(QJsonObject{
-            {"role", roleOf(input, path)},
-            {"name", info.fileName()},
-            {"size_bytes", static_cast<double>(info.size())},
-            {"sha256", sha256Of(path)},
-        });
-    }
+    for (const QString& path : written)
+        files.append(Manifest::fileRecord(roleOf(input, path), path));
     return files;
 }
 
@@ -160,6 +153,17 @@ QJsonObject summaryOf(const MotionPassFacts& facts, std::int64_t pairsWithMotion
 } // namespace
 
 namespace Manifest {
+
+QJsonObject fileRecord(const QString& role, const QString& path)
+{
+    const QFileInfo info(path);
+    return {
+        {"role", role},
+        {"name", info.fileName()},
+        {"size_bytes", static_cast<double>(info.size())},
+        {"sha256", sha256Of(path)},
+    };
+}
 
 QJsonObject build(const Content& content)
 {

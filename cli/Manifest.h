@@ -35,6 +35,10 @@ struct Content {
 // written files themselves for their checksums. Reentrant.
 QJsonObject build(const Content& content);
 
+// One entry of a manifest's "files": the role, the name (the file lies beside the manifest),
+// the size and the SHA-256 of the file at `path`. Reads the file. Reentrant.
+QJsonObject fileRecord(const QString& role, const QString& path);
+
 // Writes `manifest` to `path` under a temporary name renamed into place, replacing an
 // existing file only with `overwrite`. The error, empty on success. Reentrant.
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite);

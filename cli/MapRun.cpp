@@ -43,6 +43,7 @@ bool isFinal(FileState state)
 // before a final state, `error`; the driving thread reads them, `error` only after it has
 // seen the final state.
 struct FileJob {
+    int index = 0;  // in the order given
     PlannedInput input;
     qint64 size = 0;
     std::atomic<FileState> state{FileState::Waiting};
@@ -177,7 +178,7 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
     // A chosen scale reads the exact counts, which only the detailed count keeps.
-    settings.detailed = options.data || options.scaleGiven;
+    settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty();
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
@@ -190,7 +191,7 @@ void writeManifest(const FileJob& job, const MapToolOptions& options, const Moti
                    Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error,
                    double mapScale = 0.0)
 {
-    if (!options.data)
+    if (!options.data || job.input.manifestPath.isEmpty())
         return;
     Manifest::Content content;
     content.input = &job.input;
@@ -206,10 +207,26 @@ void writeManifest(const FileJob& job, const MapToolOptions& options, const Moti
         error = manifestError;
 }
 
+// Pool thread. An input of a sink that needs no pass.
+void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel)
+{
+    if (cancel.load(std::memory_order_relaxed) != 0) {
+        job.finish(FileState::Canceled);
+        return;
+    }
+    job.state.store(FileState::Running, std::memory_order_release);
+    const QString error = sink.take(job.index);
+    job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
+}
+
 // Pool thread.
 void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, int decoderThreads,
-             const std::atomic<int>& cancel, AtomicCounter& pairs)
+             const std::atomic<int>& cancel, AtomicCounter& pairs, ResultSink* sink)
 {
+    if (sink && sink->takesWithoutPass(job.index)) {
+        take(job, *sink, cancel);
+        return;
+    }
     std::unique_ptr<ActivityCsv> activity;
     if (options.data)
         activity = std::make_unique<ActivityCsv>(job.input.activityPath);
@@ -235,6 +252,14 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         job.finish(FileState::Canceled);
         return;
     }
+    if (sink) {
+        if (activity)
+            error = activity->commit(true);
+        if (error.isEmpty())
+            error = sink->takePass(job.index, facts, background);
+        job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
+        return;
+    }
     const double mapScale = mapScaleOf(options, facts);
     error = writeImages(imagesOf(job.input, motionCount, background, facts, mapScale), options.overwrite, written);
     if (error.isEmpty() && activity) {
@@ -250,14 +275,16 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
 class Driver {
 public:
     Driver(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ResultSink* sink)
         : m_options(options)
         , m_mask(mask)
         , m_output(output)
         , m_cancel(cancel)
+        , m_sink(sink)
     {
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
+            job->index = static_cast<int>(m_jobs.size());
             job->input = input;
             job->size = QFileInfo(input.video).size();
             m_jobs.push_back(std::move(job));
@@ -296,7 +323,7 @@ private:
             FileJob* file = job.get();
             m_pool.start([this, file] {
                 const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
-                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs);
+                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs, m_sink);
             });
         }
     }
@@ -362,6 +389,7 @@ private:
     const cv::Mat& m_mask;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
+    ResultSink* m_sink;
     std::atomic<int> m_filesToStart{0};
     FileJobs m_jobs;
     AtomicCounter m_pairs;
@@ -377,9 +405,9 @@ private:
 namespace MapRun {
 
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ResultSink* sink)
 {
-    return Driver(options, inputs, output, cancel, mask).exec();
+    return Driver(options, inputs, output, cancel, mask, sink).exec();
 }
 
 QImage countsImage(const cv::Mat& motionCount)

@@ -11,6 +11,21 @@
 #include <vector>
 
 class ProgressOutput;
+struct MotionPassFacts;
+
+// What a run does with each input instead of writing that input's own files (--combine).
+// Called on the pool's threads, several at once.
+class ResultSink {
+public:
+    virtual ~ResultSink() = default;
+    // Whether the input at `index` (its place in the order given) is taken without a pass.
+    virtual bool takesWithoutPass(int index) const = 0;
+    // Takes the input at `index` without a pass. The error, empty on success.
+    virtual QString take(int index) = 0;
+    // Takes the finished pass over the input at `index` (its activity table, with --data, is
+    // complete at PlannedInput::activityPath). The error, empty on success.
+    virtual QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) = 0;
+};
 
 namespace MapRun {
 
@@ -31,8 +46,10 @@ constexpr int kExitInterrupted = 130;
 // kExitInterrupted when canceled, kExitFailure otherwise.
 // Blocks until every pass has ended. Call from one thread at a time.
 // `mask` (see MotionPassSettings::mask) applies to every input; empty for none.
+// `sink`, when given, receives every input's results and no input writes files of its own.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {});
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {},
+        ResultSink* sink = nullptr);
 
 // The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
 QImage countsImage(const cv::Mat& motionCount);

@@ -32,13 +32,14 @@ struct Options {
     QCommandLineOption start{"start", {}, "T"};
     QCommandLineOption end{"end", {}, "T"};
     QCommandLineOption scale{"scale", {}, "N"};
+    QCommandLineOption combine{"combine", {}, "NAME"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, start, end,
-                           scale, help, version});
+                           scale, combine, help, version});
     }
 };
 
@@ -96,6 +97,23 @@ QString readWindowAndMask(const QCommandLineParser& parser, const Options& o, Ma
     return {};
 }
 
+// The name of a combined map: a file name in the output folder, not a path. The error,
+// empty when it reads.
+QString readCombine(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    if (!parser.isSet(o.combine))
+        return {};
+    const QString name = parser.value(o.combine);
+    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..")
+        || name.contains(QLatin1Char('/')) || name.contains(QLatin1Char('\\')))
+        return tr("Bad name '%1' for --combine: a file name without a folder (--output-dir sets the folder).")
+            .arg(name);
+    if (options.counts)
+        return tr("--counts does not apply to --combine: the combined counts are in NAME.events.png (--data).");
+    options.combineName = name;
+    return {};
+}
+
 ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o, int cores)
 {
     ParsedCommandLine result;
@@ -127,6 +145,9 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
         && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
         return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
                               .arg(parser.value(o.scale)));
+    const QString combineError = readCombine(parser, o, options);
+    if (!combineError.isEmpty())
+        return usageError(combineError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
@@ -240,6 +261,13 @@ Options:
                         event. auto takes the 99th percentile of the non-zero
                         counts of each map. Given, maps are drawn from the
                         exact counts, which do not wrap at 256 events.
+      --combine NAME    Add every input up into one map, NAME.FORMAT: the
+                        exact counts summed, over the background of the first
+                        input. Inputs may also be manifests written by --data
+                        (NAME.json), taken from their files without decoding.
+                        Inputs of another size than the first are left out.
+                        With --data, also NAME.events.png, NAME.activity.csv
+                        (with a file column) and the manifest NAME.json.
       --overwrite       Replace output files that exist already.
   -q, --quiet           Print no progress and no per-file messages. Errors are
                         still printed.
@@ -277,7 +305,7 @@ Exit status:
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
        --start after --end, a mask that cannot be read, --scale 0 or
-       below), no VIDEO. Nothing
+       below, a --combine name with a folder), no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second
@@ -288,6 +316,7 @@ Examples:
   tremora-map --format jpg --output-dir maps *.mp4
   tremora-map --jobs 0 --counts --background -o out camera1/*.mkv
   tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
+  tremora-map --combine camera1 --scale auto maps/*.json
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

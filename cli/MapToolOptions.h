@@ -29,6 +29,9 @@ struct MapToolOptions {
     bool scaleGiven = false;
     bool scaleAuto = false;  // the 99th percentile of each output's non-zero counts
     double scale = 8.5;      // MotionMap::kDefaultScale; meaningful unless scaleAuto
+    // --combine NAME: every input adds up into one map NAME.<format>; inputs may then also be
+    // manifests written by --data. Empty: one map per input.
+    QString combineName;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QString>
+
+#include <opencv2/core/mat.hpp>
+
+// A manifest written by --data given as an input of --combine: the video's results are taken
+// from its files instead of decoding the video again, which makes the reduce step of a
+// cluster run (one task per video with --data, one task combining their manifests) a matter
+// of reading files.
+namespace ManifestInput {
+
+// True for an input that is to be read as a manifest rather than decoded: its name ends
+// in ".json" (any case).
+bool isManifest(const QString& path);
+
+// What the manifest says, read and checked without touching the files it names.
+struct Header {
+    QString manifestPath;   // as given
+    QString videoPath;      // the analysed video's absolute path, as the manifest records it
+    int width = 0;
+    int height = 0;
+    QString creationTime;   // as the container records it; empty when it has none
+    QString eventsPath;     // absolute; the files lie beside the manifest
+    QString backgroundPath;
+    QString activityPath;   // empty when the manifest names no activity table
+    QString error;          // non-empty: not usable; one line that names the manifest
+};
+
+// Reads the manifest at `path`: a manifest of this tool, of a format version it knows, of a
+// finished analysis, naming its exact counts and background. Reentrant.
+Header readHeader(const QString& path);
+
+// The manifest's exact counts (16-bit, 1 channel) and background (8-bit, 3 channels R,G,B),
+// after checking every file the manifest names against its recorded size and SHA-256. The
+// error, empty on success; a file that is missing or does not match leaves both empty.
+// Reentrant.
+QString load(const QString& path, cv::Mat* events, cv::Mat* background);
+
+} // namespace ManifestInput
