@@ -46,6 +46,9 @@ private slots:
     void scaleIsReadAsEventsOrAuto();
     void badScalesAreUsageErrorsNamingTheValue_data();
     void badScalesAreUsageErrorsNamingTheValue();
+    void combineNameIsRead();
+    void combineRefusesNamesWithAFolderAndTheWrappingCounts_data();
+    void combineRefusesNamesWithAFolderAndTheWrappingCounts();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -189,7 +192,8 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
-                               "--mask FILE", "--start T", "--end T", "--scale N|auto"})
+                               "--mask FILE", "--start T", "--end T", "--scale N|auto",
+                               "--combine NAME"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
@@ -230,6 +234,7 @@ void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
     QVERIFY(!o.scaleGiven);
     QVERIFY(!o.scaleAuto);
     QCOMPARE(o.scale, 8.5);
+    QVERIFY(o.combineName.isEmpty());
 }
 
 void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
@@ -331,6 +336,36 @@ void MapToolOptionsTest::badScalesAreUsageErrorsNamingTheValue()
     QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
     QVERIFY2(parsed.error.contains(QStringLiteral("--scale")), qPrintable(parsed.error));
     QVERIFY2(parsed.error.contains(QStringLiteral("'%1'").arg(value)), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+}
+
+void MapToolOptionsTest::combineNameIsRead()
+{
+    const ParsedCommandLine parsed = parse({"--combine", "camera 1.day", "a.json", "b.mkv"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.combineName, QStringLiteral("camera 1.day"));
+    QCOMPARE(parsed.options.videos, (QStringList{"a.json", "b.mkv"}));
+}
+
+void MapToolOptionsTest::combineRefusesNamesWithAFolderAndTheWrappingCounts_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("slash") << QStringList{"--combine", "maps/day"} << "'maps/day'";
+    QTest::newRow("backslash") << QStringList{"--combine", "maps\\day"} << "'maps\\day'";
+    QTest::newRow("dot") << QStringList{"--combine", "."} << "'.'";
+    QTest::newRow("empty") << QStringList{"--combine="} << "''";
+    QTest::newRow("with counts") << QStringList{"--counts", "--combine", "day"} << "--counts";
+}
+
+void MapToolOptionsTest::combineRefusesNamesWithAFolderAndTheWrappingCounts()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, named);
+    const ParsedCommandLine parsed = parse(arguments + QStringList{"a.mkv"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--combine")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(named), qPrintable(parsed.error));
     QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
