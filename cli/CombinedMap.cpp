@@ -13,10 +13,14 @@ CombinedMap::CombinedMap(cv::Size size)
 
 bool CombinedMap::add(int index, const cv::Mat& counts, const cv::Mat& background)
 {
-    if (counts.size() != m_size || background.size() != m_size || background.type() != CV_8UC3
-        || (counts.type() != CV_16UC1 && counts.type() != CV_32SC1))
+    const bool hasBackground = !background.empty();
+    if (counts.size() != m_size || (counts.type() != CV_16UC1 && counts.type() != CV_32SC1)
+        || (hasBackground && (background.size() != m_size || background.type() != CV_8UC3)))
         return false;
     QMutexLocker lock(&m_mutex);
+    // The caller asked wantsBackground() and left it out; an earlier input has given one since.
+    if (!hasBackground && index < m_backgroundIndex)
+        return false;
     cv::add(m_sum, counts, m_sum, cv::noArray(), CV_32S);
     if (index < m_backgroundIndex) {
         background.copyTo(m_background);
@@ -24,4 +28,10 @@ bool CombinedMap::add(int index, const cv::Mat& counts, const cv::Mat& backgroun
     }
     ++m_inputs;
     return true;
+}
+
+bool CombinedMap::wantsBackground(int index)
+{
+    QMutexLocker lock(&m_mutex);
+    return index < m_backgroundIndex;
 }

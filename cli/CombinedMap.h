@@ -16,8 +16,14 @@ public:
 
     // Adds the exact counts (16-bit or 32-bit signed, 1 channel) of the input at `index` (its
     // place in the order given) and keeps its background (8-bit, 3 channels) when no input
-    // before it has given one. False, and nothing added, when either is not of the map's size.
+    // before it has given one. False, and nothing added, when either is not of the map's size;
+    // an empty background is taken as "not needed" (see wantsBackground).
     bool add(int index, const cv::Mat& counts, const cv::Mat& background);
+
+    // Whether the background of the input at `index` could still be the one kept: no input
+    // before it has given one so far. An input for which this is false may add() an empty
+    // background. Any thread.
+    bool wantsBackground(int index);
 
     cv::Size size() const { return m_size; }
     // The summed counts, 32-bit signed; zero where nothing was added.

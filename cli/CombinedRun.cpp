@@ -132,7 +132,12 @@ public:
         Item& item = m_items[static_cast<size_t>(index)];
         cv::Mat events;
         cv::Mat background;
-        const QString error = ManifestInput::load(item.given, &events, &background);
+        // Only the earliest input's background is kept: the others' are checked, not decoded.
+        const bool needsBackground = m_map.wantsBackground(index);
+        // Each pool thread decodes every manifest's counts into the same memory.
+        thread_local QImage storage;
+        const QString error =
+            ManifestInput::load(item.given, storage, &events, needsBackground ? &background : nullptr);
         if (!error.isEmpty())
             return error;
         return add(item, index, events, background);

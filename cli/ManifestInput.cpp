@@ -2,17 +2,20 @@
 
 #include "Manifest.h"
 
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QImageReader>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -70,17 +73,30 @@ QString besideManifest(const QString& manifest, const QString& name)
     return QFileInfo(manifest).absoluteDir().absoluteFilePath(name);
 }
 
+// A file checked against the manifest, its bytes mapped rather than copied: the background
+// of a 1080p video is megabytes, and a merge reads hundreds of them.
+struct CheckedFile {
+    std::unique_ptr<QFile> file;
+    QByteArray bytes;  // a view of the mapping, valid while `file` is open
+};
+
 // The file's bytes when its size and checksum are those recorded; the error otherwise.
-QString readChecked(const QString& manifest, const QJsonObject& recorded, QByteArray* bytes)
+QString readChecked(const QString& manifest, const QJsonObject& recorded, CheckedFile* checked)
 {
     const QString path = besideManifest(manifest, recorded["name"].toString());
-    QFile file(path);
+    checked->file = std::make_unique<QFile>(path);
+    QFile& file = *checked->file;
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
         return tr("Manifest '%1' names '%2', which is missing").arg(manifest, recorded["name"].toString());
     if (file.size() != static_cast<qint64>(recorded["size_bytes"].toDouble(-1.0)))
         return tr("'%1' does not match manifest '%2' (size)").arg(path, manifest);
-    *bytes = file.readAll();
-    const QString sha = QString::fromLatin1(QCryptographicHash::hash(*bytes, QCryptographicHash::Sha256).toHex());
+    const uchar* mapped = file.size() > 0 ? file.map(0, file.size()) : nullptr;
+    if (mapped)
+        checked->bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), static_cast<int>(file.size()));
+    else
+        checked->bytes = file.readAll();
+    const QString sha =
+        QString::fromLatin1(QCryptographicHash::hash(checked->bytes, QCryptographicHash::Sha256).toHex());
     if (sha != recorded["sha256"].toString())
         return tr("'%1' does not match manifest '%2' (checksum)").arg(path, manifest);
     return {};
@@ -131,29 +147,34 @@ Header readHeader(const QString& path)
     return header;
 }
 
-QString load(const QString& path, cv::Mat* events, cv::Mat* background)
+QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* background)
 {
     const Parsed parsed = parse(path);
     if (!parsed.error.isEmpty())
         return parsed.error;
-    QByteArray eventsBytes;
-    QByteArray backgroundBytes;
-    QByteArray activityBytes;
-    QString error = readChecked(path, fileOf(parsed.root, QStringLiteral("events")), &eventsBytes);
+    CheckedFile eventsFile;
+    CheckedFile backgroundFile;
+    CheckedFile activityFile;
+    QString error = readChecked(path, fileOf(parsed.root, QStringLiteral("events")), &eventsFile);
     if (error.isEmpty())
-        error = readChecked(path, fileOf(parsed.root, QStringLiteral("background")), &backgroundBytes);
+        error = readChecked(path, fileOf(parsed.root, QStringLiteral("background")), &backgroundFile);
     const QJsonObject activity = fileOf(parsed.root, QStringLiteral("activity"));
     if (error.isEmpty() && !activity.isEmpty())
-        error = readChecked(path, activity, &activityBytes);
+        error = readChecked(path, activity, &activityFile);
     if (!error.isEmpty())
         return error;
-    const QImage eventsImage = QImage::fromData(eventsBytes, "PNG");
-    const QImage backgroundImage = QImage::fromData(backgroundBytes, "PNG");
-    if (eventsImage.format() != QImage::Format_Grayscale16 || backgroundImage.isNull()
-        || eventsImage.size() != backgroundImage.size())
+    QBuffer eventsBuffer(&eventsFile.bytes);
+    QImageReader reader(&eventsBuffer, "PNG");
+    if (!reader.read(&storage) || storage.format() != QImage::Format_Grayscale16)
         return tr("The files of manifest '%1' are not its counts and background").arg(path);
-    *events = matrixOf(eventsImage, CV_16UC1, 2);
-    *background = matrixOf(backgroundImage.convertToFormat(QImage::Format_RGB888), CV_8UC3, 3);
+    if (background) {
+        const QImage backgroundImage = QImage::fromData(backgroundFile.bytes, "PNG");
+        if (backgroundImage.size() != storage.size())
+            return tr("The files of manifest '%1' are not its counts and background").arg(path);
+        *background = matrixOf(backgroundImage.convertToFormat(QImage::Format_RGB888), CV_8UC3, 3);
+    }
+    *events = cv::Mat(storage.height(), storage.width(), CV_16UC1, storage.bits(),
+                      static_cast<size_t>(storage.bytesPerLine()));
     return {};
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QImage>
 #include <QString>
 
 #include <opencv2/core/mat.hpp>
@@ -31,10 +32,13 @@ struct Header {
 // finished analysis, naming its exact counts and background. Reentrant.
 Header readHeader(const QString& path);
 
-// The manifest's exact counts (16-bit, 1 channel) and background (8-bit, 3 channels R,G,B),
-// after checking every file the manifest names against its recorded size and SHA-256. The
-// error, empty on success; a file that is missing or does not match leaves both empty.
-// Reentrant.
-QString load(const QString& path, cv::Mat* events, cv::Mat* background);
+// The manifest's exact counts (16-bit, 1 channel) and, when `background` is not null, its
+// background (8-bit, 3 channels R,G,B), after checking every file the manifest names against
+// its recorded size and SHA-256. Leaving the background out saves decoding the largest file
+// where it is not needed. The error, empty on success; a file that is missing or does not
+// match leaves both empty. `events` is a view of `storage`, which a caller reading many
+// manifests passes again each time, so that pictures of one size are decoded into the same
+// memory rather than into new pages every time. Reentrant.
+QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* background);
 
 } // namespace ManifestInput

@@ -43,6 +43,22 @@ private slots:
         QCOMPARE(cv::countNonZero(map.sum()), 0);
     }
 
+    void aLaterInputNeedsNoBackgroundOnceAnEarlierOneHasGivenOne()
+    {
+        CombinedMap map(cv::Size(2, 2));
+        const cv::Mat counts(2, 2, CV_16UC1, cv::Scalar(1));
+        QVERIFY(map.wantsBackground(5));
+        QVERIFY(map.add(3, counts, cv::Mat(2, 2, CV_8UC3, cv::Scalar(30, 30, 30))));
+        QVERIFY(!map.wantsBackground(5));
+        QVERIFY(map.wantsBackground(2));
+        QVERIFY(map.add(5, counts, cv::Mat()));
+        QCOMPARE(map.sum().at<int>(0, 0), 2);
+        QCOMPARE(int(map.background().at<cv::Vec3b>(1, 1)[2]), 30);
+        // An input that could still be the earliest must bring its background.
+        QVERIFY(!map.add(1, counts, cv::Mat()));
+        QCOMPARE(map.inputs(), 2);
+    }
+
     void inputsAddedFromManyThreadsAllCount()
     {
         CombinedMap map(cv::Size(64, 48));

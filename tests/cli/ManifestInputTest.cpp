@@ -96,8 +96,9 @@ private slots:
         escaping["files"] = QJsonArray{QJsonObject{{"role", "events"}, {"name", "../etc/a.events.png"}},
                                        QJsonObject{{"role", "background"}, {"name", "a.background.png"}}};
         QVERIFY(writeFile(m_dir.filePath("m.json"), QJsonDocument(escaping).toJson()));
+        QImage storage;
         cv::Mat events, background;
-        const QString error = ManifestInput::load(m_dir.filePath("m.json"), &events, &background);
+        const QString error = ManifestInput::load(m_dir.filePath("m.json"), storage, &events, &background);
         QVERIFY2(error.contains(QStringLiteral("missing")), qPrintable(error));
         QVERIFY(events.empty());
     }
