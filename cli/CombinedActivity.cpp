@@ -16,16 +16,6 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-// FFmpeg gives creation times with microseconds ("2024-05-01T10:00:00.000000Z"), which
-// Qt's ISO reading does not take: milliseconds are plenty for files minutes long.
-QDateTime readCreationTime(const QString& text)
-{
-    static const QRegularExpression finer(QStringLiteral("(\\.\\d{3})\\d+"));
-    QString trimmed = text;
-    trimmed.replace(finer, QStringLiteral("\\1"));
-    return QDateTime::fromString(trimmed, Qt::ISODateWithMs);
-}
-
 // A CSV field in double quotes, so that a comma or a quote in a file name stays in it.
 QByteArray quoted(const QString& text)
 {
@@ -60,6 +50,16 @@ bool copyRows(const CombinedActivity::Source& source, const double* offset, QSav
 }
 
 } // namespace
+
+// FFmpeg gives creation times with microseconds ("2024-05-01T10:00:00.000000Z"), which
+// Qt's ISO reading does not take: milliseconds are plenty for files minutes long.
+QDateTime CombinedActivity::readCreationTime(const QString& text)
+{
+    static const QRegularExpression finer(QStringLiteral("(\\.\\d{3})\\d+"));
+    QString trimmed = text;
+    trimmed.replace(finer, QStringLiteral("\\1"));
+    return QDateTime::fromString(trimmed, Qt::ISODateWithMs);
+}
 
 namespace CombinedActivity {
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDateTime>
 #include <QString>
 
 #include <optional>
@@ -18,6 +19,10 @@ struct Source {
     QString table;         // its activity table (pair,time_s,moving_pixels,new_events)
     QString creationTime;  // ISO 8601 as the container records it; empty when unknown
 };
+
+// A creation time as containers record it ("2024-05-01T10:00:00.000000Z"); invalid when it
+// does not read. Reentrant.
+QDateTime readCreationTime(const QString& text);
 
 // Seconds of every source's start after the earliest one's, when every source has a
 // readable creation time; nothing otherwise. Reentrant.

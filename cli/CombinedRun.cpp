@@ -4,6 +4,7 @@
 #include "CombinedMap.h"
 #include "FfmpegMutex.h"
 #include "ImageFile.h"
+#include "Legend.h"
 #include "ManifestInput.h"
 #include "MapRun.h"
 #include "MapScale.h"
@@ -36,12 +37,12 @@ QString tr(const char* text)
 
 // The combined files, absolute; those not asked for empty.
 struct Outputs {
-    QString map, background, events, activity, manifest;
+    QString map, legend, background, events, activity, manifest;
 
     QStringList all() const
     {
         QStringList paths;
-        for (const QString& path : {map, background, events, activity, manifest}) {
+        for (const QString& path : {map, legend, background, events, activity, manifest}) {
             if (!path.isEmpty())
                 paths << path;
         }
@@ -57,6 +58,8 @@ Outputs outputsOf(const MapToolOptions& options)
     const auto pathOf = [&](const QString& suffix) { return QDir::cleanPath(folder.absoluteFilePath(name + suffix)); };
     Outputs outputs;
     outputs.map = pathOf(QLatin1Char('.') + options.format);
+    if (options.legend)
+        outputs.legend = pathOf(QStringLiteral(".legend.png"));
     if (options.background)
         outputs.background = pathOf(QStringLiteral(".background.png"));
     if (options.data) {
@@ -96,6 +99,7 @@ struct Item {
     cv::Size size;          // empty when not known before the pass
     QString video;          // absolute path of the video
     QString creationTime;
+    double footageSeconds = -1.0;
     QString activity;       // the input's activity table
     bool combined = false;
     QString error;
@@ -147,6 +151,8 @@ public:
     {
         Item& item = m_items[static_cast<size_t>(index)];
         item.creationTime = QString::fromStdString(facts.video.creationTime);
+        if (facts.video.frameRate > 0.0)
+            item.footageSeconds = facts.pairsAnalysed / facts.video.frameRate;
         return add(item, index, facts.exactCounts, background);
     }
 
@@ -180,6 +186,7 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.size = cv::Size(header.width, header.height);
             item.video = header.videoPath;
             item.creationTime = header.creationTime;
+            item.footageSeconds = header.footageSeconds;
             item.activity = header.activityPath;
         } else {
             item.size = probeSize(given);
@@ -249,8 +256,8 @@ QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& i
         inputs.append(entry);
     }
     QJsonArray files;
-    const QStringList roles{"map", "background", "events", "activity"};
-    const QStringList paths{outputs.map, outputs.background, outputs.events, outputs.activity};
+    const QStringList roles{"map", "legend", "background", "events", "activity"};
+    const QStringList paths{outputs.map, outputs.legend, outputs.background, outputs.events, outputs.activity};
     for (int i = 0; i < paths.size(); ++i) {
         if (!paths[i].isEmpty())
             files.append(Manifest::fileRecord(roles[i], paths[i]));
@@ -279,6 +286,29 @@ QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& i
     };
 }
 
+QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vector<Item>& items, double scale)
+{
+    QStringList creationTimes;
+    QList<double> seconds;
+    double footage = 0.0;
+    bool footageKnown = true;
+    for (const Item& item : items) {
+        if (!item.combined)
+            continue;
+        creationTimes << item.creationTime;
+        seconds << item.footageSeconds;
+        footage += std::max(item.footageSeconds, 0.0);
+        footageKnown = footageKnown && item.footageSeconds >= 0.0;
+    }
+    Legend::Content content;
+    content.name = options.combineName;
+    content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
+    content.scale = scale;
+    content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
+    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+    return Legend::render(map, content);
+}
+
 // Writes the combined files in the order of Outputs; the error, empty on success.
 QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
                      const Outputs& outputs)
@@ -288,8 +318,11 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
         if (!options.overwrite && existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
-    if (!Utils::saveImage(MotionMap::render(map.sum(), map.background(), scale), outputs.map))
+    const QImage image = MotionMap::render(map.sum(), map.background(), scale);
+    if (!Utils::saveImage(image, outputs.map))
         return tr("Can't save image file '%1'").arg(outputs.map);
+    if (!outputs.legend.isEmpty() && !Utils::saveImage(legendOf(image, options, items, scale), outputs.legend))
+        return tr("Can't save image file '%1'").arg(outputs.legend);
     if (!outputs.background.isEmpty() && !Utils::saveImage(MapRun::backgroundImage(map.background()), outputs.background))
         return tr("Can't save image file '%1'").arg(outputs.background);
     if (!options.data)

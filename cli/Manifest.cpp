@@ -103,6 +103,8 @@ QString roleOf(const PlannedInput& input, const QString& path)
 {
     if (path == input.mapPath)
         return QStringLiteral("map");
+    if (path == input.legendPath)
+        return QStringLiteral("legend");
     if (path == input.countsPath)
         return QStringLiteral("counts");
     if (path == input.eventsPath)

@@ -22,6 +22,7 @@ struct Header {
     int width = 0;
     int height = 0;
     QString creationTime;   // as the container records it; empty when it has none
+    double footageSeconds = -1.0;  // pairs analysed at the frame rate; -1 when unknown
     QString eventsPath;     // absolute; the files lie beside the manifest
     QString backgroundPath;
     QString activityPath;   // empty when the manifest names no activity table

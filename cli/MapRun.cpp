@@ -3,6 +3,7 @@
 #include "ActivityCsv.h"
 #include "AtomicCounter.h"
 #include "ImageFile.h"
+#include "Legend.h"
 #include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
@@ -126,14 +127,36 @@ QImage mapOf(const cv::Mat& motionCount, const cv::Mat& background, const Motion
     return MotionMap::render(motionCount, background);
 }
 
-// The input's images in the order they are written: map, counts, exact counts, background;
-// those not asked for have an empty path.
-std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const cv::Mat& motionCount,
-                                                 const cv::Mat& background, const MotionPassFacts& facts,
-                                                 double mapScale)
+// Seconds of video a pass analysed: its pairs at the stream's frame rate; -1 when unknown.
+double footageOf(const MotionPassFacts& facts)
 {
+    return facts.video.frameRate > 0.0 ? facts.pairsAnalysed / facts.video.frameRate : -1.0;
+}
+
+QImage legendOf(const QImage& map, const PlannedInput& input, const MapToolOptions& options,
+                const MotionPassFacts& facts, double mapScale)
+{
+    Legend::Content content;
+    content.name = QFileInfo(input.video).fileName();
+    const double footage = footageOf(facts);
+    content.timeSpan = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
+                                        options.hasStart ? options.start : 0.0, footage);
+    content.scale = mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale;
+    content.footageHours = footage > 0.0 ? footage / 3600.0 : 0.0;
+    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+    return Legend::render(map, content);
+}
+
+// The input's images in the order they are written: map, legend, counts, exact counts,
+// background; those not asked for have an empty path.
+std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const MapToolOptions& options,
+                                                 const cv::Mat& motionCount, const cv::Mat& background,
+                                                 const MotionPassFacts& facts, double mapScale)
+{
+    const QImage map = mapOf(motionCount, background, facts, mapScale);
     return {
-        {input.mapPath, mapOf(motionCount, background, facts, mapScale)},
+        {input.mapPath, map},
+        {input.legendPath, input.legendPath.isEmpty() ? QImage() : legendOf(map, input, options, facts, mapScale)},
         {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapRun::countsImage(motionCount)},
         {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
         {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
@@ -261,7 +284,7 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         return;
     }
     const double mapScale = mapScaleOf(options, facts);
-    error = writeImages(imagesOf(job.input, motionCount, background, facts, mapScale), options.overwrite, written);
+    error = writeImages(imagesOf(job.input, options, motionCount, background, facts, mapScale), options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
         if (error.isEmpty())

@@ -33,13 +33,14 @@ struct Options {
     QCommandLineOption end{"end", {}, "T"};
     QCommandLineOption scale{"scale", {}, "N"};
     QCommandLineOption combine{"combine", {}, "NAME"};
+    QCommandLineOption legend{"legend"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, start, end,
-                           scale, combine, help, version});
+                           scale, combine, legend, help, version});
     }
 };
 
@@ -137,6 +138,7 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     options.overwrite = parser.isSet(o.overwrite);
     options.quiet = parser.isSet(o.quiet);
     options.data = parser.isSet(o.data);
+    options.legend = parser.isSet(o.legend);
     const QString windowError = readWindowAndMask(parser, o, options);
     if (!windowError.isEmpty())
         return usageError(windowError);
@@ -268,6 +270,9 @@ Options:
                         Inputs of another size than the first are left out.
                         With --data, also NAME.events.png, NAME.activity.csv
                         (with a file column) and the manifest NAME.json.
+      --legend          Also write NAME.legend.png: the map with a strip below
+                        it that explains it (colour scale in events and events
+                        per hour, what grey means, name, time span, mask).
       --overwrite       Replace output files that exist already.
   -q, --quiet           Print no progress and no per-file messages. Errors are
                         still printed.

@@ -32,6 +32,8 @@ struct MapToolOptions {
     // --combine NAME: every input adds up into one map NAME.<format>; inputs may then also be
     // manifests written by --data. Empty: one map per input.
     QString combineName;
+    // --legend: NAME.legend.png, the map with a strip that explains it.
+    bool legend = false;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.

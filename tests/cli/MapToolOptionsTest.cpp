@@ -193,7 +193,7 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
                                "--mask FILE", "--start T", "--end T", "--scale N|auto",
-                               "--combine NAME"})
+                               "--combine NAME", "--legend"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
