@@ -75,9 +75,9 @@ QJsonObject videoOf(const VideoInfo& info)
     };
 }
 
-QJsonObject parametersOf(const MapToolOptions& options)
+QJsonObject parametersOf(const MapToolOptions& options, double mapScale)
 {
-    return {
+    QJsonObject parameters{
         {"blur", options.blur},
         {"threshold", options.blur ? MotionCounter::kThresholdBlurred : MotionCounter::kThresholdSharp},
         {"new_event_gap_pairs", MotionCounter::kNewEventGap},
@@ -89,12 +89,22 @@ QJsonObject parametersOf(const MapToolOptions& options)
              {"end_s", options.hasEnd ? QJsonValue(options.end) : QJsonValue()},
          }},
     };
+    // Only where asked for, so that a manifest without --scale stays as it was.
+    // An automatic scale is known only once the counts are: null for a pass that did not end.
+    if (options.scaleGiven) {
+        const double top = mapScale > 0.0 ? mapScale : options.scaleAuto ? 0.0 : options.scale;
+        parameters.insert("scale", QJsonObject{{"events_at_top", top > 0.0 ? QJsonValue(top) : QJsonValue()},
+                                               {"auto", options.scaleAuto}});
+    }
+    return parameters;
 }
 
 QString roleOf(const PlannedInput& input, const QString& path)
 {
     if (path == input.mapPath)
         return QStringLiteral("map");
+    if (path == input.legendPath)
+        return QStringLiteral("legend");
     if (path == input.countsPath)
         return QStringLiteral("counts");
     if (path == input.eventsPath)
@@ -118,15 +128,8 @@ QString sha256Of(const QString& path)
 QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
 {
     QJsonArray files;
-    for (const QString& path : written) {
-        const QFileInfo info(path);
-        files.append(QJsonObject{
-            {"role", roleOf(input, path)},
-            {"name", info.fileName()},
-            {"size_bytes", static_cast<double>(info.size())},
-            {"sha256", sha256Of(path)},
-        });
-    }
+    for (const QString& path : written)
+        files.append(Manifest::fileRecord(roleOf(input, path), path));
     return files;
 }
 
@@ -153,6 +156,17 @@ QJsonObject summaryOf(const MotionPassFacts& facts, std::int64_t pairsWithMotion
 
 namespace Manifest {
 
+QJsonObject fileRecord(const QString& role, const QString& path)
+{
+    const QFileInfo info(path);
+    return {
+        {"role", role},
+        {"name", info.fileName()},
+        {"size_bytes", static_cast<double>(info.size())},
+        {"sha256", sha256Of(path)},
+    };
+}
+
 QJsonObject build(const Content& content)
 {
     const MotionPassFacts& facts = *content.facts;
@@ -168,7 +182,7 @@ QJsonObject build(const Content& content)
         {"video", videoOf(facts.video)},
         {"frames_decoded", static_cast<double>(facts.framesDecoded)},
         {"pairs_analysed", facts.pairsAnalysed},
-        {"parameters", parametersOf(*content.options)},
+        {"parameters", parametersOf(*content.options, content.mapScale)},
         {"outcome", outcome},
         {"files", filesOf(*content.input, content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},

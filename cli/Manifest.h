@@ -28,11 +28,16 @@ struct Content {
     QString error;            // with Outcome::Failed
     QStringList written;      // the files of this input that are in place, in the order written
     std::int64_t pairsWithMotion = 0;
+    double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
 };
 
 // The manifest as JSON. Reads the input video's and the written files' attributes, and the
 // written files themselves for their checksums. Reentrant.
 QJsonObject build(const Content& content);
+
+// One entry of a manifest's "files": the role, the name (the file lies beside the manifest),
+// the size and the SHA-256 of the file at `path`. Reads the file. Reentrant.
+QJsonObject fileRecord(const QString& role, const QString& path);
 
 // Writes `manifest` to `path` under a temporary name renamed into place, replacing an
 // existing file only with `overwrite`. The error, empty on success. Reentrant.

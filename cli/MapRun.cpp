@@ -3,6 +3,8 @@
 #include "ActivityCsv.h"
 #include "AtomicCounter.h"
 #include "ImageFile.h"
+#include "Legend.h"
+#include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
@@ -48,6 +50,7 @@ bool isFinal(FileState state)
 // before a final state, `error`; the driving thread reads them, `error` only after it has
 // seen the final state.
 struct FileJob {
+    int index = 0;  // in the order given
     PlannedInput input;
     QString key;                     // names the input's files in a report
     QJsonObject manifest;            // with --data, written with `error`
@@ -121,13 +124,52 @@ bool existsOrDangles(const QString& path)
     return info.exists() || info.isSymLink();
 }
 
-// The input's images in the order they are written: map, counts, exact counts, background;
-// those not asked for have an empty path.
-std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const cv::Mat& motionCount,
-                                                 const cv::Mat& background, const MotionPassFacts& facts)
+// The events at the top of the map's colour scale, when --scale asks for one; 0 otherwise.
+double mapScaleOf(const MapToolOptions& options, const MotionPassFacts& facts)
 {
+    if (!options.scaleGiven)
+        return 0.0;
+    return options.scaleAuto ? MapScale::automatic({facts.exactCounts}) : options.scale;
+}
+
+// The window's map from its wrapping count, unless a scale is given: then the exact counts.
+QImage mapOf(const cv::Mat& motionCount, const cv::Mat& background, const MotionPassFacts& facts, double mapScale)
+{
+    if (mapScale > 0.0)
+        return MotionMap::render(facts.exactCounts, background, mapScale);
+    return MotionMap::render(motionCount, background);
+}
+
+// Seconds of video a pass analysed: its pairs at the stream's frame rate; -1 when unknown.
+double footageOf(const MotionPassFacts& facts)
+{
+    return facts.video.frameRate > 0.0 ? facts.pairsAnalysed / facts.video.frameRate : -1.0;
+}
+
+QImage legendOf(const QImage& map, const PlannedInput& input, const MapToolOptions& options,
+                const MotionPassFacts& facts, double mapScale)
+{
+    Legend::Content content;
+    content.name = QFileInfo(input.video).fileName();
+    const double footage = footageOf(facts);
+    content.timeSpan = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
+                                        options.hasStart ? options.start : 0.0, footage);
+    content.scale = mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale;
+    content.footageHours = footage > 0.0 ? footage / 3600.0 : 0.0;
+    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+    return Legend::render(map, content);
+}
+
+// The input's images in the order they are written: map, legend, counts, exact counts,
+// background; those not asked for have an empty path.
+std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const MapToolOptions& options,
+                                                 const cv::Mat& motionCount, const cv::Mat& background,
+                                                 const MotionPassFacts& facts, double mapScale)
+{
+    const QImage map = mapOf(motionCount, background, facts, mapScale);
     return {
-        {input.mapPath, MotionMap::render(motionCount, background)},
+        {input.mapPath, map},
+        {input.legendPath, input.legendPath.isEmpty() ? QImage() : legendOf(map, input, options, facts, mapScale)},
         {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapRun::countsImage(motionCount)},
         {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
         {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
@@ -171,7 +213,8 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     settings.decoderThreads = decoderThreads;
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
-    settings.detailed = options.data;
+    // A chosen scale reads the exact counts, which only the detailed count keeps.
+    settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty();
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
@@ -183,9 +226,10 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
 // The manifest of a pass that has ended, when --data asks for one; `error` is the job's
 // error so far and receives the manifest's own when it cannot be written.
 void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
-                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error)
+                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error,
+                   double mapScale = 0.0)
 {
-    if (!options.data)
+    if (!options.data || job.input.manifestPath.isEmpty())
         return;
     Manifest::Content content;
     content.input = &job.input;
@@ -195,6 +239,7 @@ void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPass
     content.error = error;
     content.written = written;
     content.pairsWithMotion = pairsWithMotion;
+    content.mapScale = mapScale;
     job.manifest = Manifest::build(content);
     const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest, options.overwrite);
     if (error.isEmpty())
@@ -226,10 +271,26 @@ QString writeReportData(const FileJob& job, const QString& staging, const Motion
     return {};
 }
 
+// Pool thread. An input of a sink that needs no pass.
+void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel)
+{
+    if (cancel.load(std::memory_order_relaxed) != 0) {
+        job.finish(FileState::Canceled);
+        return;
+    }
+    job.state.store(FileState::Running, std::memory_order_release);
+    const QString error = sink.take(job.index);
+    job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
+}
+
 // Pool thread. `reportStaging`, when not empty, receives the input's report data.
 void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, int decoderThreads,
-             const std::atomic<int>& cancel, AtomicCounter& pairs, const QString& reportStaging)
+             const std::atomic<int>& cancel, AtomicCounter& pairs, const QString& reportStaging, ResultSink* sink)
 {
+    if (sink && sink->takesWithoutPass(job.index)) {
+        take(job, *sink, cancel);
+        return;
+    }
     std::unique_ptr<ActivityCsv> activity;
     if (options.data)
         activity = std::make_unique<ActivityCsv>(job.input.activityPath);
@@ -258,14 +319,23 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         job.finish(FileState::Canceled);
         return;
     }
-    error = writeImages(imagesOf(job.input, motionCount, background, facts), options.overwrite, written);
+    if (sink) {
+        if (activity)
+            error = activity->commit(true);
+        if (error.isEmpty())
+            error = sink->takePass(job.index, facts, background);
+        job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
+        return;
+    }
+    const double mapScale = mapScaleOf(options, facts);
+    error = writeImages(imagesOf(job.input, options, motionCount, background, facts, mapScale), options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
         if (error.isEmpty())
             written << job.input.activityPath;
     }
     writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
-                  pairsWithMotion, error);
+                  pairsWithMotion, error, mapScale);
     if (seconds && error.isEmpty())
         error = writeReportData(job, reportStaging, facts, *seconds);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
@@ -274,15 +344,18 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
 class Driver {
 public:
     Driver(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report)
+           ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report,
+           ResultSink* sink)
         : m_options(options)
         , m_mask(mask)
         , m_report(report)
         , m_output(output)
         , m_cancel(cancel)
+        , m_sink(sink)
     {
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
+            job->index = static_cast<int>(m_jobs.size());
             job->input = input;
             job->key = QString::number(m_jobs.size() + 1);
             job->size = QFileInfo(input.video).size();
@@ -325,7 +398,7 @@ private:
             FileJob* file = job.get();
             m_pool.start([this, file] {
                 const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
-                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs, m_reportStaging);
+                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs, m_reportStaging, m_sink);
             });
         }
     }
@@ -439,6 +512,7 @@ private:
     QString m_reportStaging;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
+    ResultSink* m_sink;
     std::atomic<int> m_filesToStart{0};
     FileJobs m_jobs;
     AtomicCounter m_pairs;
@@ -454,9 +528,10 @@ private:
 namespace MapRun {
 
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
-        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report)
+        ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report,
+        ResultSink* sink)
 {
-    return Driver(options, inputs, output, cancel, mask, report).exec();
+    return Driver(options, inputs, output, cancel, mask, report, sink).exec();
 }
 
 QImage countsImage(const cv::Mat& motionCount)

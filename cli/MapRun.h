@@ -12,6 +12,21 @@
 
 class ProgressOutput;
 class ReportFolder;
+struct MotionPassFacts;
+
+// What a run does with each input instead of writing that input's own files (--combine).
+// Called on the pool's threads, several at once.
+class ResultSink {
+public:
+    virtual ~ResultSink() = default;
+    // Whether the input at `index` (its place in the order given) is taken without a pass.
+    virtual bool takesWithoutPass(int index) const = 0;
+    // Takes the input at `index` without a pass. The error, empty on success.
+    virtual QString take(int index) = 0;
+    // Takes the finished pass over the input at `index` (its activity table, with --data, is
+    // complete at PlannedInput::activityPath). The error, empty on success.
+    virtual QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) = 0;
+};
 
 namespace MapRun {
 
@@ -35,9 +50,10 @@ constexpr int kExitInterrupted = 130;
 // `report`, when given and prepared, receives each input's report data as its pass ends and,
 // once every pass has ended (and none was canceled), the page, which then takes the report
 // folder's place; a report that cannot be written counts as a failure, the maps stay.
+// `sink`, when given, receives every input's results and no input writes files of its own.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
         ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {},
-        ReportFolder* report = nullptr);
+        ReportFolder* report = nullptr, ResultSink* sink = nullptr);
 
 // The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
 QImage countsImage(const cv::Mat& motionCount);

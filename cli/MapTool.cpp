@@ -1,5 +1,6 @@
 #include "MapTool.h"
 
+#include "CombinedRun.h"
 #include "MapRun.h"
 #include "MapToolOptions.h"
 #include "MaskFile.h"
@@ -53,6 +54,8 @@ int runMaps(const MapToolOptions& options, const cv::Mat& mask, const MapTool::C
         output.error(tr("Can't create folder '%1'").arg(options.outputDir));
         return MapRun::kExitFailure;
     }
+    if (!options.combineName.isEmpty())
+        return CombinedRun::run(options, output, cancel, mask);
     if (options.reportDir.isEmpty())
         return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask);
     // A report that cannot be written costs the run its success, not its maps.

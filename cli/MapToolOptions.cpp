@@ -32,13 +32,16 @@ struct Options {
     QCommandLineOption report{"report", {}, "DIR"};
     QCommandLineOption start{"start", {}, "T"};
     QCommandLineOption end{"end", {}, "T"};
+    QCommandLineOption scale{"scale", {}, "N"};
+    QCommandLineOption combine{"combine", {}, "NAME"};
+    QCommandLineOption legend{"legend"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, help, version});
+                           end, scale, combine, legend, help, version});
     }
 };
 
@@ -96,6 +99,25 @@ QString readWindowAndMask(const QCommandLineParser& parser, const Options& o, Ma
     return {};
 }
 
+// The name of a combined map: a file name in the output folder, not a path. The error,
+// empty when it reads.
+QString readCombine(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    if (!parser.isSet(o.combine))
+        return {};
+    const QString name = parser.value(o.combine);
+    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..")
+        || name.contains(QLatin1Char('/')) || name.contains(QLatin1Char('\\')))
+        return tr("Bad name '%1' for --combine: a file name without a folder (--output-dir sets the folder).")
+            .arg(name);
+    if (options.counts)
+        return tr("--counts does not apply to --combine: the combined counts are in NAME.events.png (--data).");
+    if (!options.reportDir.isEmpty())
+        return tr("--report does not apply to --combine: the report shows each video's own map.");
+    options.combineName = name;
+    return {};
+}
+
 ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o, int cores)
 {
     ParsedCommandLine result;
@@ -125,9 +147,18 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     }
     // The report's cards are drawn from the manifest, its chart from the activity.
     options.data = parser.isSet(o.data) || !options.reportDir.isEmpty();
+    options.legend = parser.isSet(o.legend);
     const QString windowError = readWindowAndMask(parser, o, options);
     if (!windowError.isEmpty())
         return usageError(windowError);
+    options.scaleGiven = parser.isSet(o.scale);
+    if (options.scaleGiven
+        && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
+        return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
+                              .arg(parser.value(o.scale)));
+    const QString combineError = readCombine(parser, o, options);
+    if (!combineError.isEmpty())
+        return usageError(combineError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
@@ -181,6 +212,23 @@ bool readTime(const QString& text, double* seconds)
     return true;
 }
 
+bool readScale(const QString& text, double* scale, bool* automatic)
+{
+    if (text == QLatin1String("auto")) {
+        *automatic = true;
+        return true;
+    }
+    static const QRegularExpression number(QStringLiteral("^\\d+(\\.\\d+)?$"));
+    if (!number.match(text).hasMatch())
+        return false;
+    const double value = text.toDouble();
+    if (!std::isfinite(value) || value <= 0.0)
+        return false;
+    *scale = value;
+    *automatic = false;
+    return true;
+}
+
 QString versionText()
 {
     return QStringLiteral("tremora-map %1").arg(QString::fromLatin1(Version::version));
@@ -221,6 +269,22 @@ Options:
       --report DIR      Also write DIR/index.html, a page that shows every
                         map with its figures and activity over time, and
                         when motion began at a point of a map. Implies --data.
+      --scale N|auto    Colour scale of the maps: N events reach its top (the
+                        dark red); a count shows at min(count x 255 / N, 255)
+                        on the scale. The default, 8.5, is the window's 30 per
+                        event. auto takes the 99th percentile of the non-zero
+                        counts of each map. Given, maps are drawn from the
+                        exact counts, which do not wrap at 256 events.
+      --combine NAME    Add every input up into one map, NAME.FORMAT: the
+                        exact counts summed, over the background of the first
+                        input. Inputs may also be manifests written by --data
+                        (NAME.json), taken from their files without decoding.
+                        Inputs of another size than the first are left out.
+                        With --data, also NAME.events.png, NAME.activity.csv
+                        (with a file column) and the manifest NAME.json.
+      --legend          Also write NAME.legend.png: the map with a strip below
+                        it that explains it (colour scale in events and events
+                        per hour, what grey means, name, time span, mask).
       --overwrite       Replace output files that exist already (and an
                         earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are
@@ -258,7 +322,8 @@ Exit status:
        or one of its files exists, or an earlier input writes the same file.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
-       --start after --end, a mask that cannot be read), no VIDEO. Nothing
+       --start after --end, a mask that cannot be read, --scale 0 or
+       below, a --combine name with a folder), no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second
@@ -270,6 +335,7 @@ Examples:
   tremora-map --jobs 0 --counts --background -o out camera1/*.mkv
   tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
   tremora-map --output-dir maps --report maps/report camera1/*.mp4
+  tremora-map --combine camera1 --scale auto maps/*.json
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

@@ -26,6 +26,16 @@ struct MapToolOptions {
     double end = std::numeric_limits<double>::infinity();
     bool hasStart = false;
     bool hasEnd = false;
+    // --scale: the events that reach the top of the colour scale. Given, the maps are drawn
+    // from the exact counts; not given, from the window's wrapping count, as the window does.
+    bool scaleGiven = false;
+    bool scaleAuto = false;  // the 99th percentile of each output's non-zero counts
+    double scale = 8.5;      // MotionMap::kDefaultScale; meaningful unless scaleAuto
+    // --combine NAME: every input adds up into one map NAME.<format>; inputs may then also be
+    // manifests written by --data. Empty: one map per input.
+    QString combineName;
+    // --legend: NAME.legend.png, the map with a strip that explains it.
+    bool legend = false;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.
@@ -58,5 +68,9 @@ QString versionText();
 // "01:01:30.250"), minutes and seconds below 60 where a larger unit comes before them.
 // False for anything else, and for negative or non-finite values. Reentrant.
 bool readTime(const QString& text, double* seconds);
+
+// A --scale value: "auto" (sets `automatic`), or a finite number of events above 0. False
+// for anything else. Reentrant.
+bool readScale(const QString& text, double* scale, bool* automatic);
 
 } // namespace MapToolCommandLine

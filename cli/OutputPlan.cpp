@@ -34,6 +34,8 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
     PlannedInput input;
     input.video = video;
     input.mapPath = pathOf(OutputPlan::mapFileName(video, options.format));
+    if (options.legend)
+        input.legendPath = pathOf(OutputPlan::legendFileName(video));
     if (options.counts)
         input.countsPath = pathOf(OutputPlan::countsFileName(video));
     if (options.background || options.data)
@@ -93,7 +95,7 @@ QString existingOutputOf(const PlannedInput& input)
 QStringList PlannedInput::outputs() const
 {
     QStringList paths;
-    for (const QString& path : {mapPath, countsPath, eventsPath, backgroundPath, activityPath, manifestPath}) {
+    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, manifestPath}) {
         if (!path.isEmpty())
             paths << path;
     }
@@ -110,6 +112,11 @@ QString mapFileName(const QString& video, const QString& extension)
 QString countsFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".counts.png");
+}
+
+QString legendFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".legend.png");
 }
 
 QString backgroundFileName(const QString& video)

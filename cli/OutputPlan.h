@@ -12,6 +12,7 @@
 struct PlannedInput {
     QString video;           // as given on the command line
     QString mapPath;         // absolute, clean paths
+    QString legendPath;      // empty unless --legend
     QString countsPath;      // empty unless --counts
     QString backgroundPath;  // empty unless --background or --data
     QString eventsPath;      // the next three empty unless --data
@@ -19,7 +20,7 @@ struct PlannedInput {
     QString manifestPath;
     QString error;           // non-empty: this input is not analysed; the text says why
 
-    // The files of this input in the order they are written: map, counts, events,
+    // The files of this input in the order they are written: map, legend, counts, events,
     // background, activity, manifest (last, so that a manifest names only complete files).
     QStringList outputs() const;
 };
@@ -33,6 +34,8 @@ QString mapFileName(const QString& video, const QString& extension);
 // The per-pixel counts and the background beside the map: "clip.counts.png",
 // "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).
 QString countsFileName(const QString& video);
+// The map with its explaining strip: "clip.legend.png".
+QString legendFileName(const QString& video);
 QString backgroundFileName(const QString& video);
 
 // The files of --data beside the map: "clip.events.png", "clip.activity.csv", "clip.json".

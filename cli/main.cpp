@@ -4,6 +4,10 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QGuiApplication>
+
+#include <cstring>
+#include <memory>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -16,13 +20,35 @@ int terminalWidth(int fd)
     return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
+// Whether the command line asks for a legend, whose text needs the system's fonts.
+bool wantsLegend(int argc, char** argv)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--legend") == 0)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 // No display is needed: the core application is enough to find the image format plugins.
+// Text for legends needs a font database, which comes with a GUI application; the offscreen
+// platform gives one without a display.
 int main(int argc, char** argv)
 {
     ProcessMemory::returnLargeBlocksAtOnce();
-    QCoreApplication application(argc, argv);
+    std::unique_ptr<QCoreApplication> application;
+    if (wantsLegend(argc, argv)) {
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        // The platform's start-up remarks (a missing runtime folder) are not the tool's output.
+        const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+        application = std::make_unique<QGuiApplication>(argc, argv);
+        qInstallMessageHandler(previous);
+    } else {
+        application = std::make_unique<QCoreApplication>(argc, argv);
+    }
     CancelSignals::install();
 
     QFile out;

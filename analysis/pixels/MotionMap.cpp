@@ -66,6 +66,23 @@ bool matches(const cv::Mat& motionCount, const cv::Mat& background)
         && motionCount.size() == background.size();
 }
 
+bool matchesExact(const cv::Mat& eventCounts, const cv::Mat& background)
+{
+    return (eventCounts.type() == CV_16UC1 || eventCounts.type() == CV_32SC1) && background.type() == CV_8UC3
+        && eventCounts.size() == background.size();
+}
+
+QImage blankMap(const cv::Mat& background)
+{
+    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    if (map.isNull())
+        return {};
+    // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
+    map.setDotsPerMeterX(kDotsPerMeter96Dpi);
+    map.setDotsPerMeterY(kDotsPerMeter96Dpi);
+    return map;
+}
+
 // The colour of every count, channel by channel, with black for no event: adding the grey
 // and clamping then gives the grey itself for no event, and the scale over it otherwise.
 struct CountColours {
@@ -103,6 +120,24 @@ void renderRow(const CountColours& colours, const unsigned char* counts, const u
     }
 }
 
+// A count's colour on a scale of any top; no event stays black, as in CountColours.
+template <typename Count>
+void renderExactRow(const Count* counts, const unsigned char* background, unsigned char* out, int width,
+                    double scale)
+{
+    for (int x = 0; x < width; ++x, background += 3, out += 3) {
+        const int grey = (background[0] + background[1] + background[2]) / 6;
+        if (counts[x] <= 0) {
+            out[0] = out[1] = out[2] = static_cast<unsigned char>(grey);
+            continue;
+        }
+        const auto i = static_cast<std::size_t>(MotionMap::intensity(static_cast<std::int64_t>(counts[x]), scale));
+        out[0] = lift(ColorMap_R[i], grey);
+        out[1] = lift(ColorMap_G[i], grey);
+        out[2] = lift(ColorMap_B[i], grey);
+    }
+}
+
 } // namespace
 
 const std::array<unsigned char, 256> ColorMap_R = makeTable(red);
@@ -114,16 +149,37 @@ int MotionMap::intensity(int eventCount)
     return std::min(eventCount * 30, 255);
 }
 
+int MotionMap::intensity(std::int64_t eventCount, double scale)
+{
+    const double value = static_cast<double>(eventCount) * 255.0 / scale;
+    return value >= 255.0 ? 255 : static_cast<int>(value);
+}
+
+QImage MotionMap::render(const cv::Mat& eventCounts, const cv::Mat& background, double scale)
+{
+    if (!holdsData(eventCounts) || !holdsData(background) || !matchesExact(eventCounts, background)
+        || !(scale > 0.0))
+        return {};
+    QImage map = blankMap(background);
+    if (map.isNull())
+        return {};
+    for (int y = 0; y < background.rows; ++y) {
+        const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
+        if (eventCounts.type() == CV_16UC1)
+            renderExactRow(eventCounts.ptr<std::uint16_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
+        else
+            renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
+    }
+    return map;
+}
+
 QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
 {
     if (!holdsData(motionCount) || !holdsData(background) || !matches(motionCount, background))
         return {};
-    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    QImage map = blankMap(background);
     if (map.isNull())
         return {};
-    // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
-    map.setDotsPerMeterX(kDotsPerMeter96Dpi);
-    map.setDotsPerMeterY(kDotsPerMeter96Dpi);
     static const CountColours colours = makeCountColours();
     for (int y = 0; y < background.rows; ++y)
         renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y),

@@ -44,6 +44,12 @@ private slots:
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue();
     void startEqualToEndIsAnEmptyWindowNotAnError();
     void reportIsReadAndBringsTheData();
+    void scaleIsReadAsEventsOrAuto();
+    void badScalesAreUsageErrorsNamingTheValue_data();
+    void badScalesAreUsageErrorsNamingTheValue();
+    void combineNameIsRead();
+    void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport_data();
+    void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -187,7 +193,8 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     QVERIFY(help.startsWith(QStringLiteral("Usage: tremora-map [OPTIONS] VIDEO...\n")));
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
-                               "--mask FILE", "--start T", "--end T", "--report DIR"})
+                               "--mask FILE", "--start T", "--end T", "--report DIR", "--scale N|auto",
+                               "--combine NAME", "--legend"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
@@ -225,6 +232,10 @@ void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
     QVERIFY(!o.hasEnd);
     QCOMPARE(o.start, 0.0);
     QVERIFY(std::isinf(o.end));
+    QVERIFY(!o.scaleGiven);
+    QVERIFY(!o.scaleAuto);
+    QCOMPARE(o.scale, 8.5);
+    QVERIFY(o.combineName.isEmpty());
 }
 
 void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
@@ -293,8 +304,72 @@ void MapToolOptionsTest::startEqualToEndIsAnEmptyWindowNotAnError()
     QCOMPARE(parse({"--start", "5", "--end", "0:05", "a.mp4"}).action, ParsedCommandLine::Action::Run);
 }
 
-QTEST_GUILESS_MAIN(MapToolOptionsTest)
-#include "MapToolOptionsTest.moc"
+void MapToolOptionsTest::scaleIsReadAsEventsOrAuto()
+{
+    MapToolOptions o = parse({"--scale", "20", "a.mp4"}).options;
+    QVERIFY(o.scaleGiven);
+    QVERIFY(!o.scaleAuto);
+    QCOMPARE(o.scale, 20.0);
+    o = parse({"--scale=0.5", "a.mp4"}).options;
+    QCOMPARE(o.scale, 0.5);
+    o = parse({"--scale", "auto", "a.mp4"}).options;
+    QVERIFY(o.scaleGiven);
+    QVERIFY(o.scaleAuto);
+}
+
+void MapToolOptionsTest::badScalesAreUsageErrorsNamingTheValue_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::newRow("zero") << "0";
+    QTest::newRow("zero with decimals") << "0.000";
+    QTest::newRow("negative") << "-3";
+    QTest::newRow("word") << "big";
+    QTest::newRow("auto in capitals") << "AUTO";
+    QTest::newRow("empty") << "";
+    QTest::newRow("infinite") << "inf";
+    QTest::newRow("exponent") << "1e400";
+}
+
+void MapToolOptionsTest::badScalesAreUsageErrorsNamingTheValue()
+{
+    QFETCH(QString, value);
+    const ParsedCommandLine parsed = parse({"--scale=" + value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--scale")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(QStringLiteral("'%1'").arg(value)), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+}
+
+void MapToolOptionsTest::combineNameIsRead()
+{
+    const ParsedCommandLine parsed = parse({"--combine", "camera 1.day", "a.json", "b.mkv"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.combineName, QStringLiteral("camera 1.day"));
+    QCOMPARE(parsed.options.videos, (QStringList{"a.json", "b.mkv"}));
+}
+
+void MapToolOptionsTest::combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("slash") << QStringList{"--combine", "maps/day"} << "'maps/day'";
+    QTest::newRow("backslash") << QStringList{"--combine", "maps\\day"} << "'maps\\day'";
+    QTest::newRow("dot") << QStringList{"--combine", "."} << "'.'";
+    QTest::newRow("empty") << QStringList{"--combine="} << "''";
+    QTest::newRow("with counts") << QStringList{"--counts", "--combine", "day"} << "--counts";
+    QTest::newRow("with report") << QStringList{"--report", "r", "--combine", "day"} << "--report";
+}
+
+void MapToolOptionsTest::combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, named);
+    const ParsedCommandLine parsed = parse(arguments + QStringList{"a.mkv"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--combine")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(named), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+}
 
 void MapToolOptionsTest::reportIsReadAndBringsTheData()
 {
@@ -310,3 +385,6 @@ void MapToolOptionsTest::reportIsReadAndBringsTheData()
     QVERIFY(empty.error.contains(QStringLiteral("report folder")));
     QCOMPARE(parse({"--report"}).action, ParsedCommandLine::Action::UsageError);
 }
+
+QTEST_GUILESS_MAIN(MapToolOptionsTest)
+#include "MapToolOptionsTest.moc"

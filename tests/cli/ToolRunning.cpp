@@ -3,6 +3,9 @@
 #include "TestSupport.h"
 
 #include <QFile>
+#include <QImage>
+
+#include <cstring>
 
 namespace ToolRunning {
 
@@ -35,6 +38,38 @@ QByteArray readAll(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+cv::Mat readEvents(const QString& path)
+{
+    const QImage image(path);
+    if (image.format() != QImage::Format_Grayscale16)
+        return {};
+    cv::Mat counts(image.height(), image.width(), CV_16UC1);
+    for (int y = 0; y < image.height(); ++y)
+        std::memcpy(counts.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * 2);
+    cv::Mat wide;
+    counts.convertTo(wide, CV_32SC1);
+    return wide;
+}
+
+QString schemaComplaint(const QString& schema, const QString& manifest)
+{
+    const QString script = QStringLiteral(
+        "import json, sys, jsonschema\n"
+        "schema = json.load(open(sys.argv[1]))\n"
+        "jsonschema.Draft202012Validator.check_schema(schema)\n"
+        "errors = list(jsonschema.Draft202012Validator(schema, format_checker=jsonschema.FormatChecker())"
+        ".iter_errors(json.load(open(sys.argv[2]))))\n"
+        "print('\\n'.join(e.message for e in errors))\n"
+        "sys.exit(1 if errors else 0)\n");
+    QProcess python;
+    python.start(QStringLiteral("/usr/bin/python3"), {"-c", script, schema, manifest});
+    if (!python.waitForFinished(60000))
+        return QStringLiteral("python did not finish");
+    if (python.exitStatus() != QProcess::NormalExit || python.exitCode() != 0)
+        return QString::fromLocal8Bit(python.readAllStandardOutput() + python.readAllStandardError());
+    return {};
 }
 
 } // namespace ToolRunning

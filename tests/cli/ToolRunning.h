@@ -5,6 +5,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <opencv2/core/mat.hpp>
+
 // Runs the real tremora-map executable (its path comes from the build) and generates clips
 // for it. Test thread only.
 namespace ToolRunning {
@@ -26,5 +28,12 @@ bool makeClip(const QString& path, int frames, const QString& size = QStringLite
               const QString& filter = QString());
 
 QByteArray readAll(const QString& path);
+
+// A 16-bit grey PNG (NAME.events.png) as 32-bit counts; empty when the file is not one.
+cv::Mat readEvents(const QString& path);
+
+// Validates the JSON file `manifest` against the JSON schema `schema` with Debian's Python;
+// the validator's complaint, empty when it is valid.
+QString schemaComplaint(const QString& schema, const QString& manifest);
 
 } // namespace ToolRunning

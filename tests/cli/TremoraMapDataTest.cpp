@@ -31,6 +31,12 @@ namespace {
 
 using ClipMaking::speckledNoise;
 using ToolRunning::readAll;
+using ToolRunning::readEvents;
+
+QString schemaComplaint(const QString& manifest)
+{
+    return ToolRunning::schemaComplaint(QStringLiteral(TREMORA_MANIFEST_SCHEMA), manifest);
+}
 
 constexpr int kSignalTimeoutMs = 60000;
 
@@ -57,20 +63,6 @@ std::vector<ActivityRow> readActivity(const QString& path)
         rows.push_back({fields[0].toInt(), fields[1].toDouble(), fields[2].toLongLong(), fields[3].toLongLong()});
     }
     return rows;
-}
-
-// A 16-bit grey PNG as 32-bit counts; empty when the file is not one.
-cv::Mat readEvents(const QString& path)
-{
-    const QImage image(path);
-    if (image.format() != QImage::Format_Grayscale16)
-        return {};
-    cv::Mat counts(image.height(), image.width(), CV_16UC1);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(counts.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * 2);
-    cv::Mat wide;
-    counts.convertTo(wide, CV_32SC1);
-    return wide;
 }
 
 cv::Mat readGrey8(const QString& path)
@@ -142,27 +134,6 @@ std::vector<cv::Mat> blinkingEvery51(cv::Size size, int events)
         frames.push_back(frame);
     }
     return frames;
-}
-
-// Validates `manifest` against the schema kept in the repository with Debian's Python; the
-// validator's complaint, empty when it is valid.
-QString schemaComplaint(const QString& manifest)
-{
-    const QString script = QStringLiteral(
-        "import json, sys, jsonschema\n"
-        "schema = json.load(open(sys.argv[1]))\n"
-        "jsonschema.Draft202012Validator.check_schema(schema)\n"
-        "errors = list(jsonschema.Draft202012Validator(schema, format_checker=jsonschema.FormatChecker())"
-        ".iter_errors(json.load(open(sys.argv[2]))))\n"
-        "print('\\n'.join(e.message for e in errors))\n"
-        "sys.exit(1 if errors else 0)\n");
-    QProcess python;
-    python.start(QStringLiteral("/usr/bin/python3"), {"-c", script, QStringLiteral(TREMORA_MANIFEST_SCHEMA), manifest});
-    if (!python.waitForFinished(60000))
-        return QStringLiteral("python did not finish");
-    if (python.exitStatus() != QProcess::NormalExit || python.exitCode() != 0)
-        return QString::fromLocal8Bit(python.readAllStandardOutput() + python.readAllStandardError());
-    return {};
 }
 
 QString sha256Of(const QString& path)

@@ -170,6 +170,68 @@ private slots:
         }
     }
 
+    void defaultScaleGivesTheWindowsIntensityForEveryCount()
+    {
+        for (int count = 0; count < 300; ++count)
+            QCOMPARE(MotionMap::intensity(std::int64_t(count), MotionMap::kDefaultScale), MotionMap::intensity(count));
+    }
+
+    void scaleTopIsReachedAtItsNumberOfEvents()
+    {
+        QCOMPARE(MotionMap::intensity(std::int64_t(100), 100.0), 255);
+        QCOMPARE(MotionMap::intensity(std::int64_t(99), 100.0), 252);  // 99 x 2.55 = 252.45
+        QCOMPARE(MotionMap::intensity(std::int64_t(50), 100.0), 127);
+        QCOMPARE(MotionMap::intensity(std::int64_t(1), 100.0), 2);
+        QCOMPARE(MotionMap::intensity(std::int64_t(70000), 100.0), 255);
+        QCOMPARE(MotionMap::intensity(std::int64_t(1), 0.5), 255);
+    }
+
+    void exactCountsOnTheDefaultScaleRenderAsTheWrappingCount()
+    {
+        std::mt19937 random(5);
+        const cv::Mat counts = randomCounts(23, 31, random);
+        const cv::Mat background = randomMatrix(23, 31, CV_8UC3, random);
+        cv::Mat sixteen, thirtyTwo;
+        counts.convertTo(sixteen, CV_16UC1);
+        counts.convertTo(thirtyTwo, CV_32SC1);
+        const QImage window = MotionMap::render(counts, background);
+        QCOMPARE(MotionMap::render(sixteen, background, MotionMap::kDefaultScale), window);
+        QCOMPARE(MotionMap::render(thirtyTwo, background, MotionMap::kDefaultScale), window);
+        QCOMPARE(MotionMap::render(thirtyTwo, background, MotionMap::kDefaultScale).dotsPerMeterX(), 3780);
+    }
+
+    void exactCountsPastTheWrapStayAtTheTop()
+    {
+        const cv::Mat background(1, 2, CV_8UC3, cv::Scalar(0, 0, 0));
+        cv::Mat counts(1, 2, CV_32SC1);
+        counts.at<int>(0, 0) = 256;
+        counts.at<int>(0, 1) = 100000;
+        const QImage map = MotionMap::render(counts, background, MotionMap::kDefaultScale);
+        QCOMPARE(map.pixel(0, 0), qRgb(127, 0, 0));
+        QCOMPARE(map.pixel(1, 0), qRgb(127, 0, 0));
+    }
+
+    void aLargerScaleMovesTheSameCountTowardsBlue()
+    {
+        const cv::Mat background(1, 1, CV_8UC3, cv::Scalar(0, 0, 0));
+        const cv::Mat counts(1, 1, CV_32SC1, cv::Scalar(4));
+        // 4 events: index 120 on the default scale; with 255 events at the top, index 4.
+        QCOMPARE(MotionMap::render(counts, background, 8.5).pixel(0, 0), qRgb(97, 255, 157));
+        QCOMPARE(MotionMap::render(counts, background, 255.0).pixel(0, 0),
+                 qRgb(ColorMap_R[4], ColorMap_G[4], ColorMap_B[4]));
+    }
+
+    void exactRenderRefusesBadScalesAndTypes()
+    {
+        const cv::Mat background(2, 2, CV_8UC3, cv::Scalar(0, 0, 0));
+        const cv::Mat counts(2, 2, CV_32SC1, cv::Scalar(1));
+        QVERIFY(MotionMap::render(counts, background, 0.0).isNull());
+        QVERIFY(MotionMap::render(counts, background, -3.0).isNull());
+        QVERIFY(MotionMap::render(cv::Mat(2, 2, CV_32FC1, cv::Scalar(1)), background, 8.5).isNull());
+        QVERIFY(MotionMap::render(cv::Mat(2, 3, CV_32SC1, cv::Scalar(1)), background, 8.5).isNull());
+        QVERIFY(!MotionMap::render(counts, background, 8.5).isNull());
+    }
+
     void renderReadsPaddedRows()
     {
         std::mt19937 random(11);

@@ -1,0 +1,390 @@
+#include "CombinedRun.h"
+
+#include "CombinedActivity.h"
+#include "CombinedMap.h"
+#include "FfmpegMutex.h"
+#include "ImageFile.h"
+#include "Legend.h"
+#include "ManifestInput.h"
+#include "MapRun.h"
+#include "MapScale.h"
+#include "Manifest.h"
+#include "MotionMap.h"
+#include "MotionPass.h"
+#include "MpegReader.h"
+#include "ProgressOutput.h"
+#include "Version.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QMutexLocker>
+#include <QTemporaryDir>
+
+#include <opencv2/core.hpp>
+
+#include <optional>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+// The combined files, absolute; those not asked for empty.
+struct Outputs {
+    QString map, legend, background, events, activity, manifest;
+
+    QStringList all() const
+    {
+        QStringList paths;
+        for (const QString& path : {map, legend, background, events, activity, manifest}) {
+            if (!path.isEmpty())
+                paths << path;
+        }
+        return paths;
+    }
+};
+
+Outputs outputsOf(const MapToolOptions& options)
+{
+    const QDir folder(options.outputDir.isEmpty() ? QDir::currentPath()
+                                                  : QFileInfo(options.outputDir).absoluteFilePath());
+    const QString& name = options.combineName;
+    const auto pathOf = [&](const QString& suffix) { return QDir::cleanPath(folder.absoluteFilePath(name + suffix)); };
+    Outputs outputs;
+    outputs.map = pathOf(QLatin1Char('.') + options.format);
+    if (options.legend)
+        outputs.legend = pathOf(QStringLiteral(".legend.png"));
+    if (options.background)
+        outputs.background = pathOf(QStringLiteral(".background.png"));
+    if (options.data) {
+        outputs.events = pathOf(QStringLiteral(".events.png"));
+        outputs.activity = pathOf(QStringLiteral(".activity.csv"));
+        outputs.manifest = pathOf(QStringLiteral(".json"));
+    }
+    return outputs;
+}
+
+bool existsOrDangles(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+// Why the combined files cannot be written, before anything is analysed; empty when they can.
+QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
+{
+    for (const QString& path : outputs.all()) {
+        for (const QString& input : options.videos) {
+            if (QFileInfo(input).absoluteFilePath() == path
+                || (QFileInfo::exists(path) && QFileInfo(input).canonicalFilePath() == QFileInfo(path).canonicalFilePath()))
+                return tr("'%1' would replace the input '%2'; nothing is combined").arg(path, input);
+        }
+        if (!options.overwrite && existsOrDangles(path))
+            return tr("File '%1' exists; nothing is combined (--overwrite replaces it)").arg(path);
+    }
+    return {};
+}
+
+// One input of the combination. Set up before the run; during it, only the pool thread of
+// that input writes its fields, and the driving thread reads them after the run.
+struct Item {
+    QString given;          // as on the command line
+    bool manifest = false;
+    cv::Size size;          // empty when not known before the pass
+    QString video;          // absolute path of the video
+    QString creationTime;
+    double footageSeconds = -1.0;
+    QString activity;       // the input's activity table
+    bool combined = false;
+    QString error;
+};
+
+cv::Size probeSize(const QString& video)
+{
+    MpegReader reader;
+    QMutexLocker lock(&ffmpegMutex);
+    if (!reader.open(QFile::encodeName(video).constData()))
+        return {};
+    const cv::Size size(reader.width(), reader.height());
+    reader.close();
+    return size;
+}
+
+QString sizeText(cv::Size size)
+{
+    return QStringLiteral("%1x%2").arg(size.width).arg(size.height);
+}
+
+class Combination final : public ResultSink {
+public:
+    Combination(std::vector<Item>& items, cv::Size size)
+        : m_items(items)
+        , m_map(size)
+    {
+    }
+
+    bool takesWithoutPass(int index) const override { return m_items[static_cast<size_t>(index)].manifest; }
+
+    QString take(int index) override
+    {
+        Item& item = m_items[static_cast<size_t>(index)];
+        cv::Mat events;
+        cv::Mat background;
+        // Only the earliest input's background is kept: the others' are checked, not decoded.
+        const bool needsBackground = m_map.wantsBackground(index);
+        // Each pool thread decodes every manifest's counts into the same memory.
+        thread_local QImage storage;
+        const QString error =
+            ManifestInput::load(item.given, storage, &events, needsBackground ? &background : nullptr);
+        if (!error.isEmpty())
+            return error;
+        return add(item, index, events, background);
+    }
+
+    QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) override
+    {
+        Item& item = m_items[static_cast<size_t>(index)];
+        item.creationTime = QString::fromStdString(facts.video.creationTime);
+        if (facts.video.frameRate > 0.0)
+            item.footageSeconds = facts.pairsAnalysed / facts.video.frameRate;
+        return add(item, index, facts.exactCounts, background);
+    }
+
+    const CombinedMap& map() const { return m_map; }
+
+private:
+    QString add(Item& item, int index, const cv::Mat& counts, const cv::Mat& background)
+    {
+        if (!m_map.add(index, counts, background))
+            return tr("'%1' is %2, not %3 as the first input; left out")
+                .arg(item.given, sizeText(counts.size()), sizeText(m_map.size()));
+        item.combined = true;
+        return {};
+    }
+
+    std::vector<Item>& m_items;
+    CombinedMap m_map;
+};
+
+// Reads what is known of every input before the run: a manifest's header, a video's size.
+std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
+{
+    std::vector<Item> items;
+    for (const QString& given : options.videos) {
+        Item item;
+        item.given = given;
+        item.manifest = ManifestInput::isManifest(given);
+        if (item.manifest) {
+            const ManifestInput::Header header = ManifestInput::readHeader(given);
+            item.error = header.error;
+            item.size = cv::Size(header.width, header.height);
+            item.video = header.videoPath;
+            item.creationTime = header.creationTime;
+            item.footageSeconds = header.footageSeconds;
+            item.activity = header.activityPath;
+        } else {
+            item.size = probeSize(given);
+            item.video = QFileInfo(given).absoluteFilePath();
+            if (options.data)
+                item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
+        }
+        items.push_back(item);
+    }
+    return items;
+}
+
+// The map's size: the first input's whose size is known.
+cv::Size sizeOf(const std::vector<Item>& items)
+{
+    for (const Item& item : items) {
+        if (item.error.isEmpty() && !item.size.empty())
+            return item.size;
+    }
+    return {};
+}
+
+std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const Outputs& outputs,
+                                 const QString& name)
+{
+    std::vector<PlannedInput> planned;
+    for (Item& item : items) {
+        if (item.error.isEmpty() && !item.size.empty() && item.size != size)
+            item.error = tr("'%1' is %2, not %3 as the first input; left out of '%4'")
+                             .arg(item.given, sizeText(item.size), sizeText(size), name);
+        PlannedInput input;
+        input.video = item.given;
+        input.mapPath = outputs.map;
+        input.activityPath = item.manifest ? QString() : item.activity;
+        input.error = item.error;
+        planned.push_back(input);
+    }
+    return planned;
+}
+
+double scaleOf(const MapToolOptions& options, const cv::Mat& sum)
+{
+    if (options.scaleGiven && options.scaleAuto)
+        return MapScale::automatic({sum});
+    return options.scale;
+}
+
+QJsonValue orNull(const QString& text)
+{
+    return text.isEmpty() ? QJsonValue() : QJsonValue(text);
+}
+
+QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
+                       double scale, bool oneTimeLine, const Outputs& outputs)
+{
+    QJsonArray inputs;
+    for (const Item& item : items) {
+        QJsonObject entry{
+            {"given", QFileInfo(item.given).absoluteFilePath()},
+            {"video", orNull(item.video)},
+            {"manifest", item.manifest ? QJsonValue(QFileInfo(item.given).absoluteFilePath()) : QJsonValue()},
+            {"creation_time", orNull(item.creationTime)},
+            {"status", item.combined ? QStringLiteral("combined") : QStringLiteral("left out")},
+        };
+        if (!item.combined)
+            entry.insert("error", item.error.isEmpty() ? tr("not combined") : item.error);
+        inputs.append(entry);
+    }
+    QJsonArray files;
+    const QStringList roles{"map", "legend", "background", "events", "activity"};
+    const QStringList paths{outputs.map, outputs.legend, outputs.background, outputs.events, outputs.activity};
+    for (int i = 0; i < paths.size(); ++i) {
+        if (!paths[i].isEmpty())
+            files.append(Manifest::fileRecord(roles[i], paths[i]));
+    }
+    double largest = 0.0;
+    cv::minMaxLoc(map.sum(), nullptr, &largest);
+    return {
+        {"format", QStringLiteral("tremora-map combined")},
+        {"format_version", 1},
+        {"tool", QStringLiteral("tremora-map")},
+        {"tool_version", QString::fromLatin1(Version::version)},
+        {"name", options.combineName},
+        {"width", map.size().width},
+        {"height", map.size().height},
+        {"time_line", oneTimeLine ? QStringLiteral("creation_time") : QStringLiteral("per_file")},
+        {"inputs", inputs},
+        {"scale", QJsonObject{{"events_at_top", scale}, {"auto", options.scaleGiven && options.scaleAuto}}},
+        {"files", files},
+        {"summary",
+         QJsonObject{
+             {"pixels_with_events_share",
+              static_cast<double>(cv::countNonZero(map.sum())) / static_cast<double>(map.sum().total())},
+             {"max_events", largest},
+             {"events_total", cv::sum(map.sum())[0]},
+         }},
+    };
+}
+
+QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vector<Item>& items, double scale)
+{
+    QStringList creationTimes;
+    QList<double> seconds;
+    double footage = 0.0;
+    bool footageKnown = true;
+    for (const Item& item : items) {
+        if (!item.combined)
+            continue;
+        creationTimes << item.creationTime;
+        seconds << item.footageSeconds;
+        footage += std::max(item.footageSeconds, 0.0);
+        footageKnown = footageKnown && item.footageSeconds >= 0.0;
+    }
+    Legend::Content content;
+    content.name = options.combineName;
+    content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
+    content.scale = scale;
+    content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
+    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+    return Legend::render(map, content);
+}
+
+// Writes the combined files in the order of Outputs; the error, empty on success.
+QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
+                     const Outputs& outputs)
+{
+    const double scale = scaleOf(options, map.sum());
+    for (const QString& path : outputs.all()) {
+        if (!options.overwrite && existsOrDangles(path))
+            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+    }
+    const QImage image = MotionMap::render(map.sum(), map.background(), scale);
+    if (!Utils::saveImage(image, outputs.map))
+        return tr("Can't save image file '%1'").arg(outputs.map);
+    if (!outputs.legend.isEmpty() && !Utils::saveImage(legendOf(image, options, items, scale), outputs.legend))
+        return tr("Can't save image file '%1'").arg(outputs.legend);
+    if (!outputs.background.isEmpty() && !Utils::saveImage(MapRun::backgroundImage(map.background()), outputs.background))
+        return tr("Can't save image file '%1'").arg(outputs.background);
+    if (!options.data)
+        return {};
+    cv::Mat events;
+    map.sum().convertTo(events, CV_16UC1);  // saturates at 65535, as a single video's does
+    if (!Utils::saveImage(MapRun::eventsImage(events), outputs.events))
+        return tr("Can't save image file '%1'").arg(outputs.events);
+    std::vector<CombinedActivity::Source> sources;
+    for (const Item& item : items) {
+        if (item.combined)
+            sources.push_back({item.video, item.activity, item.creationTime});
+    }
+    QString error = CombinedActivity::write(outputs.activity, sources, options.overwrite);
+    if (!error.isEmpty())
+        return error;
+    const bool oneTimeLine = CombinedActivity::startOffsets(sources).has_value();
+    return Manifest::write(outputs.manifest, manifestOf(options, items, map, scale, oneTimeLine, outputs),
+                           options.overwrite);
+}
+
+} // namespace
+
+namespace CombinedRun {
+
+int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+{
+    const Outputs outputs = outputsOf(options);
+    const QString conflict = conflictOf(outputs, options);
+    if (!conflict.isEmpty()) {
+        output.error(conflict);
+        return MapRun::kExitFailure;
+    }
+    // The passes' activity tables wait here until they are copied into the combined one.
+    QTemporaryDir tables;
+    if (options.data && !tables.isValid()) {
+        output.error(tr("Can't create a temporary folder: %1").arg(tables.errorString()));
+        return MapRun::kExitFailure;
+    }
+    std::vector<Item> items = itemsOf(options, tables.path());
+    const cv::Size size = sizeOf(items);
+    std::vector<PlannedInput> planned = planOf(items, size, outputs, options.combineName);
+    if (size.empty()) {
+        for (const PlannedInput& input : planned)
+            output.error(input.error.isEmpty() ? tr("Can't open video file '%1'").arg(input.video) : input.error);
+        output.error(tr("Nothing to combine into '%1'").arg(options.combineName));
+        return MapRun::kExitFailure;
+    }
+    Combination combination(items, size);
+    const int status = MapRun::run(options, planned, output, cancel, mask, nullptr, &combination);
+    if (status == MapRun::kExitInterrupted)
+        return status;
+    if (combination.map().inputs() == 0) {
+        output.error(tr("Nothing to combine into '%1'").arg(options.combineName));
+        return MapRun::kExitFailure;
+    }
+    const QString error = writeOutputs(options, items, combination.map(), outputs);
+    if (!error.isEmpty()) {
+        output.error(error);
+        return MapRun::kExitFailure;
+    }
+    return status;
+}
+
+} // namespace CombinedRun

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QImage>
+#include <QList>
+#include <QStringList>
+#include <QString>
+
+// NAME.legend.png: the map with a strip below it that tells a reader who never ran this tool
+// how to read it: the colour scale in events (and events per hour of footage), what the grey
+// means, whose map it is, the time it covers and the mask.
+namespace Legend {
+
+struct Content {
+    QString name;              // the video's file name, or the combined map's name
+    QString timeSpan;          // what the map covers, ready to print; empty when unknown
+    double scale = 8.5;        // events at the top of the colour scale
+    double footageHours = 0.0; // hours of video analysed; 0 when unknown (no per-hour labels)
+    QString mask;              // the mask's file name; empty when none was used
+};
+
+// What a map covers: "2024-05-01 10:00:00 – 10:15:00 UTC" from `creationTime` (as
+// containers record it) plus `fromSeconds`, lasting `seconds`; without a readable creation
+// time "0:00:00 – 0:15:00 of the video". Empty when `seconds` is not known (below 0).
+QString timeSpan(const QString& creationTime, double fromSeconds, double seconds);
+
+// What a combined map covers: from the earliest start to the latest end when every input has
+// a creation time (`creationTimes` and `seconds` side by side), else the number of files and
+// the footage they hold. Reentrant.
+QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& seconds);
+
+// The text size of the strip under a map `mapWidth` pixels wide: legible from 320 pixels
+// wide to 4K without dwarfing the map.
+int textPixels(int mapWidth);
+
+// The counts that get a tick on a scale reaching its top at `scale` events: round steps from
+// the first up to the top, which always ends the list; none closer than 15 % of the scale
+// below the top, where its label would crowd the top's. Reentrant.
+QList<double> ticks(double scale);
+
+// The map with the strip below it; the strip is as wide as the map, and at least 320 pixels
+// (a narrower map is centred above it). Text is drawn with the
+// fonts the system has, so the caller must have a QGuiApplication. GUI-free threads may call
+// it, one image per call.
+QImage render(const QImage& map, const Content& content);
+
+} // namespace Legend

@@ -1,0 +1,132 @@
+#include "Legend.h"
+#include "MotionMap.h"
+
+#include <QtTest>
+
+namespace {
+
+QImage mapOf(int width, int height)
+{
+    QImage map(width, height, QImage::Format_RGB888);
+    map.fill(QColor(40, 90, 160));
+    return map;
+}
+
+Legend::Content content()
+{
+    Legend::Content c;
+    c.name = QStringLiteral("cam1.mkv");
+    c.timeSpan = QStringLiteral("2024-05-01 10:00:00 – 10:10:00 UTC");
+    c.scale = 20.0;
+    c.footageHours = 0.5;
+    c.mask = QStringLiteral("noclock.png");
+    return c;
+}
+
+// Pixels of the strip (below `mapHeight`) that have exactly the colour `rgb`.
+int pixelsOfColour(const QImage& legend, int mapHeight, QRgb rgb)
+{
+    int count = 0;
+    for (int y = mapHeight; y < legend.height(); ++y)
+        for (int x = 0; x < legend.width(); ++x)
+            count += legend.pixel(x, y) == rgb ? 1 : 0;
+    return count;
+}
+
+// Pixels of the strip dark enough to be text.
+int inkPixels(const QImage& legend, int mapHeight)
+{
+    int count = 0;
+    for (int y = mapHeight; y < legend.height(); ++y)
+        for (int x = 0; x < legend.width(); ++x)
+            count += qGray(legend.pixel(x, y)) < 60 ? 1 : 0;
+    return count;
+}
+
+} // namespace
+
+class LegendTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void theMapStaysAsItIsAboveAStripOfItsWidth_data()
+    {
+        QTest::addColumn<QSize>("size");
+        QTest::newRow("320x240") << QSize(320, 240);
+        QTest::newRow("1280x720") << QSize(1280, 720);
+        QTest::newRow("4K") << QSize(3840, 2160);
+    }
+
+    void theMapStaysAsItIsAboveAStripOfItsWidth()
+    {
+        QFETCH(QSize, size);
+        const QImage map = mapOf(size.width(), size.height());
+        const QImage legend = Legend::render(map, content());
+        QCOMPARE(legend.width(), size.width());
+        QVERIFY(legend.height() > size.height());
+        QCOMPARE(legend.copy(0, 0, size.width(), size.height()).convertToFormat(QImage::Format_RGB888), map);
+        // Large enough to read, small enough to leave the picture the main part.
+        const int strip = legend.height() - size.height();
+        QVERIFY2(strip >= 5 * Legend::textPixels(size.width()), qPrintable(QString::number(strip)));
+        QVERIFY2(strip <= size.height() * 6 / 10, qPrintable(QString::number(strip)));
+        QVERIFY(inkPixels(legend, size.height()) > 30 * Legend::textPixels(size.width()));
+        // The bar shows both ends of the scale.
+        QVERIFY(pixelsOfColour(legend, size.height(), qRgb(ColorMap_R[255], ColorMap_G[255], ColorMap_B[255])) > 0);
+        QVERIFY(pixelsOfColour(legend, size.height(), qRgb(ColorMap_R[0], ColorMap_G[0], ColorMap_B[0])) > 0);
+    }
+
+    void textGrowsWithTheMapWithinLegibleBounds()
+    {
+        QCOMPARE(Legend::textPixels(96), 11);
+        QCOMPARE(Legend::textPixels(320), 11);
+        QVERIFY(Legend::textPixels(1280) > Legend::textPixels(320));
+        QVERIFY(Legend::textPixels(3840) > Legend::textPixels(1280));
+        QVERIFY(Legend::textPixels(100000) <= 64);
+    }
+
+    void aSmallMapGetsAStripWideEnoughForItsText()
+    {
+        const QImage map = mapOf(96, 64);
+        const QImage legend = Legend::render(map, content());
+        QCOMPARE(legend.width(), 320);
+        QCOMPARE(legend.copy((320 - 96) / 2, 0, 96, 64).convertToFormat(QImage::Format_RGB888), map);
+    }
+
+    void withoutFootageThereIsNoPerHourRow()
+    {
+        Legend::Content withoutHours = content();
+        withoutHours.footageHours = 0.0;
+        const QImage map = mapOf(640, 480);
+        QVERIFY(Legend::render(map, withoutHours).height() < Legend::render(map, content()).height());
+    }
+
+    void ticksAreRoundStepsEndingAtTheTop()
+    {
+        QCOMPARE(Legend::ticks(8.5), (QList<double>{2.0, 4.0, 6.0, 8.5}));
+        QCOMPARE(Legend::ticks(20.0), (QList<double>{5.0, 10.0, 15.0, 20.0}));
+        QCOMPARE(Legend::ticks(99.0), (QList<double>{20.0, 40.0, 60.0, 80.0, 99.0}));
+        QCOMPARE(Legend::ticks(1.0).size(), 5);
+        QCOMPARE(Legend::ticks(1.0).back(), 1.0);
+    }
+
+    void timeSpansSayClockTimeWhenKnown()
+    {
+        QCOMPARE(Legend::timeSpan("2024-05-01T10:00:00.000000Z", 30.0, 600.0),
+                 QStringLiteral("2024-05-01 10:00:30 – 10:10:30 UTC"));
+        QCOMPARE(Legend::timeSpan("2024-05-01T23:30:00Z", 0.0, 3600.0),
+                 QStringLiteral("2024-05-01 23:30:00 – 2024-05-02 00:30:00 UTC"));
+        QCOMPARE(Legend::timeSpan("", 90.0, 3725.0), QStringLiteral("0:01:30 – 1:03:35 of the video"));
+        QVERIFY(Legend::timeSpan("", 0.0, -1.0).isEmpty());
+    }
+
+    void combinedSpansRunFromTheEarliestStartToTheLatestEnd()
+    {
+        QCOMPARE(Legend::combinedTimeSpan({"2024-05-01T10:10:00Z", "2024-05-01T10:00:00Z"}, {600.0, 300.0}),
+                 QStringLiteral("2024-05-01 10:00:00 – 10:20:00 UTC"));
+        QCOMPARE(Legend::combinedTimeSpan({"2024-05-01T10:10:00Z", ""}, {600.0, 300.0}),
+                 QStringLiteral("2 files, 0:15:00 of footage"));
+    }
+};
+
+QTEST_MAIN(LegendTest)
+#include "LegendTest.moc"

@@ -1,0 +1,116 @@
+#include "ToolRunning.h"
+
+#include <QDir>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+// The executable's legends (--legend): the map unchanged above a strip that explains it, for
+// one video and for a combined map.
+namespace {
+
+using ToolRunning::readAll;
+
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
+}
+
+QStringList rolesOf(const QString& manifest)
+{
+    QStringList roles;
+    for (const QJsonValue& file : QJsonDocument::fromJson(readAll(manifest)).object()["files"].toArray())
+        roles << file.toObject()["role"].toString();
+    return roles;
+}
+
+} // namespace
+
+class TremoraMapLegendTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_clips;
+    std::unique_ptr<QTemporaryDir> m_out;
+
+    QString clip(const QString& name) const { return m_clips.filePath(name); }
+    QString out(const QString& name) const { return m_out->filePath(name); }
+
+    ToolRunning::Result tool(const QStringList& arguments)
+    {
+        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 120000);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_clips.isValid());
+        QVERIFY(ToolRunning::makeClip(clip("wide.mkv"), 40, QStringLiteral("320x240"),
+                                      QStringLiteral(",noise=alls=30:allf=t")));
+        QVERIFY(ToolRunning::makeClip(clip("other.mkv"), 40, QStringLiteral("320x240")));
+    }
+
+    void init()
+    {
+        m_out = std::make_unique<QTemporaryDir>();
+        QVERIFY(m_out->isValid());
+    }
+
+    void theLegendIsTheMapAboveAStripAndTheMapStaysAsWithout()
+    {
+        QCOMPARE(tool({clip("wide.mkv")}).exitCode, 0);
+        const QByteArray plain = readAll(out("wide.png"));
+        QVERIFY(QFile::remove(out("wide.png")));
+        const ToolRunning::Result result = tool({"--legend", "--data", clip("wide.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        // Nothing but the tool's own messages: the platform's start-up remarks are not shown.
+        QVERIFY2(result.err.isEmpty(), result.err.constData());
+        QCOMPARE(readAll(out("wide.png")), plain);
+        const QImage map(out("wide.png"));
+        const QImage legend(out("wide.legend.png"));
+        QCOMPARE(legend.width(), 320);
+        QVERIFY(legend.height() >= 240 + 80);
+        QVERIFY(legend.height() <= 240 + 160);
+        QCOMPARE(legend.copy(0, 0, 320, 240).convertToFormat(QImage::Format_RGB888),
+                 map.convertToFormat(QImage::Format_RGB888));
+        QCOMPARE(rolesOf(out("wide.json")), (QStringList{"map", "legend", "events", "background", "activity"}));
+        QCOMPARE(ToolRunning::schemaComplaint(QStringLiteral(TREMORA_MANIFEST_SCHEMA), out("wide.json")), QString());
+    }
+
+    void withoutTheOptionNoLegendIsWritten()
+    {
+        QCOMPARE(tool({clip("wide.mkv")}).exitCode, 0);
+        QCOMPARE(entries(m_out->path()), QStringList{"wide.png"});
+    }
+
+    void aCombinedMapGetsALegendToo()
+    {
+        QCOMPARE(tool({"--legend", "--combine", "both", clip("wide.mkv"), clip("other.mkv")}).exitCode, 0);
+        QCOMPARE(entries(m_out->path()), (QStringList{"both.legend.png", "both.png"}));
+        const QImage legend(out("both.legend.png"));
+        QCOMPARE(legend.width(), 320);
+        QCOMPARE(legend.copy(0, 0, 320, 240).convertToFormat(QImage::Format_RGB888),
+                 QImage(out("both.png")).convertToFormat(QImage::Format_RGB888));
+    }
+
+    void anExistingLegendIsNotReplacedAndItsVideoNotAnalysed()
+    {
+        QFile earlier(out("wide.legend.png"));
+        QVERIFY(earlier.open(QIODevice::WriteOnly));
+        earlier.write("earlier");
+        earlier.close();
+        const ToolRunning::Result result = tool({"--legend", clip("wide.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("wide.legend.png"), result.err.constData());
+        QCOMPARE(entries(m_out->path()), QStringList{"wide.legend.png"});
+        QCOMPARE(readAll(out("wide.legend.png")), QByteArray("earlier"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TremoraMapLegendTest)
+#include "TremoraMapLegendTest.moc"
