@@ -271,6 +271,15 @@ QString writeReportData(const FileJob& job, const QString& staging, const Motion
     return {};
 }
 
+// The strip of the map's legend, without the map above it, as the report's card shows it
+// under the map; in the report's staging folder `staging`. The error, empty on success.
+QString writeReportLegend(const FileJob& job, const QString& staging, const QImage& map, const QImage& legend)
+{
+    const QImage strip = legend.copy(0, map.height(), legend.width(), legend.height() - map.height());
+    const QString path = staging + QStringLiteral("/maps/") + job.key + QStringLiteral(".legend.png");
+    return Utils::saveImage(strip, path) ? QString() : tr("Can't save file '%1'").arg(path);
+}
+
 // Pool thread. An input of a sink that needs no pass.
 void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel)
 {
@@ -328,7 +337,8 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         return;
     }
     const double mapScale = mapScaleOf(options, facts);
-    error = writeImages(imagesOf(job.input, options, motionCount, background, facts, mapScale), options.overwrite, written);
+    const auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
+    error = writeImages(images, options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
         if (error.isEmpty())
@@ -338,6 +348,12 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
                   pairsWithMotion, error, mapScale);
     if (seconds && error.isEmpty())
         error = writeReportData(job, reportStaging, facts, *seconds);
+    if (seconds && error.isEmpty()) {
+        const QImage& map = images.front().second;
+        const QImage& legend = images[1].second;
+        error = writeReportLegend(job, reportStaging, map,
+                                  legend.isNull() ? legendOf(map, job.input, options, facts, mapScale) : legend);
+    }
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
@@ -483,6 +499,9 @@ private:
         const QString data = staging + QStringLiteral("/data/") + job.key;
         card.hasActivity = QFileInfo::exists(data + QStringLiteral(".activity.js"));
         card.hasCells = QFileInfo::exists(data + QStringLiteral(".cells.js"));
+        const QString legend = QStringLiteral("maps/%1.legend.png").arg(job.key);
+        if (!mapFile.isEmpty() && QFileInfo::exists(staging + QLatin1Char('/') + legend))
+            card.legendFile = legend;
         return card;
     }
 

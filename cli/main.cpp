@@ -20,11 +20,13 @@ int terminalWidth(int fd)
     return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
-// Whether the command line asks for a legend, whose text needs the system's fonts.
+// Whether the command line asks for a legend, whose text needs the system's fonts: with
+// --legend, or in a report's cards.
 bool wantsLegend(int argc, char** argv)
 {
     for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
-        if (std::strcmp(argv[i], "--legend") == 0)
+        if (std::strcmp(argv[i], "--legend") == 0 || std::strcmp(argv[i], "--report") == 0
+            || std::strncmp(argv[i], "--report=", 9) == 0)
             return true;
     }
     return false;

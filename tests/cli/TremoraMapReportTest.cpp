@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QImage>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -59,7 +60,7 @@ private slots:
         const ToolRunning::Result result = tool({"--report", out("report"), clip("b.mkv"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 0);
         QCOMPARE(entries(out("report")), (QStringList{"data", "index.html", "maps", "report.css", "report.js"}));
-        QCOMPARE(entries(out("report/maps")), (QStringList{"1.png", "2.png"}));
+        QCOMPARE(entries(out("report/maps")), (QStringList{"1.legend.png", "1.png", "2.legend.png", "2.png"}));
         QCOMPARE(ToolRunning::readAll(out("report/maps/1.png")), ToolRunning::readAll(out("maps/b.png")));
         QCOMPARE(entries(out("report/data")),
                  (QStringList{"1.activity.js", "1.cells.js", "2.activity.js", "2.cells.js"}));
@@ -71,6 +72,32 @@ private slots:
         QVERIFY(page.indexOf(">a.mkv<") < page.indexOf(">b.mkv<"));
         QVERIFY(page.contains("href=\"../../"));
         QVERIFY(ToolRunning::readAll(out("report/data/2.cells.js")).startsWith("Tremora.data(\"2.cells\", {\"cell\":16,"));
+    }
+
+    void eachCardShowsTheStripOfItsMapsLegendBelowTheMap()
+    {
+        const ToolRunning::Result result =
+            tool({"--legend", "--report", out("report"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        const QImage map(out("maps/a.png"));
+        const QImage legend(out("maps/a.legend.png"));
+        const QImage strip(out("report/maps/1.legend.png"));
+        QVERIFY(!map.isNull() && !strip.isNull());
+        QCOMPARE(strip.size(), QSize(legend.width(), legend.height() - map.height()));
+        QCOMPARE(strip.convertToFormat(QImage::Format_RGB32),
+                 legend.copy(0, map.height(), legend.width(), strip.height()).convertToFormat(QImage::Format_RGB32));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(page.contains("<img class=\"legend\" src=\"maps/1.legend.png\""));
+    }
+
+    void aReportWithoutLegendOptionStillShowsTheStripButWritesNoLegendFile()
+    {
+        const ToolRunning::Result result = tool({"--report", out("report"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(!QFile::exists(out("maps/a.legend.png")));
+        const QImage strip(out("report/maps/1.legend.png"));
+        QVERIFY(!strip.isNull());
+        QVERIFY(strip.width() >= QImage(out("maps/a.png")).width());
     }
 
     void anEarlierReportIsKeptWithoutOverwriteAndNothingIsAnalysed()
