@@ -11,6 +11,8 @@
 
 #include <QMutexLocker>
 
+#include <opencv2/core.hpp>
+
 
 #include <algorithm>
 #include <atomic>
@@ -147,10 +149,13 @@ public:
         , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads), counterDetail(settings, size))
         , m_eventTimes(settings.detailed && settings.eventCellSize > 0 ? CellEventTimes(size, settings.eventCellSize)
                                                                         : CellEventTimes())
+        , m_sliceSeconds(settings.detailed && settings.sliceSeconds > 0.0 ? settings.sliceSeconds : 0.0)
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
     {
+        if (m_sliceSeconds > 0.0)
+            m_sliceStartCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     }
 
     void run(FramePtr first)
@@ -162,8 +167,12 @@ public:
             FramePtr current = readNextFrame(time);
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
+                if (m_sliceSeconds > 0.0)
+                    enterSliceOf(time);
                 analysePair(std::move(current), pairIndex, time);
                 ++pairIndex;
+            } else if (m_slice >= 0) {
+                endSlice();
             }
             refresh(pairIndex, endOfVideo);
             if (m_hooks.cancelRequested() || endOfVideo)
@@ -206,6 +215,28 @@ private:
         }
     }
 
+    // A pair whose time lies before its slice's start (timestamps going back) stays in the
+    // slice being counted, so that every slice is handed over once.
+    void enterSliceOf(double time)
+    {
+        const int slice = static_cast<int>(std::max(std::floor(time / m_sliceSeconds), 0.0));
+        if (m_slice >= 0 && slice > m_slice)
+            endSlice();
+        m_slice = std::max(slice, m_slice);
+    }
+
+    // The counts only ever grow, so a slice's own events are what they grew by since its
+    // start; a count saturated at 16 bits undercounts there, as the whole video's does.
+    void endSlice()
+    {
+        const cv::Mat& counts = m_counter.exactCounts();
+        if (counts.empty())
+            return;
+        cv::subtract(counts, m_sliceStartCounts, m_sliceCounts, cv::noArray(), CV_16UC1);
+        m_hooks.sliceEnded(m_slice, m_slice * m_sliceSeconds, m_sliceCounts);
+        counts.copyTo(m_sliceStartCounts);
+    }
+
     void refresh(int pairsDone, bool endOfVideo)
     {
         if (pairsDone == 1 || pairsDone == MotionPass::kLearningPairs || endOfVideo) {
@@ -232,6 +263,10 @@ private:
     MotionCounter m_counter;
     CellEventTimes m_eventTimes;
     AsyncBackgroundLearner m_learner;
+    const double m_sliceSeconds;
+    int m_slice = -1;
+    cv::Mat m_sliceStartCounts;
+    cv::Mat m_sliceCounts;
     cv::Mat& m_motionCount;
     cv::Mat& m_background;
     MotionPassHooks& m_hooks;

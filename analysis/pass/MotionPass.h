@@ -50,6 +50,14 @@ public:
         std::int64_t newEvents = 0;
     };
     virtual void pairCounted(const PairRecord&) {}
+    // With MotionPassSettings::sliceSeconds: slice `slice`, the seconds from
+    // `startSeconds` = slice × sliceSeconds up to the next slice's start on the video's own
+    // time line, has ended, and `exactCounts` (16-bit, like MotionPassFacts::exactCounts) holds
+    // the events that began in its pairs. A pair belongs to the slice of its time (as in
+    // PairRecord::time). Called before the first pair of a later slice is counted, and at the
+    // end of the video (not on a cancel) for the last one; a slice without a pair is skipped.
+    // The matrix is the pass's own and only valid during the call.
+    virtual void sliceEnded(int /*slice*/, double /*startSeconds*/, const cv::Mat& /*exactCounts*/) {}
     // The counts (and at milestones the background) are worth showing now. At the end of
     // the video both kinds may come, milestone first.
     virtual void refresh(Refresh kind) = 0;
@@ -77,6 +85,9 @@ struct MotionPassSettings {
     // With `detailed`, and above 0: also record, in cells of this many pixels square, the
     // seconds at which events began (MotionPassFacts::eventTimes). 0: not recorded, at no cost.
     int eventCellSize = 0;
+    // With `detailed`, and above 0: the length in seconds of the slices of time whose own
+    // exact counts the pass hands to MotionPassHooks::sliceEnded. 0: no slices, at no cost.
+    double sliceSeconds = 0.0;
     // 8-bit 1-channel picture of any size: 0 where pixels are ignored (they never move and
     // never count), anything else where they are analysed. Scaled to the video's size by
     // taking, for each video pixel, the mask pixel under its centre. Empty: every pixel.

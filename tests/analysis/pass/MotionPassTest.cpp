@@ -74,6 +74,22 @@ public:
     void pairCounted(const PairRecord& record) override { records.push_back(record); }
 };
 
+// Also keeps every slice handed over, with a copy of its counts.
+class SliceRecordingHooks : public RecordingHooks {
+public:
+    struct Slice {
+        int index;
+        double start;
+        cv::Mat counts;
+    };
+    std::vector<Slice> slices;
+
+    void sliceEnded(int slice, double startSeconds, const cv::Mat& exactCounts) override
+    {
+        slices.push_back({slice, startSeconds, exactCounts.clone()});
+    }
+};
+
 // Answers true from the given poll on.
 class CancelAfterPolls : public RecordingHooks {
 public:
@@ -699,6 +715,81 @@ private slots:
             QCOMPARE(pass.facts.video.width, 40);
             QCOMPARE(pass.facts.video.height, 30);
         }
+    }
+
+    void eachSliceGetsTheExactCountsOfItsOwnPairs()
+    {
+        // 25 frames a second, slices of 1.99 s: pairs up to frame 49 (1.96 s) form slice 0,
+        // up to frame 99 slice 1, and so on; the slice starts stay clear of the frames' times.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 43);
+        const QString path = clip("slices.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        const double sliceSeconds = 1.99;
+        std::vector<cv::Mat> expected;
+        Reference::Analysis reference(frames.front().cols, frames.front().rows, true, cv::Mat());
+        cv::Mat before(frames.front().size(), CV_32SC1, cv::Scalar(0));
+        for (size_t i = 0; i < frames.size(); ++i) {
+            reference.addFrame(frames[i]);
+            const bool lastOfSlice = i + 1 == frames.size()
+                || std::floor((i + 1) / 25.0 / sliceSeconds) > std::floor(i / 25.0 / sliceSeconds);
+            if (i > 0 && lastOfSlice) {
+                expected.push_back(reference.exactCounts() - before);
+                before = reference.exactCounts().clone();
+            }
+        }
+        QCOMPARE(expected.size(), size_t{4});
+
+        MotionPassSettings settings;
+        settings.detailed = true;
+        settings.sliceSeconds = sliceSeconds;
+        SliceRecordingHooks hooks;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks), MotionPassOutcome::Finished);
+        QCOMPARE(hooks.slices.size(), expected.size());
+        for (size_t k = 0; k < expected.size(); ++k) {
+            QCOMPARE(hooks.slices[k].index, static_cast<int>(k));
+            QCOMPARE(hooks.slices[k].start, k * sliceSeconds);
+            QCOMPARE(hooks.slices[k].counts.type(), CV_16UC1);
+            QVERIFY(cv::countNonZero(expected[k]) > 0);
+            QVERIFY(equal(as32Bit(hooks.slices[k].counts), expected[k]));
+        }
+    }
+
+    void slicesStartOnTheVideosTimeLineAndEmptyOnesAreSkipped()
+    {
+        // A window from 2.5 s: the first pair (frame 64, 2.56 s) lies in slice 2 of 1.2 s, and
+        // the last (frame 149, 5.96 s) in slice 4.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(24, 16), 150, 53);
+        const QString path = clip("slice-window.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        MotionPassSettings settings = windowSettings(2.5, 100.0);
+        settings.detailed = true;
+        settings.sliceSeconds = 1.2;
+        SliceRecordingHooks hooks;
+        MotionPassFacts facts;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks, &facts),
+                 MotionPassOutcome::Finished);
+        QCOMPARE(hooks.slices.size(), size_t{3});
+        cv::Mat sum(facts.exactCounts.size(), CV_32SC1, cv::Scalar(0));
+        for (size_t k = 0; k < hooks.slices.size(); ++k) {
+            QCOMPARE(hooks.slices[k].index, static_cast<int>(k) + 2);
+            sum += as32Bit(hooks.slices[k].counts);
+        }
+        QVERIFY(cv::countNonZero(sum) > 0);
+        QVERIFY(equal(sum, as32Bit(facts.exactCounts)));
+    }
+
+    void withoutDetailNoSliceIsHandedOver()
+    {
+        const QString path = clip("slices.mkv", speckledNoise(cv::Size(40, 30), 160, 43));
+        MotionPassSettings settings;
+        settings.sliceSeconds = 1.0;
+        SliceRecordingHooks hooks;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks), MotionPassOutcome::Finished);
+        QVERIFY(cv::countNonZero(counts) > 0);
+        QVERIFY(hooks.slices.empty());
     }
 
     void eventTimesOfEachCellAreTheSecondsItsEventsBegan()
