@@ -2,6 +2,7 @@
 
 #include "ActivityCsv.h"
 #include "AtomicCounter.h"
+#include "CombinedActivity.h"
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapScale.h"
@@ -15,6 +16,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -23,7 +25,10 @@
 #include <QThread>
 #include <QThreadPool>
 
+#include <opencv2/core.hpp>
+
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -69,16 +74,24 @@ struct FileJob {
 
 using FileJobs = std::vector<std::unique_ptr<FileJob>>;
 
+// The events of one slice of a video, kept until its pass has learnt the background.
+struct SliceEvents {
+    double start = 0.0; // seconds from the video's start
+    cv::Mat counts;     // 16-bit
+};
+
 class FileHooks final : public MotionPassHooks {
 public:
     // `activity` and `seconds` receive every pair's record; null without --data and --report.
+    // `slices` receives the slices with events; null without --slice.
     FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity,
-              ReportData::ActivityBySecond* seconds)
+              ReportData::ActivityBySecond* seconds, std::vector<SliceEvents>* slices)
         : m_job(job)
         , m_cancel(cancel)
         , m_pairs(pairs)
         , m_activity(activity)
         , m_seconds(seconds)
+        , m_slices(slices)
     {
     }
 
@@ -93,6 +106,12 @@ public:
         if (m_seconds)
             m_seconds->add(record);
     }
+    // A slice without an event would only show the background; it is not written.
+    void sliceEnded(int, double startSeconds, const cv::Mat& exactCounts) override
+    {
+        if (m_slices && cv::countNonZero(exactCounts) > 0)
+            m_slices->push_back({startSeconds, exactCounts.clone()});
+    }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
 
@@ -102,6 +121,7 @@ private:
     AtomicCounter& m_pairs;
     ActivityCsv* m_activity;
     ReportData::ActivityBySecond* m_seconds;
+    std::vector<SliceEvents>* m_slices;
 };
 
 // A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
@@ -166,7 +186,10 @@ std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, cons
                                                  const cv::Mat& motionCount, const cv::Mat& background,
                                                  const MotionPassFacts& facts, double mapScale)
 {
-    const QImage map = mapOf(motionCount, background, facts, mapScale);
+    // With --slice there is no map of the whole video to write.
+    const QImage map = input.mapPath.isEmpty() && input.legendPath.isEmpty()
+        ? QImage()
+        : mapOf(motionCount, background, facts, mapScale);
     return {
         {input.mapPath, map},
         {input.legendPath, input.legendPath.isEmpty() ? QImage() : legendOf(map, input, options, facts, mapScale)},
@@ -174,6 +197,37 @@ std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, cons
         {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
         {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
     };
+}
+
+// "HHhMMmSSs": the slice's start from the video's start, or its clock time (UTC) when the
+// video records when it was made.
+QString sliceLabel(double startSeconds, const QDateTime& creation)
+{
+    const qint64 seconds = static_cast<qint64>(std::llround(startSeconds));
+    qint64 hours = seconds / 3600;
+    int minutes = static_cast<int>(seconds / 60 % 60);
+    int secondsOfMinute = static_cast<int>(seconds % 60);
+    if (creation.isValid()) {
+        const QTime clock = creation.toUTC().addSecs(seconds).time();
+        hours = clock.hour();
+        minutes = clock.minute();
+        secondsOfMinute = clock.second();
+    }
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("%1h%2m%3s").arg(hours, 2, 10, zero).arg(minutes, 2, 10, zero).arg(secondsOfMinute, 2, 10, zero);
+}
+
+// The map of every slice with events, each over the video's background with the run's scale.
+std::vector<std::pair<QString, QImage>> sliceImagesOf(const PlannedInput& input, const MapToolOptions& options,
+                                                      const std::vector<SliceEvents>& slices,
+                                                      const cv::Mat& background, const MotionPassFacts& facts)
+{
+    const QDateTime creation = CombinedActivity::readCreationTime(QString::fromStdString(facts.video.creationTime));
+    std::vector<std::pair<QString, QImage>> images;
+    for (const SliceEvents& slice : slices)
+        images.emplace_back(input.slicePattern.arg(sliceLabel(slice.start, creation)),
+                            MotionMap::render(slice.counts, background, options.scale));
+    return images;
 }
 
 // Writes the input's images, map first, adding each one written to `written`; returns the
@@ -214,7 +268,8 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
     // A chosen scale reads the exact counts, which only the detailed count keeps.
-    settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty();
+    settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty() || options.sliceSeconds > 0.0;
+    settings.sliceSeconds = options.sliceSeconds;
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
@@ -306,7 +361,8 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
     std::unique_ptr<ReportData::ActivityBySecond> seconds;
     if (!reportStaging.isEmpty())
         seconds = std::make_unique<ReportData::ActivityBySecond>();
-    FileHooks hooks(job, cancel, pairs, activity.get(), seconds.get());
+    std::vector<SliceEvents> slices;
+    FileHooks hooks(job, cancel, pairs, activity.get(), seconds.get(), options.sliceSeconds > 0.0 ? &slices : nullptr);
     cv::Mat motionCount;
     cv::Mat background;
     MotionPassFacts facts;
@@ -337,7 +393,12 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         return;
     }
     const double mapScale = mapScaleOf(options, facts);
-    const auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
+    auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
+    if (!job.input.slicePattern.isEmpty()) {
+        auto sliceImages = sliceImagesOf(job.input, options, slices, background, facts);
+        images.insert(images.begin(), std::make_move_iterator(sliceImages.begin()),
+                      std::make_move_iterator(sliceImages.end()));
+    }
     error = writeImages(images, options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
@@ -437,7 +498,8 @@ private:
     {
         switch (state) {
         case FileState::Done:
-            m_output.done(job.input.video, job.input.mapPath);
+            m_output.done(job.input.video, job.input.mapPath.isEmpty() ? job.input.slicePattern.arg(QStringLiteral("*"))
+                                                                       : job.input.mapPath);
             break;
         case FileState::Failed:
             m_output.error(job.error);

@@ -35,13 +35,14 @@ struct Options {
     QCommandLineOption scale{"scale", {}, "N"};
     QCommandLineOption combine{"combine", {}, "NAME"};
     QCommandLineOption legend{"legend"};
+    QCommandLineOption slice{"slice", {}, "DURATION"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, scale, combine, legend, help, version});
+                           end, scale, combine, legend, slice, help, version});
     }
 };
 
@@ -118,6 +119,24 @@ QString readCombine(const QCommandLineParser& parser, const Options& o, MapToolO
     return {};
 }
 
+// Slices write maps only: the files that describe one map per video do not have a slice's
+// counterpart yet.
+QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    if (!parser.isSet(o.slice))
+        return {};
+    if (!MapToolCommandLine::readDuration(parser.value(o.slice), &options.sliceSeconds))
+        return tr("Bad duration '%1' for --slice: use whole seconds, at least 1, such as 90s, 10m or 1h.")
+            .arg(parser.value(o.slice));
+    if (!options.combineName.isEmpty())
+        return tr("--slice does not apply to --combine yet: slice each video, or combine whole videos.");
+    if (options.data || options.legend)
+        return tr("--slice does not apply to --data, --report or --legend yet: they describe one map per video.");
+    if (options.scaleAuto)
+        return tr("--slice does not apply to --scale auto yet: give the scale as a number of events.");
+    return {};
+}
+
 ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o, int cores)
 {
     ParsedCommandLine result;
@@ -159,6 +178,9 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     const QString combineError = readCombine(parser, o, options);
     if (!combineError.isEmpty())
         return usageError(combineError);
+    const QString sliceError = readSlice(parser, o, options);
+    if (!sliceError.isEmpty())
+        return usageError(sliceError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
@@ -229,6 +251,23 @@ bool readScale(const QString& text, double* scale, bool* automatic)
     return true;
 }
 
+bool readDuration(const QString& text, double* seconds)
+{
+    static const QRegularExpression duration(QStringLiteral("^(\\d+(?:\\.\\d+)?)([smh]?)$"));
+    const QRegularExpressionMatch match = duration.match(text);
+    if (!match.hasMatch())
+        return false;
+    const QString unit = match.captured(2);
+    const double factor = unit == QLatin1String("h") ? 3600.0 : unit == QLatin1String("m") ? 60.0 : 1.0;
+    const double value = match.captured(1).toDouble() * factor;
+    // Slices are named to the second, so a slice shorter than one, or ending within one,
+    // would share its name with another.
+    if (!std::isfinite(value) || value < 1.0 || value != std::floor(value))
+        return false;
+    *seconds = value;
+    return true;
+}
+
 QString versionText()
 {
     return QStringLiteral("tremora-map %1").arg(QString::fromLatin1(Version::version));
@@ -285,6 +324,14 @@ Options:
       --legend          Also write NAME.legend.png: the map with a strip below
                         it that explains it (colour scale in events and events
                         per hour, what grey means, name, time span, mask).
+      --slice DURATION  One map per slice of DURATION (90s, 10m, 1h; a plain
+                        number is seconds; whole seconds) of each video
+                        instead of one per video: NAME.slice-HHhMMmSSs.FORMAT,
+                        named by the slice's start from the video's start, or
+                        by its clock time (UTC) when the video records its
+                        creation time. A slice without motion gives no file.
+                        Not with --combine, --data, --report, --legend or
+                        --scale auto.
       --overwrite       Replace output files that exist already (and an
                         earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are
@@ -323,7 +370,8 @@ Exit status:
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
        --start after --end, a mask that cannot be read, --scale 0 or
-       below, a --combine name with a folder), no VIDEO. Nothing
+       below, a --combine name with a folder, --slice 0 or malformed),
+       no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
        stop, no partial map is written, files already written stay. A second
@@ -336,6 +384,7 @@ Examples:
   tremora-map --data --mask noclock.png --start 9:00:00 camera1.mkv
   tremora-map --output-dir maps --report maps/report camera1/*.mp4
   tremora-map --combine camera1 --scale auto maps/*.json
+  tremora-map --slice 1h --scale 20 -o maps camera1.mkv
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

@@ -36,6 +36,9 @@ struct MapToolOptions {
     QString combineName;
     // --legend: NAME.legend.png, the map with a strip that explains it.
     bool legend = false;
+    // --slice: seconds of video per map, NAME.slice-HHhMMmSSs.<format> instead of one map
+    // per video. 0: one map per video.
+    double sliceSeconds = 0.0;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.
@@ -72,5 +75,10 @@ bool readTime(const QString& text, double* seconds);
 // A --scale value: "auto" (sets `automatic`), or a finite number of events above 0. False
 // for anything else. Reentrant.
 bool readScale(const QString& text, double* scale, bool* automatic);
+
+// A --slice length: a number followed by s, m or h ("90s", "10m", "1.5h"); a plain number is
+// seconds. False for anything else, and for lengths that are not a whole number of seconds
+// of at least 1. Reentrant.
+bool readDuration(const QString& text, double* seconds);
 
 } // namespace MapToolCommandLine

@@ -33,7 +33,10 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
     const auto pathOf = [&](const QString& name) { return QDir::cleanPath(folder.absoluteFilePath(name)); };
     PlannedInput input;
     input.video = video;
-    input.mapPath = pathOf(OutputPlan::mapFileName(video, options.format));
+    if (options.sliceSeconds > 0.0)
+        input.slicePattern = pathOf(OutputPlan::sliceFileName(video, options.format));
+    else
+        input.mapPath = pathOf(OutputPlan::mapFileName(video, options.format));
     if (options.legend)
         input.legendPath = pathOf(OutputPlan::legendFileName(video));
     if (options.counts)
@@ -60,7 +63,7 @@ public:
     // Why `input` cannot write its files, or an empty text when it can.
     QString conflictOf(const PlannedInput& input) const
     {
-        for (const QString& path : input.outputs()) {
+        for (const QString& path : claimedBy(input)) {
             const QString owner = m_owners.value(identity(path));
             if (owner.isNull())
                 continue;
@@ -73,11 +76,21 @@ public:
 
     void claim(const PlannedInput& input)
     {
-        for (const QString& path : input.outputs())
+        for (const QString& path : claimedBy(input))
             m_owners.insert(identity(path), input.video);
     }
 
 private:
+    // The slice maps are named only as their pass ends; two inputs with one pattern would
+    // write the same slices.
+    static QStringList claimedBy(const PlannedInput& input)
+    {
+        QStringList paths = input.outputs();
+        if (!input.slicePattern.isEmpty())
+            paths << input.slicePattern;
+        return paths;
+    }
+
     QHash<QString, QString> m_owners;
 };
 
@@ -107,6 +120,11 @@ namespace OutputPlan {
 QString mapFileName(const QString& video, const QString& extension)
 {
     return QFileInfo(video).baseName() + QLatin1Char('.') + extension;
+}
+
+QString sliceFileName(const QString& video, const QString& extension)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".slice-%1.") + extension;
 }
 
 QString countsFileName(const QString& video)

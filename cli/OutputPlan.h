@@ -11,7 +11,10 @@
 // an input that could only fail (its file exists, or an earlier input writes it) costs no pass.
 struct PlannedInput {
     QString video;           // as given on the command line
-    QString mapPath;         // absolute, clean paths
+    QString mapPath;         // absolute, clean paths; empty with --slice
+    // With --slice: the path of the slice maps with "%1" where a slice's start goes
+    // (OutputPlan::sliceFileName). Empty without --slice.
+    QString slicePattern;
     QString legendPath;      // empty unless --legend
     QString countsPath;      // empty unless --counts
     QString backgroundPath;  // empty unless --background or --data
@@ -30,6 +33,9 @@ namespace OutputPlan {
 // The name a map gets, as the window's "Save All Maps" names it: the video's base name (its
 // file name up to the first dot), a dot, `extension`. "clip.part1.mp4", "png" -> "clip.png".
 QString mapFileName(const QString& video, const QString& extension);
+
+// With --slice: "clip.slice-%1.png", where %1 stands for the slice's start as "HHhMMmSSs".
+QString sliceFileName(const QString& video, const QString& extension);
 
 // The per-pixel counts and the background beside the map: "clip.counts.png",
 // "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).

@@ -50,6 +50,12 @@ private slots:
     void combineNameIsRead();
     void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport_data();
     void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport();
+    void sliceIsReadInSecondsMinutesOrHours_data();
+    void sliceIsReadInSecondsMinutesOrHours();
+    void badSlicesAreUsageErrorsNamingTheValue_data();
+    void badSlicesAreUsageErrorsNamingTheValue();
+    void sliceRefusesWhatDescribesOneMapPerVideo_data();
+    void sliceRefusesWhatDescribesOneMapPerVideo();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -194,11 +200,11 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
                                "--mask FILE", "--start T", "--end T", "--report DIR", "--scale N|auto",
-                               "--combine NAME", "--legend"})
+                               "--combine NAME", "--legend", "--slice DURATION"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
-                             "Examples:", "parallel tremora-map --jobs 1 ::: *.mp4"})
+                             "NAME.slice-HHhMMmSSs", "Examples:", "parallel tremora-map --jobs 1 ::: *.mp4"})
         QVERIFY2(help.contains(QLatin1String(text)), text);
     for (const QString& line : help.split(QLatin1Char('\n')))
         QVERIFY2(line.size() <= 80, qPrintable(line));
@@ -236,6 +242,7 @@ void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
     QVERIFY(!o.scaleAuto);
     QCOMPARE(o.scale, 8.5);
     QVERIFY(o.combineName.isEmpty());
+    QCOMPARE(o.sliceSeconds, 0.0);
 }
 
 void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
@@ -388,3 +395,77 @@ void MapToolOptionsTest::reportIsReadAndBringsTheData()
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)
 #include "MapToolOptionsTest.moc"
+
+void MapToolOptionsTest::sliceIsReadInSecondsMinutesOrHours_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<double>("seconds");
+    QTest::newRow("seconds") << "90s" << 90.0;
+    QTest::newRow("minutes") << "10m" << 600.0;
+    QTest::newRow("hours") << "1h" << 3600.0;
+    QTest::newRow("fraction of an hour") << "1.5h" << 5400.0;
+    QTest::newRow("plain number") << "45" << 45.0;
+    QTest::newRow("fraction making whole seconds") << "0.5m" << 30.0;
+}
+
+void MapToolOptionsTest::sliceIsReadInSecondsMinutesOrHours()
+{
+    QFETCH(QString, value);
+    QFETCH(double, seconds);
+    const ParsedCommandLine parsed = parse({"--slice", value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.sliceSeconds, seconds);
+    QCOMPARE(parse({"--slice=" + value, "--scale", "20", "--counts", "a.mp4"}).options.sliceSeconds, seconds);
+}
+
+void MapToolOptionsTest::badSlicesAreUsageErrorsNamingTheValue_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::newRow("zero") << "0";
+    QTest::newRow("zero minutes") << "0m";
+    QTest::newRow("zero with decimals") << "0.00h";
+    QTest::newRow("negative") << "-10m";
+    QTest::newRow("below a second") << "0.5s";
+    QTest::newRow("not whole seconds") << "90.5";
+    QTest::newRow("unknown unit") << "10d";
+    QTest::newRow("unit in capitals") << "10M";
+    QTest::newRow("unit alone") << "m";
+    QTest::newRow("two units") << "1h30m";
+    QTest::newRow("clock time") << "1:00:00";
+    QTest::newRow("empty") << "";
+    QTest::newRow("infinite") << "inf";
+    QTest::newRow("too large") << QString(400, QLatin1Char('9'));
+}
+
+void MapToolOptionsTest::badSlicesAreUsageErrorsNamingTheValue()
+{
+    QFETCH(QString, value);
+    const ParsedCommandLine parsed = parse({"--slice=" + value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--slice")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(QStringLiteral("'%1'").arg(value)), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+}
+
+void MapToolOptionsTest::sliceRefusesWhatDescribesOneMapPerVideo_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("--combine") << QStringList{"--combine", "all"} << "--combine";
+    QTest::newRow("--data") << QStringList{"--data"} << "--data";
+    QTest::newRow("--report") << QStringList{"--report", "r"} << "--report";
+    QTest::newRow("--legend") << QStringList{"--legend"} << "--legend";
+    QTest::newRow("--scale auto") << QStringList{"--scale", "auto"} << "--scale auto";
+}
+
+void MapToolOptionsTest::sliceRefusesWhatDescribesOneMapPerVideo()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, named);
+    const ParsedCommandLine parsed = parse(arguments + QStringList{"--slice", "10m", "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--slice")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(named), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
+    QCOMPARE(parse(arguments + QStringList{"a.mp4"}).action, ParsedCommandLine::Action::Run);
+}

@@ -48,6 +48,7 @@ private slots:
     void dataPlansEventsBackgroundActivityAndManifestManifestLast();
     void anExistingManifestStopsTheInputWithoutOverwrite();
     void dataFilesOfTwoInputsCollideLikeMaps();
+    void slicesReplaceTheMapOfTheWholeVideo();
 
 private:
     QTemporaryDir m_dir;
@@ -279,3 +280,19 @@ void OutputPlanTest::planningWritesNothing()
 
 QTEST_GUILESS_MAIN(OutputPlanTest)
 #include "OutputPlanTest.moc"
+
+void OutputPlanTest::slicesReplaceTheMapOfTheWholeVideo()
+{
+    QVERIFY(touch(path("a.png")));
+    MapToolOptions options = optionsFor({path("a.mp4"), path("a.avi"), path("b.mp4")});
+    options.sliceSeconds = 600.0;
+    options.format = QStringLiteral("jpg");
+    const std::vector<PlannedInput> plan = OutputPlan::plan(options);
+    QVERIFY(plan[0].mapPath.isEmpty());
+    QCOMPARE(plan[0].slicePattern, path("a.slice-%1.jpg"));
+    QVERIFY2(plan[0].error.isEmpty(), qPrintable(plan[0].error));
+    QVERIFY(plan[1].error.contains(QStringLiteral("would both write")));
+    QCOMPARE(plan[2].slicePattern, path("b.slice-%1.jpg"));
+    QVERIFY(plan[2].error.isEmpty());
+    QVERIFY(OutputPlan::plan(optionsFor({path("a.mp4")})).front().slicePattern.isEmpty());
+}
