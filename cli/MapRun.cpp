@@ -22,6 +22,7 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QSet>
 #include <QThread>
 #include <QThreadPool>
 
@@ -235,8 +236,16 @@ std::vector<std::pair<QString, QImage>> sliceImagesOf(const PlannedInput& input,
 // without --overwrite.
 QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool overwrite, QStringList& written)
 {
+    QSet<QString> paths;
     for (const auto& [path, image] : images) {
-        if (!overwrite && !path.isEmpty() && existsOrDangles(path))
+        if (path.isEmpty())
+            continue;
+        // Slices named by their clock time a whole day apart share a name: the later one must
+        // not replace the earlier, --overwrite or not, which is about files of earlier runs.
+        if (paths.contains(path))
+            return tr("Two slices would both be saved as '%1' (a day apart); none written").arg(path);
+        paths.insert(path);
+        if (!overwrite && existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
     for (const auto& [path, image] : images) {

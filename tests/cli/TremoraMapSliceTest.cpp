@@ -44,6 +44,17 @@ bool makeSecondHalfClip(const QString& path, const QString& created = QString())
     return TestSupport::runFfmpeg(arguments << path);
 }
 
+// 25 hours at one frame a minute, recorded from 09:30 UTC: noise in the first three minutes
+// of the first hour and of the hour a day later, still grey otherwise, so both hours hold
+// events and their slices of an hour share a clock time.
+bool makeDayApartClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i",
+                                   "color=c=gray:size=32x24:rate=1/60,noise=alls=80:allf=t:enable='lt(mod(t,86400),180)'",
+                                   "-frames:v", "1500", "-c:v", "ffv1", "-metadata",
+                                   "creation_time=2026-01-02T09:30:00.000000Z", path});
+}
+
 } // namespace
 
 class TremoraMapSliceTest : public QObject {
@@ -67,6 +78,17 @@ private slots:
         QVERIFY(m_clips.isValid());
         QVERIFY(makeSecondHalfClip(clip()));
         QVERIFY(makeSecondHalfClip(m_clips.filePath("dated.mkv"), "2026-01-02T09:30:00.000000Z"));
+    }
+
+    void slicesADayApartThatShareAClockNameAreNotWrittenOverEachOther()
+    {
+        const QString clip = m_clips.filePath("day.mkv");
+        QVERIFY(makeDayApartClip(clip));
+        const ToolRunning::Result result = tool({"--slice", "1h", "--overwrite", clip});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("day.slice-09h30m00s.png") && result.err.contains("a day apart"),
+                 result.err.constData());
+        QCOMPARE(entries(m_out->path()), QStringList());
     }
 
     void init()
