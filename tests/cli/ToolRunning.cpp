@@ -2,6 +2,7 @@
 
 #include "TestSupport.h"
 
+#include <QDir>
 #include <QFile>
 #include <QImage>
 
@@ -38,6 +39,20 @@ QByteArray readAll(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDir::Name);
+}
+
+cv::Mat readBackground(const QString& path)
+{
+    const QImage image = QImage(path).convertToFormat(QImage::Format_RGB888);
+    cv::Mat out(image.height(), image.width(), CV_8UC3);
+    for (int y = 0; y < image.height(); ++y)
+        std::memcpy(out.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * 3);
+    return out;
 }
 
 cv::Mat readEvents(const QString& path)

@@ -29,6 +29,12 @@ bool makeClip(const QString& path, int frames, const QString& size = QStringLite
 
 QByteArray readAll(const QString& path);
 
+// What `folder` holds, hidden and system entries (a dangling link) included, sorted by name.
+QStringList entries(const QString& folder);
+
+// A colour image file (NAME.background.png) as a CV_8UC3 matrix in the file's RGB order.
+cv::Mat readBackground(const QString& path);
+
 // A 16-bit grey PNG (NAME.events.png) as 32-bit counts; empty when the file is not one.
 cv::Mat readEvents(const QString& path);
 

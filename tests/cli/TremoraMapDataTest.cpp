@@ -29,6 +29,8 @@
 // --end), each checked against the plain reference rules.
 namespace {
 
+using ToolRunning::entries;
+
 using ClipMaking::speckledNoise;
 using ToolRunning::readAll;
 using ToolRunning::readEvents;
@@ -108,11 +110,6 @@ bool sameActivity(const std::vector<ActivityRow>& rows, const Reference::Analysi
         }
     }
     return true;
-}
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDir::Name);
 }
 
 bool saveMask(const QString& path, const cv::Mat& mask)

@@ -14,12 +14,8 @@
 // one video and for a combined map.
 namespace {
 
+using ToolRunning::entries;
 using ToolRunning::readAll;
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
-}
 
 QStringList rolesOf(const QString& manifest)
 {

@@ -11,10 +11,7 @@
 
 namespace {
 
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
-}
+using ToolRunning::entries;
 
 bool writeText(const QString& path, const QByteArray& text)
 {

@@ -20,13 +20,10 @@
 // chosen from the counts.
 namespace {
 
+using ToolRunning::entries;
+using ToolRunning::readBackground;
 using ToolRunning::readAll;
 using ToolRunning::readEvents;
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
-}
 
 // Pixels of a map that are not grey: those drawn in the scale's colours.
 int colouredPixels(const QString& path)
@@ -39,15 +36,6 @@ int colouredPixels(const QString& path)
             coloured += (qRed(p) != qGreen(p) || qGreen(p) != qBlue(p)) ? 1 : 0;
         }
     return coloured;
-}
-
-cv::Mat readBackground(const QString& path)
-{
-    const QImage image = QImage(path).convertToFormat(QImage::Format_RGB888);
-    cv::Mat out(image.height(), image.width(), CV_8UC3);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(out.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * 3);
-    return out;
 }
 
 // The 99th percentile of the non-zero counts by nearest rank, straight from its definition.

@@ -15,22 +15,10 @@
 // The executable's maps per slice of time (--slice).
 namespace {
 
+using ToolRunning::entries;
+using ToolRunning::readBackground;
 using ToolRunning::readAll;
 using ToolRunning::readEvents;
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
-}
-
-cv::Mat readBackground(const QString& path)
-{
-    const QImage image = QImage(path).convertToFormat(QImage::Format_RGB888);
-    cv::Mat out(image.height(), image.width(), CV_8UC3);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(out.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * 3);
-    return out;
-}
 
 // 4 s at 25 frames a second of a still grey picture, with noise from 2 s on: every event
 // lies in the second half. `created`, when given, is recorded as the container's creation time.

@@ -25,14 +25,10 @@
 // The real executable, as a user or a script runs it.
 namespace {
 
+using ToolRunning::entries;
 using ToolRunning::readAll;
 
 constexpr int kSignalTimeoutMs = 60000;
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDir::Name);
-}
 
 bool write(const QString& path, const QByteArray& content)
 {
