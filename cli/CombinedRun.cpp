@@ -26,6 +26,8 @@
 
 #include <opencv2/core.hpp>
 
+#include <algorithm>
+#include <cmath>
 #include <optional>
 
 namespace {
@@ -38,6 +40,7 @@ QString tr(const char* text)
 // The combined files, absolute; those not asked for empty.
 struct Outputs {
     QString map, legend, background, events, activity, manifest;
+    QString slicePattern; // with --slice, the slice maps' path with "%1" for the slice's start
 
     QStringList all() const
     {
@@ -57,8 +60,12 @@ Outputs outputsOf(const MapToolOptions& options)
     const QString& name = options.combineName;
     const auto pathOf = [&](const QString& suffix) { return QDir::cleanPath(folder.absoluteFilePath(name + suffix)); };
     Outputs outputs;
-    outputs.map = pathOf(QLatin1Char('.') + options.format);
-    if (options.legend)
+    // Slices take the place of the map of everything, and have legends of their own.
+    if (options.sliceSeconds > 0.0)
+        outputs.slicePattern = pathOf(QStringLiteral(".slice-%1.") + options.format);
+    else
+        outputs.map = pathOf(QLatin1Char('.') + options.format);
+    if (options.legend && options.sliceSeconds <= 0.0)
         outputs.legend = pathOf(QStringLiteral(".legend.png"));
     if (options.background)
         outputs.background = pathOf(QStringLiteral(".background.png"));
@@ -100,20 +107,21 @@ struct Item {
     QString video;          // absolute path of the video
     QString creationTime;
     double footageSeconds = -1.0;
+    double duration = -1.0; // as the container records it; -1 when unknown
     QString activity;       // the input's activity table
     bool combined = false;
     QString error;
 };
 
-cv::Size probeSize(const QString& video)
+VideoInfo probe(const QString& video)
 {
     MpegReader reader;
     QMutexLocker lock(&ffmpegMutex);
     if (!reader.open(QFile::encodeName(video).constData()))
         return {};
-    const cv::Size size(reader.width(), reader.height());
+    const VideoInfo info = reader.info();
     reader.close();
-    return size;
+    return info;
 }
 
 QString sizeText(cv::Size size)
@@ -189,7 +197,10 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.footageSeconds = header.footageSeconds;
             item.activity = header.activityPath;
         } else {
-            item.size = probeSize(given);
+            const VideoInfo info = probe(given);
+            item.size = cv::Size(info.width, info.height);
+            item.creationTime = QString::fromStdString(info.creationTime);
+            item.duration = info.duration;
             item.video = QFileInfo(given).absoluteFilePath();
             if (options.data)
                 item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
@@ -220,11 +231,63 @@ std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const 
         PlannedInput input;
         input.video = item.given;
         input.mapPath = outputs.map;
+        input.slicePattern = outputs.slicePattern;
         input.activityPath = item.manifest ? QString() : item.activity;
         input.error = item.error;
         planned.push_back(input);
     }
     return planned;
+}
+
+// The seconds of analysed video an input adds to a time line of inputs back to back: from
+// the window's start to its end or the video's, whichever comes first.
+double windowedLength(double duration, const MapToolOptions& options)
+{
+    return std::max(std::min(duration, options.end) - options.start, 0.0);
+}
+
+// Places every input of `planned` on the time line the slices run along: by clock time when
+// every input records when it was made, else back to back in the order given. An input
+// whose length is unknown cannot be followed: the inputs after it are left out.
+void placeOnTimeLine(std::vector<Item>& items, std::vector<PlannedInput>& planned, const MapToolOptions& options)
+{
+    // An input that does not open fails in its pass; it has no place to keep.
+    const auto placed = [&](size_t i) { return planned[i].error.isEmpty() && !items[i].size.empty(); };
+    std::vector<CombinedActivity::Source> sources;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (placed(i))
+            sources.push_back({items[i].video, {}, items[i].creationTime});
+    }
+    if (const auto offsets = CombinedActivity::startOffsets(sources)) {
+        const QDateTime earliest = CombinedActivity::readCreationTime(sources.front().creationTime)
+                                       .addMSecs(-std::llround(offsets->front() * 1000.0));
+        size_t next = 0;
+        for (size_t i = 0; i < items.size(); ++i) {
+            if (!placed(i))
+                continue;
+            planned[i].sliceOffset = (*offsets)[next++];
+            planned[i].sliceLineClock = earliest.toUTC().toString(Qt::ISODateWithMs);
+        }
+        return;
+    }
+    double lineEnd = 0.0;
+    const Item* unknownLength = nullptr;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (!placed(i))
+            continue;
+        if (unknownLength) {
+            items[i].error = tr("'%1' can't be placed on the time line of '%2': the length of '%3' is not known; "
+                                  "left out")
+                                 .arg(items[i].given, options.combineName, unknownLength->given);
+            planned[i].error = items[i].error;
+            continue;
+        }
+        // The pairs' times start at the window's start: that is where the input joins the line.
+        planned[i].sliceOffset = lineEnd - options.start;
+        if (items[i].duration < 0.0)
+            unknownLength = &items[i];
+        lineEnd += windowedLength(items[i].duration, options);
+    }
 }
 
 double scaleOf(const MapToolOptions& options, const cv::Mat& sum)
@@ -318,11 +381,13 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
         if (!options.overwrite && existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
-    const QImage image = MotionMap::render(map.sum(), map.background(), scale);
-    if (!Utils::saveImage(image, outputs.map))
-        return tr("Can't save image file '%1'").arg(outputs.map);
-    if (!outputs.legend.isEmpty() && !Utils::saveImage(legendOf(image, options, items, scale), outputs.legend))
-        return tr("Can't save image file '%1'").arg(outputs.legend);
+    if (!outputs.map.isEmpty()) {
+        const QImage image = MotionMap::render(map.sum(), map.background(), scale);
+        if (!Utils::saveImage(image, outputs.map))
+            return tr("Can't save image file '%1'").arg(outputs.map);
+        if (!outputs.legend.isEmpty() && !Utils::saveImage(legendOf(image, options, items, scale), outputs.legend))
+            return tr("Can't save image file '%1'").arg(outputs.legend);
+    }
     if (!outputs.background.isEmpty() && !Utils::saveImage(MapRun::backgroundImage(map.background()), outputs.background))
         return tr("Can't save image file '%1'").arg(outputs.background);
     if (!options.data)
@@ -365,6 +430,8 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
     std::vector<Item> items = itemsOf(options, tables.path());
     const cv::Size size = sizeOf(items);
     std::vector<PlannedInput> planned = planOf(items, size, outputs, options.combineName);
+    if (options.sliceSeconds > 0.0)
+        placeOnTimeLine(items, planned, options);
     if (size.empty()) {
         for (const PlannedInput& input : planned)
             output.error(input.error.isEmpty() ? tr("Can't open video file '%1'").arg(input.video) : input.error);

@@ -13,6 +13,7 @@
 #include "ReportData.h"
 #include "ReportFolder.h"
 #include "ReportPage.h"
+#include "SliceSet.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -75,18 +76,18 @@ struct FileJob {
 
 using FileJobs = std::vector<std::unique_ptr<FileJob>>;
 
-// The events of one slice of a video, kept until its pass has learnt the background.
-struct SliceEvents {
-    double start = 0.0; // seconds from the video's start
-    cv::Mat counts;     // 16-bit
+// Where a pass's slices go (--slice): the series of the set they belong to.
+struct SliceTarget {
+    SliceSet* set = nullptr;
+    int series = 0;
 };
 
 class FileHooks final : public MotionPassHooks {
 public:
     // `activity` and `seconds` receive every pair's record; null without --data and --report.
-    // `slices` receives the slices with events; null without --slice.
+    // `slices` receives the slices with events; its set is null without --slice.
     FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity,
-              ReportData::ActivityBySecond* seconds, std::vector<SliceEvents>* slices)
+              ReportData::ActivityBySecond* seconds, SliceTarget slices)
         : m_job(job)
         , m_cancel(cancel)
         , m_pairs(pairs)
@@ -106,15 +107,27 @@ public:
             m_activity->add(record);
         if (m_seconds)
             m_seconds->add(record);
+        m_firstPairTime = m_pairsCounted == 0 ? record.time : m_firstPairTime;
+        m_lastPairTime = record.time;
+        ++m_pairsCounted;
+        ++m_slicePairs;
     }
     // A slice without an event would only show the background; it is not written.
-    void sliceEnded(int, double startSeconds, const cv::Mat& exactCounts) override
+    void sliceEnded(int slice, double, const cv::Mat& exactCounts) override
     {
-        if (m_slices && cv::countNonZero(exactCounts) > 0)
-            m_slices->push_back({startSeconds, exactCounts.clone()});
+        const int pairs = std::exchange(m_slicePairs, 0);
+        if (!m_slices.set || !m_sliceError.isEmpty() || cv::countNonZero(exactCounts) == 0)
+            return;
+        m_sliceError = m_slices.set->addPiece(m_slices.series, m_job.index, slice, exactCounts, pairs);
     }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
+
+    // Why a slice could not be kept; empty when all were.
+    const QString& sliceError() const { return m_sliceError; }
+    // The times of the first and the last pair counted (with --data, --report or --slice).
+    double firstPairTime() const { return m_firstPairTime; }
+    double lastPairTime() const { return m_lastPairTime; }
 
 private:
     FileJob& m_job;
@@ -122,7 +135,12 @@ private:
     AtomicCounter& m_pairs;
     ActivityCsv* m_activity;
     ReportData::ActivityBySecond* m_seconds;
-    std::vector<SliceEvents>* m_slices;
+    SliceTarget m_slices;
+    QString m_sliceError;
+    std::int64_t m_pairsCounted = 0;
+    int m_slicePairs = 0;
+    double m_firstPairTime = 0.0;
+    double m_lastPairTime = 0.0;
 };
 
 // A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
@@ -200,51 +218,14 @@ std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, cons
     };
 }
 
-// "HHhMMmSSs": the slice's start from the video's start, or its clock time (UTC) when the
-// video records when it was made.
-QString sliceLabel(double startSeconds, const QDateTime& creation)
-{
-    const qint64 seconds = static_cast<qint64>(std::llround(startSeconds));
-    qint64 hours = seconds / 3600;
-    int minutes = static_cast<int>(seconds / 60 % 60);
-    int secondsOfMinute = static_cast<int>(seconds % 60);
-    if (creation.isValid()) {
-        const QTime clock = creation.toUTC().addSecs(seconds).time();
-        hours = clock.hour();
-        minutes = clock.minute();
-        secondsOfMinute = clock.second();
-    }
-    const QChar zero(QLatin1Char('0'));
-    return QStringLiteral("%1h%2m%3s").arg(hours, 2, 10, zero).arg(minutes, 2, 10, zero).arg(secondsOfMinute, 2, 10, zero);
-}
-
-// The map of every slice with events, each over the video's background with the run's scale.
-std::vector<std::pair<QString, QImage>> sliceImagesOf(const PlannedInput& input, const MapToolOptions& options,
-                                                      const std::vector<SliceEvents>& slices,
-                                                      const cv::Mat& background, const MotionPassFacts& facts)
-{
-    const QDateTime creation = CombinedActivity::readCreationTime(QString::fromStdString(facts.video.creationTime));
-    std::vector<std::pair<QString, QImage>> images;
-    for (const SliceEvents& slice : slices)
-        images.emplace_back(input.slicePattern.arg(sliceLabel(slice.start, creation)),
-                            MotionMap::render(slice.counts, background, options.scale));
-    return images;
-}
-
 // Writes the input's images, map first, adding each one written to `written`; returns the
 // error, empty on success. A file that appeared during the pass is still not replaced
 // without --overwrite.
 QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool overwrite, QStringList& written)
 {
-    QSet<QString> paths;
     for (const auto& [path, image] : images) {
         if (path.isEmpty())
             continue;
-        // Slices named by their clock time a whole day apart share a name: the later one must
-        // not replace the earlier, --overwrite or not, which is about files of earlier runs.
-        if (paths.contains(path))
-            return tr("Two slices would both be saved as '%1' (a day apart); none written").arg(path);
-        paths.insert(path);
         if (!overwrite && existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
@@ -268,7 +249,8 @@ int decoderThreads(int jobs, int filesToStart)
     return std::max(1, QThread::idealThreadCount() / atOnce);
 }
 
-MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mask, int decoderThreads)
+MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput& input, const cv::Mat& mask,
+                               int decoderThreads)
 {
     MotionPassSettings settings;
     settings.blur = options.blur;
@@ -279,6 +261,7 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const cv::Mat& mas
     // A chosen scale reads the exact counts, which only the detailed count keeps.
     settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty() || options.sliceSeconds > 0.0;
     settings.sliceSeconds = options.sliceSeconds;
+    settings.sliceOffset = input.sliceOffset;
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
@@ -356,29 +339,67 @@ void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel)
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
-// Pool thread. `reportStaging`, when not empty, receives the input's report data.
-void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, int decoderThreads,
-             const std::atomic<int>& cancel, AtomicCounter& pairs, const QString& reportStaging, ResultSink* sink)
+// What every pass of a run shares. Set up before the first pass starts.
+struct RunContext {
+    const MapToolOptions& options;
+    const cv::Mat& mask;
+    const std::atomic<int>& cancel;
+    AtomicCounter& pairs;
+    QString reportStaging;       // receives each input's report data; empty without --report
+    ResultSink* sink = nullptr;  // takes each input's results instead (--combine)
+    SliceSet* slices = nullptr;  // keeps each input's slices (--slice)
+};
+
+// The name a slice's legend gives its series: the video's, or the combined map's.
+QString seriesNameOf(const MapToolOptions& options, const PlannedInput& input)
 {
-    if (sink && sink->takesWithoutPass(job.index)) {
-        take(job, *sink, cancel);
+    return options.combineName.isEmpty() ? QFileInfo(input.video).fileName() : options.combineName;
+}
+
+// Pool thread. A pass that ended well hands its background and span to its slices' series.
+QString keepSlices(const FileJob& job, const RunContext& context, const SliceTarget& target, const FileHooks& hooks,
+                   const MotionPassFacts& facts, const cv::Mat& background)
+{
+    if (!target.set)
+        return {};
+    if (!hooks.sliceError().isEmpty())
+        return hooks.sliceError();
+    // A video's own time line starts at the clock time it records, if any.
+    const QString lineClock = context.options.combineName.isEmpty() ? QString::fromStdString(facts.video.creationTime)
+                                                                     : job.input.sliceLineClock;
+    const double interval = facts.video.frameRate > 0.0 ? 1.0 / facts.video.frameRate : 0.0;
+    return target.set->addSource(target.series, job.index, background, hooks.firstPairTime() + job.input.sliceOffset,
+                                 hooks.lastPairTime() + interval + job.input.sliceOffset, facts.video.frameRate,
+                                 lineClock);
+}
+
+// Pool thread.
+void analyse(FileJob& job, const RunContext& context, int decoderThreads)
+{
+    const MapToolOptions& options = context.options;
+    if (context.sink && context.sink->takesWithoutPass(job.index)) {
+        take(job, *context.sink, context.cancel);
         return;
     }
     std::unique_ptr<ActivityCsv> activity;
     if (options.data)
         activity = std::make_unique<ActivityCsv>(job.input.activityPath);
     std::unique_ptr<ReportData::ActivityBySecond> seconds;
-    if (!reportStaging.isEmpty())
+    if (!context.reportStaging.isEmpty())
         seconds = std::make_unique<ReportData::ActivityBySecond>();
-    std::vector<SliceEvents> slices;
-    FileHooks hooks(job, cancel, pairs, activity.get(), seconds.get(), options.sliceSeconds > 0.0 ? &slices : nullptr);
+    SliceTarget sliceTarget;
+    if (context.slices) {
+        sliceTarget.set = context.slices;
+        sliceTarget.series = context.slices->series(job.input.slicePattern, seriesNameOf(options, job.input));
+    }
+    FileHooks hooks(job, context.cancel, context.pairs, activity.get(), seconds.get(), sliceTarget);
     cv::Mat motionCount;
     cv::Mat background;
     MotionPassFacts facts;
     // The name's bytes as the user gave them, which is what the file system knows it by.
     const QByteArray path = QFile::encodeName(job.input.video);
-    const MotionPassOutcome outcome =
-        MotionPass::run(path, settingsFor(options, mask, decoderThreads), motionCount, background, hooks, &facts);
+    const MotionPassOutcome outcome = MotionPass::run(path, settingsFor(options, job.input, context.mask, decoderThreads),
+                                                      motionCount, background, hooks, &facts);
     const std::int64_t pairsWithMotion = activity ? activity->pairsWithMotion() : 0;
     QString error;
     QStringList written;
@@ -388,27 +409,26 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
         job.finish(FileState::Failed, error);
         return;
     }
-    if (outcome == MotionPassOutcome::Canceled || cancel.load(std::memory_order_relaxed) != 0) {
+    if (outcome == MotionPassOutcome::Canceled || context.cancel.load(std::memory_order_relaxed) != 0) {
         writeManifest(job, options, facts, Manifest::Outcome::Canceled, written, pairsWithMotion, error);
         job.finish(FileState::Canceled);
         return;
     }
-    if (sink) {
+    if (context.sink) {
         if (activity)
             error = activity->commit(true);
         if (error.isEmpty())
-            error = sink->takePass(job.index, facts, background);
+            error = context.sink->takePass(job.index, facts, background);
+        if (error.isEmpty())
+            error = keepSlices(job, context, sliceTarget, hooks, facts, background);
         job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
         return;
     }
     const double mapScale = mapScaleOf(options, facts);
-    auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
-    if (!job.input.slicePattern.isEmpty()) {
-        auto sliceImages = sliceImagesOf(job.input, options, slices, background, facts);
-        images.insert(images.begin(), std::make_move_iterator(sliceImages.begin()),
-                      std::make_move_iterator(sliceImages.end()));
-    }
-    error = writeImages(images, options.overwrite, written);
+    const auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
+    error = keepSlices(job, context, sliceTarget, hooks, facts, background);
+    if (error.isEmpty())
+        error = writeImages(images, options.overwrite, written);
     if (error.isEmpty() && activity) {
         error = activity->commit(options.overwrite);
         if (error.isEmpty())
@@ -417,11 +437,11 @@ void analyse(FileJob& job, const MapToolOptions& options, const cv::Mat& mask, i
     writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
                   pairsWithMotion, error, mapScale);
     if (seconds && error.isEmpty())
-        error = writeReportData(job, reportStaging, facts, *seconds);
+        error = writeReportData(job, context.reportStaging, facts, *seconds);
     if (seconds && error.isEmpty()) {
         const QImage& map = images.front().second;
         const QImage& legend = images[1].second;
-        error = writeReportLegend(job, reportStaging, map,
+        error = writeReportLegend(job, context.reportStaging, map,
                                   legend.isNull() ? legendOf(map, job.input, options, facts, mapScale) : legend);
     }
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
@@ -433,18 +453,22 @@ public:
            ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask, ReportFolder* report,
            ResultSink* sink)
         : m_options(options)
-        , m_mask(mask)
         , m_report(report)
         , m_output(output)
         , m_cancel(cancel)
-        , m_sink(sink)
+        , m_context{options, mask, cancel, m_pairs, {}, sink, nullptr}
     {
+        if (options.sliceSeconds > 0.0)
+            m_slices = std::make_unique<SliceSet>(sliceSettingsOf(options));
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
             job->index = static_cast<int>(m_jobs.size());
             job->input = input;
             job->key = QString::number(m_jobs.size() + 1);
             job->size = QFileInfo(input.video).size();
+            // Series in the order given, which is the order they are written in.
+            if (m_slices && input.error.isEmpty())
+                m_slices->series(input.slicePattern, seriesNameOf(options, input));
             m_jobs.push_back(std::move(job));
         }
         m_pool.setMaxThreadCount(qMax(options.jobs, 1));
@@ -452,6 +476,11 @@ public:
 
     int exec()
     {
+        if (m_slices && !m_slices->error().isEmpty()) {
+            m_output.error(m_slices->error());
+            return MapRun::kExitFailure;
+        }
+        m_context.slices = m_slices.get();
         startAll();
         m_clock.start();
         m_rateClock.start();
@@ -461,6 +490,7 @@ public:
             m_output.show(snapshot(), m_clock.elapsed());
         }
         m_output.finish();
+        writeSlices();
         writeReport();
         return exitStatus();
     }
@@ -469,7 +499,7 @@ private:
     void startAll()
     {
         if (m_report)
-            m_reportStaging = m_report->stagingPath();
+            m_context.reportStaging = m_report->stagingPath();
         // All counted before the first starts, which may be at once.
         m_filesToStart = static_cast<int>(std::count_if(m_jobs.begin(), m_jobs.end(), [](const auto& job) {
             return job->input.error.isEmpty();
@@ -484,7 +514,7 @@ private:
             FileJob* file = job.get();
             m_pool.start([this, file] {
                 const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
-                analyse(*file, m_options, m_mask, threads, m_cancel, m_pairs, m_reportStaging, m_sink);
+                analyse(*file, m_context, threads);
             });
         }
     }
@@ -538,6 +568,31 @@ private:
         }
         shot.framesPerSecond = m_framesPerSecond;
         return shot;
+    }
+
+    static SliceSet::Settings sliceSettingsOf(const MapToolOptions& options)
+    {
+        SliceSet::Settings settings;
+        settings.sliceSeconds = options.sliceSeconds;
+        settings.scale = options.scaleGiven && options.scaleAuto ? 0.0 : options.scale;
+        settings.legends = options.legend;
+        settings.events = options.data;
+        settings.maskName = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+        settings.overwrite = options.overwrite;
+        return settings;
+    }
+
+    // The slices once every pass has ended, when none was canceled: their scale may depend on
+    // all of them, and with --combine a slice on the inputs of several passes.
+    void writeSlices()
+    {
+        if (!m_slices || m_cancel.load(std::memory_order_relaxed) != 0)
+            return;
+        QStringList written;
+        for (const QString& error : m_slices->write(written)) {
+            m_output.error(error);
+            ++m_failures;
+        }
     }
 
     // The page over every input once all have ended; not after a cancel, which leaves an
@@ -597,15 +652,14 @@ private:
     }
 
     const MapToolOptions& m_options;
-    const cv::Mat& m_mask;
     ReportFolder* m_report;
-    QString m_reportStaging;
     ProgressOutput& m_output;
     const std::atomic<int>& m_cancel;
-    ResultSink* m_sink;
+    AtomicCounter m_pairs;
+    RunContext m_context;
+    std::unique_ptr<SliceSet> m_slices;
     std::atomic<int> m_filesToStart{0};
     FileJobs m_jobs;
-    AtomicCounter m_pairs;
     QThreadPool m_pool;
     QElapsedTimer m_clock;
     QElapsedTimer m_rateClock;

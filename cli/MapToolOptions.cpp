@@ -1,5 +1,7 @@
 #include "MapToolOptions.h"
 
+#include "ManifestInput.h"
+
 #include "Version.h"
 
 #include <QCommandLineOption>
@@ -119,8 +121,6 @@ QString readCombine(const QCommandLineParser& parser, const Options& o, MapToolO
     return {};
 }
 
-// Slices write maps only: the files that describe one map per video do not have a slice's
-// counterpart yet.
 QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
 {
     if (!parser.isSet(o.slice))
@@ -128,12 +128,22 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     if (!MapToolCommandLine::readDuration(parser.value(o.slice), &options.sliceSeconds))
         return tr("Bad duration '%1' for --slice: use whole seconds, at least 1, such as 90s, 10m or 1h.")
             .arg(parser.value(o.slice));
-    if (!options.combineName.isEmpty())
-        return tr("--slice does not apply to --combine yet: slice each video, or combine whole videos.");
-    if (options.data || options.legend)
-        return tr("--slice does not apply to --data, --report or --legend yet: they describe one map per video.");
-    if (options.scaleAuto)
-        return tr("--slice does not apply to --scale auto yet: give the scale as a number of events.");
+    if (!options.reportDir.isEmpty())
+        return tr("--slice does not apply to --report yet: the report shows one card per video.");
+    return {};
+}
+
+// A manifest holds a video's counts as a whole, not when they happened, so it cannot be cut
+// into slices.
+QString checkSlicedInputs(const MapToolOptions& options)
+{
+    if (options.sliceSeconds <= 0.0)
+        return {};
+    for (const QString& input : options.videos) {
+        if (ManifestInput::isManifest(input))
+            return tr("--slice needs the videos: '%1' is a manifest, whose counts do not say when they happened.")
+                .arg(input);
+    }
     return {};
 }
 
@@ -184,6 +194,9 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
+    const QString slicedError = checkSlicedInputs(options);
+    if (!slicedError.isEmpty())
+        return usageError(slicedError);
     return result;
 }
 
@@ -312,7 +325,8 @@ Options:
                         dark red); a count shows at min(count x 255 / N, 255)
                         on the scale. The default, 8.5, is the window's 30 per
                         event. auto takes the 99th percentile of the non-zero
-                        counts of each map. Given, maps are drawn from the
+                        counts of each map (of all slices together with
+                        --slice). Given, maps are drawn from the
                         exact counts, which do not wrap at 256 events.
       --combine NAME    Add every input up into one map, NAME.FORMAT: the
                         exact counts summed, over the background of the first
@@ -330,6 +344,12 @@ Options:
                         named by the slice's start from the video's start, or
                         by its clock time (UTC) when the video records its
                         creation time. A slice without motion gives no file.
+                        With --combine, slices run along the combined time
+                        line (clock time when every input records it, else
+                        the inputs back to back): NAME.slice-HHhMMmSSs.FORMAT,
+                        each over the background of the input it starts in.
+                        With --legend, each slice gets its legend; with
+                        --data, its exact counts (….slice-….events.png).
                         Not with --combine, --data, --report, --legend or
                         --scale auto.
       --overwrite       Replace output files that exist already (and an

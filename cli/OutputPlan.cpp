@@ -37,7 +37,8 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
         input.slicePattern = pathOf(OutputPlan::sliceFileName(video, options.format));
     else
         input.mapPath = pathOf(OutputPlan::mapFileName(video, options.format));
-    if (options.legend)
+    // Slices have legends of their own.
+    if (options.legend && options.sliceSeconds <= 0.0)
         input.legendPath = pathOf(OutputPlan::legendFileName(video));
     if (options.counts)
         input.countsPath = pathOf(OutputPlan::countsFileName(video));

@@ -15,6 +15,11 @@ struct PlannedInput {
     // With --slice: the path of the slice maps with "%1" where a slice's start goes
     // (OutputPlan::sliceFileName). Empty without --slice.
     QString slicePattern;
+    // With --slice: seconds from the start of the slices' time line to the start of this
+    // input's own (MotionPassSettings::sliceOffset), and the clock time that line starts at
+    // (ISO 8601; empty when unknown, or when it is the video's own). Set by --combine.
+    double sliceOffset = 0.0;
+    QString sliceLineClock;
     QString legendPath;      // empty unless --legend
     QString countsPath;      // empty unless --counts
     QString backgroundPath;  // empty unless --background or --data

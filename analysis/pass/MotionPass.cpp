@@ -150,6 +150,7 @@ public:
         , m_eventTimes(settings.detailed && settings.eventCellSize > 0 ? CellEventTimes(size, settings.eventCellSize)
                                                                         : CellEventTimes())
         , m_sliceSeconds(settings.detailed && settings.sliceSeconds > 0.0 ? settings.sliceSeconds : 0.0)
+        , m_sliceOffset(settings.sliceOffset)
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
@@ -219,7 +220,7 @@ private:
     // slice being counted, so that every slice is handed over once.
     void enterSliceOf(double time)
     {
-        const int slice = static_cast<int>(std::max(std::floor(time / m_sliceSeconds), 0.0));
+        const int slice = static_cast<int>(std::max(std::floor((time + m_sliceOffset) / m_sliceSeconds), 0.0));
         if (m_slice >= 0 && slice > m_slice)
             endSlice();
         m_slice = std::max(slice, m_slice);
@@ -264,6 +265,7 @@ private:
     CellEventTimes m_eventTimes;
     AsyncBackgroundLearner m_learner;
     const double m_sliceSeconds;
+    const double m_sliceOffset;
     int m_slice = -1;
     cv::Mat m_sliceStartCounts;
     cv::Mat m_sliceCounts;

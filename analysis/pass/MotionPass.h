@@ -51,8 +51,8 @@ public:
     };
     virtual void pairCounted(const PairRecord&) {}
     // With MotionPassSettings::sliceSeconds: slice `slice`, the seconds from
-    // `startSeconds` = slice × sliceSeconds up to the next slice's start on the video's own
-    // time line, has ended, and `exactCounts` (16-bit, like MotionPassFacts::exactCounts) holds
+    // `startSeconds` = slice × sliceSeconds up to the next slice's start on the slices' time
+    // line (the video's own, shifted by MotionPassSettings::sliceOffset), has ended, and `exactCounts` (16-bit, like MotionPassFacts::exactCounts) holds
     // the events that began in its pairs. A pair belongs to the slice of its time (as in
     // PairRecord::time). Called before the first pair of a later slice is counted, and at the
     // end of the video (not on a cancel) for the last one; a slice without a pair is skipped.
@@ -88,6 +88,9 @@ struct MotionPassSettings {
     // With `detailed`, and above 0: the length in seconds of the slices of time whose own
     // exact counts the pass hands to MotionPassHooks::sliceEnded. 0: no slices, at no cost.
     double sliceSeconds = 0.0;
+    // Seconds added to every pair's time to place it in a slice: where the video's own time
+    // line starts on a longer one that slices several videos alike. 0: the video's own.
+    double sliceOffset = 0.0;
     // 8-bit 1-channel picture of any size: 0 where pixels are ignored (they never move and
     // never count), anything else where they are analysed. Scaled to the video's size by
     // taking, for each video pixel, the mask pixel under its centre. Empty: every pixel.

@@ -54,8 +54,9 @@ private slots:
     void sliceIsReadInSecondsMinutesOrHours();
     void badSlicesAreUsageErrorsNamingTheValue_data();
     void badSlicesAreUsageErrorsNamingTheValue();
-    void sliceRefusesWhatDescribesOneMapPerVideo_data();
-    void sliceRefusesWhatDescribesOneMapPerVideo();
+    void sliceRefusesTheReportAndManifests_data();
+    void sliceRefusesTheReportAndManifests();
+    void sliceGoesWithCombineDataLegendAndAutoScale();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -447,25 +448,32 @@ void MapToolOptionsTest::badSlicesAreUsageErrorsNamingTheValue()
     QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
-void MapToolOptionsTest::sliceRefusesWhatDescribesOneMapPerVideo_data()
+void MapToolOptionsTest::sliceRefusesTheReportAndManifests_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("named");
-    QTest::newRow("--combine") << QStringList{"--combine", "all"} << "--combine";
-    QTest::newRow("--data") << QStringList{"--data"} << "--data";
-    QTest::newRow("--report") << QStringList{"--report", "r"} << "--report";
-    QTest::newRow("--legend") << QStringList{"--legend"} << "--legend";
-    QTest::newRow("--scale auto") << QStringList{"--scale", "auto"} << "--scale auto";
+    QTest::newRow("--report") << QStringList{"--report", "r", "a.mp4"} << "--report";
+    QTest::newRow("a manifest") << QStringList{"--combine", "all", "a.mp4", "b.JSON"} << "'b.JSON' is a manifest";
 }
 
-void MapToolOptionsTest::sliceRefusesWhatDescribesOneMapPerVideo()
+void MapToolOptionsTest::sliceRefusesTheReportAndManifests()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QString, named);
-    const ParsedCommandLine parsed = parse(arguments + QStringList{"--slice", "10m", "a.mp4"});
+    const ParsedCommandLine parsed = parse(QStringList{"--slice", "10m"} + arguments);
     QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
     QVERIFY2(parsed.error.contains(QStringLiteral("--slice")), qPrintable(parsed.error));
     QVERIFY2(parsed.error.contains(named), qPrintable(parsed.error));
     QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
-    QCOMPARE(parse(arguments + QStringList{"a.mp4"}).action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parse(arguments).action, ParsedCommandLine::Action::Run);
+}
+
+void MapToolOptionsTest::sliceGoesWithCombineDataLegendAndAutoScale()
+{
+    const ParsedCommandLine parsed =
+        parse({"--slice", "10m", "--combine", "all", "--data", "--legend", "--scale", "auto", "a.mp4", "b.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(parsed.options.sliceSeconds, 600.0);
+    QCOMPARE(parsed.options.combineName, QStringLiteral("all"));
+    QVERIFY(parsed.options.data && parsed.options.legend && parsed.options.scaleAuto);
 }

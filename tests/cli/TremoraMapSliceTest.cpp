@@ -1,3 +1,4 @@
+#include "MapScale.h"
 #include "MotionMap.h"
 #include "TestSupport.h"
 #include "ToolRunning.h"
@@ -9,6 +10,7 @@
 
 #include <opencv2/core.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -43,6 +45,38 @@ bool makeDayApartClip(const QString& path)
                                    "creation_time=2026-01-02T09:30:00.000000Z", path});
 }
 
+// 4 s at 25 frames a second of a still blue-grey picture with noise from 1 s on, so that its
+// slices of 2 s hold different amounts of events over another background than the grey clip's.
+bool makeBusyClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i",
+                                   "color=c=0x3060a0:size=96x64:rate=25,noise=alls=60:allf=t:enable='gte(t,1)'",
+                                   "-frames:v", "100", "-c:v", "ffv1", path});
+}
+
+// 10 s at 25 frames a second of a blue-grey picture with a burst of noise every 2.5 s, further
+// apart than the pairs that end an event: every burst is a new event, so a slice of 5 s holds
+// two at each pixel where the grey clip's hold one.
+bool makePulseClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i",
+                                   "color=c=0x3060a0:size=96x64:rate=25,noise=alls=80:allf=t:enable='lt(mod(t,2.5),0.2)'",
+                                   "-frames:v", "250", "-c:v", "ffv1", path});
+}
+
+cv::Mat sumOf(const std::vector<cv::Mat>& planes)
+{
+    cv::Mat sum = cv::Mat::zeros(planes.front().size(), CV_32SC1);
+    for (const cv::Mat& plane : planes)
+        sum += plane;
+    return sum;
+}
+
+QImage mapFile(const QString& path)
+{
+    return QImage(path).convertToFormat(QImage::Format_RGB888);
+}
+
 } // namespace
 
 class TremoraMapSliceTest : public QObject {
@@ -60,12 +94,21 @@ private:
         return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 60000);
     }
 
+    // The files of a run of each video alone, for the slices of a run of several to meet.
+    static ToolRunning::Result toolInto(const QTemporaryDir& folder, const QStringList& arguments)
+    {
+        return ToolRunning::run(QStringList{"--quiet", "--output-dir", folder.path()} + arguments, 60000);
+    }
+
 private slots:
     void initTestCase()
     {
         QVERIFY(m_clips.isValid());
         QVERIFY(makeSecondHalfClip(clip()));
         QVERIFY(makeSecondHalfClip(m_clips.filePath("dated.mkv"), "2026-01-02T09:30:00.000000Z"));
+        QVERIFY(makeSecondHalfClip(m_clips.filePath("later.mkv"), "2026-01-02T09:30:01.000000Z"));
+        QVERIFY(makeBusyClip(m_clips.filePath("busy.mkv")));
+        QVERIFY(makePulseClip(m_clips.filePath("pulse.mkv")));
     }
 
     void slicesADayApartThatShareAClockNameAreNotWrittenOverEachOther()
@@ -137,6 +180,104 @@ private slots:
         QCOMPARE(entries(m_out->path()), QStringList{"half.slice-00h00m02s.png"});
     }
 
+    void slicesWithDataKeepTheirExactCountsWhichAddUpToTheVideos()
+    {
+        QCOMPARE(tool({"--data", "--slice", "1s", clip()}).exitCode, 0);
+        const QStringList slices{"half.slice-00h00m02s", "half.slice-00h00m03s"};
+        for (const QString& slice : slices)
+            QVERIFY2(entries(m_out->path()).contains(slice + ".events.png"), qPrintable(slice));
+        QVERIFY(!QFile::exists(out("half.png")));
+        const cv::Mat background = readBackground(out("half.background.png"));
+        std::vector<cv::Mat> events;
+        for (const QString& slice : slices) {
+            events.push_back(readEvents(out(slice + ".events.png")));
+            QVERIFY(cv::countNonZero(events.back()) > 0);
+            QCOMPARE(mapFile(out(slice + ".png")),
+                     MotionMap::render(events.back(), background, MotionMap::kDefaultScale));
+        }
+        QCOMPARE(cv::norm(sumOf(events), readEvents(out("half.events.png")), cv::NORM_INF), 0.0);
+    }
+
+    void autoScaleIsChosenOverEverySliceOfTheRun()
+    {
+        const QString pulse = m_clips.filePath("pulse.mkv");
+        QCOMPARE(tool({"--data", "--slice", "5s", "--scale", "auto", clip(), pulse}).exitCode, 0);
+        const QList<QPair<QString, QString>> slices{{"half.slice-00h00m00s", "half"},
+                                                    {"pulse.slice-00h00m00s", "pulse"},
+                                                    {"pulse.slice-00h00m05s", "pulse"}};
+        std::vector<cv::Mat> events;
+        for (const auto& slice : slices)
+            events.push_back(readEvents(out(slice.first + ".events.png")));
+        const double scale = MapScale::percentileOfNonZero(events, 99.0);
+        // Each slice on a scale of its own would differ: the test tells the two apart.
+        QVERIFY(std::any_of(events.begin(), events.end(),
+                            [&](const cv::Mat& plane) { return MapScale::automatic({plane}) != scale; }));
+        for (int i = 0; i < slices.size(); ++i) {
+            const cv::Mat background = readBackground(out(slices[i].second + ".background.png"));
+            QCOMPARE(mapFile(out(slices[i].first + ".png")),
+                     MotionMap::render(events[static_cast<size_t>(i)], background, scale));
+        }
+    }
+
+    void eachSliceHasItsLegendWithTheSliceMapAboveIt()
+    {
+        QCOMPARE(tool({"--legend", "--slice", "2s", clip()}).exitCode, 0);
+        QCOMPARE(entries(m_out->path()),
+                 (QStringList{"half.slice-00h00m02s.legend.png", "half.slice-00h00m02s.png"}));
+        const QImage map = mapFile(out("half.slice-00h00m02s.png"));
+        const QImage legend = mapFile(out("half.slice-00h00m02s.legend.png"));
+        QVERIFY(legend.height() > map.height());
+        // A map narrower than the strip sits centred above it.
+        const int left = (legend.width() - map.width()) / 2;
+        QCOMPARE(legend.copy(left, 0, map.width(), map.height()), map);
+    }
+
+    void combinedSlicesRunBackToBackOverTheBackgroundOfTheInputTheyStartIn()
+    {
+        const QString busy = m_clips.filePath("busy.mkv");
+        QTemporaryDir alone;
+        QCOMPARE(toolInto(alone, {"--data", "--slice", "2s", clip(), busy}).exitCode, 0);
+        QCOMPARE(tool({"--combine", "all", "--data", "--slice", "2s", clip(), busy}).exitCode, 0);
+        // The grey clip covers 0-4 s of the line and the busy one 4-8 s.
+        QCOMPARE(entries(m_out->path()),
+                 (QStringList{"all.activity.csv", "all.events.png", "all.json", "all.slice-00h00m02s.events.png",
+                              "all.slice-00h00m02s.png", "all.slice-00h00m04s.events.png", "all.slice-00h00m04s.png",
+                              "all.slice-00h00m06s.events.png", "all.slice-00h00m06s.png"}));
+        const QList<QPair<QString, QString>> meets{{"all.slice-00h00m02s", "half.slice-00h00m02s"},
+                                                   {"all.slice-00h00m04s", "busy.slice-00h00m00s"},
+                                                   {"all.slice-00h00m06s", "busy.slice-00h00m02s"}};
+        for (const auto& [combined, own] : meets) {
+            QCOMPARE(cv::norm(readEvents(out(combined + ".events.png")), readEvents(alone.filePath(own + ".events.png")),
+                              cv::NORM_INF),
+                     0.0);
+            QCOMPARE(mapFile(out(combined + ".png")), mapFile(alone.filePath(own + ".png")));
+        }
+    }
+
+    void combinedSlicesFollowClockTimesAndAddUpInputsThatOverlap()
+    {
+        // The later clip starts a second after the first: its events of 2-3 s fall in the
+        // line's slice 2-4 s with all of the first clip's, those of 3-4 s in the next.
+        const QString first = m_clips.filePath("dated.mkv");
+        const QString later = m_clips.filePath("later.mkv");
+        QTemporaryDir alone;
+        QCOMPARE(toolInto(alone, {"--data", "--slice", "1s", later}).exitCode, 0);
+        QCOMPARE(toolInto(alone, {"--data", first}).exitCode, 0);
+        QCOMPARE(tool({"--combine", "day", "--data", "--slice", "2s", first, later}).exitCode, 0);
+        QCOMPARE(entries(m_out->path()).filter("slice"),
+                 (QStringList{"day.slice-09h30m02s.events.png", "day.slice-09h30m02s.png",
+                              "day.slice-09h30m04s.events.png", "day.slice-09h30m04s.png"}));
+        const cv::Mat expectedFirst =
+            readEvents(alone.filePath("dated.events.png")) + readEvents(alone.filePath("later.slice-09h30m03s.events.png"));
+        QCOMPARE(cv::norm(readEvents(out("day.slice-09h30m02s.events.png")), expectedFirst, cv::NORM_INF), 0.0);
+        QCOMPARE(cv::norm(readEvents(out("day.slice-09h30m04s.events.png")),
+                          readEvents(alone.filePath("later.slice-09h30m04s.events.png")), cv::NORM_INF),
+                 0.0);
+        QCOMPARE(mapFile(out("day.slice-09h30m02s.png")),
+                 MotionMap::render(expectedFirst, readBackground(alone.filePath("dated.background.png")),
+                                   MotionMap::kDefaultScale));
+    }
+
     void badSlicesAreUsageErrorsAndWriteNothing_data()
     {
         QTest::addColumn<QStringList>("arguments");
@@ -144,10 +285,10 @@ private slots:
         QTest::newRow("zero") << QStringList{"--slice", "0"} << QByteArray("Bad duration '0' for --slice");
         QTest::newRow("negative") << QStringList{"--slice=-5m"} << QByteArray("Bad duration '-5m' for --slice");
         QTest::newRow("malformed") << QStringList{"--slice", "ten"} << QByteArray("Bad duration 'ten' for --slice");
-        QTest::newRow("with --combine") << QStringList{"--slice", "1m", "--combine", "all"}
-                                        << QByteArray("--slice does not apply to --combine");
-        QTest::newRow("with --scale auto") << QStringList{"--slice", "1m", "--scale", "auto"}
-                                           << QByteArray("--slice does not apply to --scale auto");
+        QTest::newRow("with --report") << QStringList{"--slice", "1m", "--report", "report"}
+                                       << QByteArray("--slice does not apply to --report");
+        QTest::newRow("a manifest") << QStringList{"--slice", "1m", "--combine", "all", "half.json"}
+                                    << QByteArray("--slice needs the videos: 'half.json' is a manifest");
     }
 
     void badSlicesAreUsageErrorsAndWriteNothing()

@@ -3,6 +3,8 @@
 
 #include <QtTest>
 
+#include <opencv2/core.hpp>
+
 #include <numeric>
 
 class MapScaleTest : public QObject {
@@ -46,6 +48,32 @@ private slots:
         QCOMPARE(MapScale::percentileOfNonZero({none}, 99.0), 0.0);
         QCOMPARE(MapScale::automatic({none}), MotionMap::kDefaultScale);
         QCOMPARE(MapScale::automatic({}), MotionMap::kDefaultScale);
+    }
+
+    // The histogram must choose what sorting every value would, whatever the spread.
+    void histogramOfPlanesAddedOneByOneAgreesWithSortingThemAll()
+    {
+        cv::RNG random(7);
+        std::vector<cv::Mat> planes;
+        MapScale::Histogram histogram;
+        for (int i = 0; i < 5; ++i) {
+            cv::Mat plane(40, 30, i % 2 ? CV_16UC1 : CV_32SC1);
+            random.fill(plane, cv::RNG::UNIFORM, 0, 20 + i * 300);
+            planes.push_back(plane);
+            histogram.add(plane);
+        }
+        for (double percent : {1.0, 33.3, 50.0, 90.0, 99.0, 100.0})
+            QCOMPARE(histogram.percentile(percent), MapScale::percentileOfNonZero(planes, percent));
+        QCOMPARE(histogram.automatic(), MapScale::automatic(planes));
+    }
+
+    void emptyHistogramKeepsTheWindowsScale()
+    {
+        MapScale::Histogram histogram;
+        histogram.add(cv::Mat(4, 4, CV_16UC1, cv::Scalar(0)));
+        histogram.add(cv::Mat(4, 4, CV_8UC1, cv::Scalar(9))); // not a count plane
+        QCOMPARE(histogram.percentile(99.0), 0.0);
+        QCOMPARE(histogram.automatic(), MotionMap::kDefaultScale);
     }
 };
 

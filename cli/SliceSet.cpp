@@ -1,0 +1,299 @@
+#include "SliceSet.h"
+
+#include "CombinedActivity.h"
+#include "ImageFile.h"
+#include "Legend.h"
+#include "MapRun.h"
+#include "MapScale.h"
+#include "MotionMap.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QFileInfo>
+#include <QMutexLocker>
+#include <QSet>
+
+#include <opencv2/core.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+bool existsOrDangles(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+// The pattern of a slice's other files: "clip.slice-%1.png" -> "clip.slice-%1.legend.png".
+QString companionPattern(const QString& mapPattern, const QString& suffix)
+{
+    return mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix;
+}
+
+// The image read back in `format` as a matrix of `type` with the same bytes per row; empty
+// when it does not read. The reader may hand a lossless file back in a wider format.
+cv::Mat matrixOf(const QString& path, QImage::Format format, int type)
+{
+    const QImage image = QImage(path).convertToFormat(format);
+    if (image.isNull())
+        return {};
+    cv::Mat matrix(image.height(), image.width(), type);
+    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
+    for (int y = 0; y < matrix.rows; ++y)
+        std::memcpy(matrix.ptr(y), image.constScanLine(y), rowBytes);
+    return matrix;
+}
+
+// "HHhMMmSSs": `seconds` from the time line's start, or the clock time (UTC) then when the
+// line's start is known.
+QString labelOf(double seconds, const QDateTime& lineClock)
+{
+    const qint64 whole = static_cast<qint64>(std::llround(seconds));
+    qint64 hours = whole / 3600;
+    int minutes = static_cast<int>(whole / 60 % 60);
+    int secondsOfMinute = static_cast<int>(whole % 60);
+    if (lineClock.isValid()) {
+        const QTime clock = lineClock.toUTC().addSecs(whole).time();
+        hours = clock.hour();
+        minutes = clock.minute();
+        secondsOfMinute = clock.second();
+    }
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("%1h%2m%3s").arg(hours, 2, 10, zero).arg(minutes, 2, 10, zero).arg(secondsOfMinute, 2, 10, zero);
+}
+
+} // namespace
+
+SliceSet::SliceSet(const Settings& settings)
+    : m_settings(settings)
+{
+}
+
+QString SliceSet::error() const
+{
+    return m_folder.isValid() ? QString() : tr("Can't create a temporary folder: %1").arg(m_folder.errorString());
+}
+
+int SliceSet::series(const QString& pattern, const QString& name)
+{
+    QMutexLocker lock(&m_mutex);
+    for (size_t i = 0; i < m_series.size(); ++i) {
+        if (m_series[i].pattern == pattern)
+            return static_cast<int>(i);
+    }
+    m_series.push_back({pattern, name, {}, {}});
+    return static_cast<int>(m_series.size() - 1);
+}
+
+QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs)
+{
+    QString file;
+    {
+        QMutexLocker lock(&m_mutex);
+        file = m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
+    }
+    if (!Utils::saveImage(MapRun::eventsImage(events), file))
+        return tr("Can't save file '%1'").arg(file);
+    QMutexLocker lock(&m_mutex);
+    m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs});
+    return {};
+}
+
+QString SliceSet::addSource(int series, int source, const cv::Mat& background, double from, double to,
+                            double frameRate, const QString& lineClock)
+{
+    QString file;
+    {
+        QMutexLocker lock(&m_mutex);
+        file = m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
+    }
+    if (!Utils::saveImage(MapRun::backgroundImage(background), file))
+        return tr("Can't save file '%1'").arg(file);
+    QMutexLocker lock(&m_mutex);
+    m_sources[source] = {file, from, to, frameRate};
+    m_series[static_cast<size_t>(series)].lineClock = lineClock;
+    return {};
+}
+
+QStringList SliceSet::write(QStringList& written)
+{
+    QStringList errors;
+    QString error;
+    const double scale = m_settings.scale > 0.0 ? m_settings.scale : chooseScale(error);
+    if (!error.isEmpty())
+        return {error};
+    for (const Series& series : m_series) {
+        error = writeSeries(series, scale, written);
+        if (!error.isEmpty())
+            errors << error;
+    }
+    return errors;
+}
+
+// One scale for every slice of the run, so that they compare side by side: over the sums,
+// which only exist one at a time, so they are summed twice.
+double SliceSet::chooseScale(QString& error) const
+{
+    MapScale::Histogram histogram;
+    for (const Series& series : m_series) {
+        for (const int slice : writtenSlices(series)) {
+            histogram.add(sumOf(series.slices.at(slice), error));
+            if (!error.isEmpty())
+                return 0.0;
+        }
+    }
+    return histogram.automatic();
+}
+
+// The slices with a piece of an input that was analysed to its end: the others' pieces stay
+// out, as their inputs do.
+std::vector<int> SliceSet::writtenSlices(const Series& series) const
+{
+    std::vector<int> slices;
+    for (const auto& [slice, pieces] : series.slices) {
+        if (std::any_of(pieces.begin(), pieces.end(), [this](const Piece& piece) { return m_sources.count(piece.source); }))
+            slices.push_back(slice);
+    }
+    return slices;
+}
+
+cv::Mat SliceSet::sumOf(const std::vector<Piece>& pieces, QString& error) const
+{
+    cv::Mat sum;
+    for (const Piece& piece : pieces) {
+        if (!m_sources.count(piece.source))
+            continue;
+        const cv::Mat events = matrixOf(piece.file, QImage::Format_Grayscale16, CV_16UC1);
+        if (events.empty()) {
+            error = tr("Can't read file '%1'").arg(piece.file);
+            return {};
+        }
+        if (sum.empty())
+            sum = cv::Mat::zeros(events.size(), CV_32SC1);
+        cv::add(sum, events, sum, cv::noArray(), CV_32SC1);
+    }
+    return sum;
+}
+
+QString SliceSet::labelOf(const Series& series, int slice) const
+{
+    return ::labelOf(slice * m_settings.sliceSeconds, CombinedActivity::readCreationTime(series.lineClock));
+}
+
+// Every name is checked before the first is written, so that a series is written whole or
+// not at all.
+QString SliceSet::checkNames(const Series& series, const std::vector<int>& slices) const
+{
+    QSet<QString> labels;
+    for (const int slice : slices) {
+        const QString label = labelOf(series, slice);
+        // Slices named by their clock time a whole day apart share a name: the later one must
+        // not replace the earlier, --overwrite or not, which is about files of earlier runs.
+        if (labels.contains(label))
+            return tr("Two slices would both be saved as '%1' (a day apart); none written")
+                .arg(series.pattern.arg(label));
+        labels.insert(label);
+        QStringList paths{series.pattern.arg(label)};
+        if (m_settings.legends)
+            paths << companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label);
+        if (m_settings.events)
+            paths << companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+        for (const QString& path : paths) {
+            if (!m_settings.overwrite && existsOrDangles(path))
+                return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+        }
+    }
+    return {};
+}
+
+QString SliceSet::writeSeries(const Series& series, double scale, QStringList& written) const
+{
+    const std::vector<int> slices = writtenSlices(series);
+    const QString error = checkNames(series, slices);
+    if (!error.isEmpty())
+        return error;
+    for (const int slice : slices) {
+        const QString sliceError = writeSlice(series, slice, series.slices.at(slice), scale, written);
+        if (!sliceError.isEmpty())
+            return sliceError;
+    }
+    return {};
+}
+
+// The input the slice starts in; when it starts in a gap between inputs, the first input
+// after the gap.
+int SliceSet::backgroundSource(int slice, const std::vector<Piece>& pieces) const
+{
+    const double start = slice * m_settings.sliceSeconds;
+    int best = -1;
+    for (const Piece& piece : pieces) {
+        const auto found = m_sources.find(piece.source);
+        if (found == m_sources.end())
+            continue;
+        const Source& source = found->second;
+        if (source.from <= start && start < source.to)
+            return piece.source;
+        if (best < 0 || source.from < m_sources.at(best).from)
+            best = piece.source;
+    }
+    return best;
+}
+
+QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<Piece>& pieces, double scale,
+                             QStringList& written) const
+{
+    QString error;
+    const cv::Mat sum = sumOf(pieces, error);
+    if (!error.isEmpty())
+        return error;
+    const Source& source = m_sources.at(backgroundSource(slice, pieces));
+    const cv::Mat background = matrixOf(source.background, QImage::Format_RGB888, CV_8UC3);
+    const QImage map = MotionMap::render(sum, background, scale);
+    const QString label = labelOf(series, slice);
+    const QString mapPath = series.pattern.arg(label);
+    if (!Utils::saveImage(map, mapPath))
+        return tr("Can't save image file '%1'").arg(mapPath);
+    written << mapPath;
+    if (m_settings.legends) {
+        double footage = 0.0;
+        bool footageKnown = true;
+        double end = 0.0;
+        for (const Piece& piece : pieces) {
+            const auto found = m_sources.find(piece.source);
+            if (found == m_sources.end())
+                continue;
+            footageKnown = footageKnown && found->second.frameRate > 0.0;
+            footage += found->second.frameRate > 0.0 ? piece.pairs / found->second.frameRate : 0.0;
+            end = std::max(end, found->second.to);
+        }
+        const double start = slice * m_settings.sliceSeconds;
+        Legend::Content content;
+        content.name = series.name;
+        content.timeSpan = Legend::timeSpan(series.lineClock, start,
+                                            std::clamp(end - start, 0.0, m_settings.sliceSeconds));
+        content.scale = scale;
+        content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
+        content.mask = m_settings.maskName;
+        const QString path = companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label);
+        if (!Utils::saveImage(Legend::render(map, content), path))
+            return tr("Can't save image file '%1'").arg(path);
+        written << path;
+    }
+    if (m_settings.events) {
+        cv::Mat events;
+        sum.convertTo(events, CV_16UC1); // saturates at 65535, as a single video's does
+        const QString path = companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+        if (!Utils::saveImage(MapRun::eventsImage(events), path))
+            return tr("Can't save image file '%1'").arg(path);
+        written << path;
+    }
+    return {};
+}

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <opencv2/core/mat.hpp>
+
+#include <map>
+#include <vector>
+
+// The slice maps of a run (--slice). Passes hand over each slice's events as the slice ends;
+// they wait as files in a temporary folder, so that the slices of a long video or of many
+// videos take no memory, until the run has ended. Then every slice is summed over the inputs
+// that reach into it, rendered on one scale for the whole run (chosen over every slice with
+// --scale auto) over the background of the input it starts in, and written.
+//
+// A series is the slices of one time line: a video's own, or with --combine the one line all
+// inputs lie on. addPiece() and addSource() may be called from any thread; the rest from the
+// thread that made the set, before and after the passes.
+class SliceSet {
+public:
+    struct Settings {
+        double sliceSeconds = 0.0;
+        double scale = 0.0;        // events at the top of the colour scale; 0 for --scale auto
+        bool legends = false;      // also NAME.slice-….legend.png
+        bool events = false;       // also NAME.slice-….events.png (16-bit exact counts)
+        QString maskName;          // for the legends; empty when no mask was used
+        bool overwrite = false;
+    };
+
+    explicit SliceSet(const Settings& settings);
+
+    // Why no slice can be kept (no temporary folder); empty when they can.
+    QString error() const;
+
+    // The series whose map files are named by `pattern` ("…/clip.slice-%1.png", %1 the
+    // slice's start) and whose legends say `name`; the same pattern gives the same series.
+    int series(const QString& pattern, const QString& name);
+
+    // Pool threads. The events (16-bit) that began in slice `slice` of `series`, in the pairs
+    // of the input at `source` (its place in the run), over `pairs` pairs. The error, empty
+    // on success.
+    QString addPiece(int series, int source, int slice, const cv::Mat& events, int pairs);
+
+    // Pool threads. The input at `source` has been analysed and belongs in its series: its
+    // background (8-bit R,G,B), the seconds on the series' time line its pairs ran from and
+    // to, its frame rate (0 when unknown) and the clock time the series' time line starts at
+    // (ISO 8601 as containers record it; empty when unknown, and the slices are then named by
+    // their start from the line's start). Only pieces of inputs added here are written.
+    QString addSource(int series, int source, const cv::Mat& background, double from, double to, double frameRate,
+                      const QString& lineClock);
+
+    // Writes the slices of every series in the order the series were made. A series that
+    // cannot be written whole (an existing file without overwrite, two slices a day apart
+    // with one name) writes none and gives one error; `written` receives each file written.
+    QStringList write(QStringList& written);
+
+private:
+    struct Piece {
+        int source = 0;
+        QString file;
+        int pairs = 0;
+    };
+    struct Source {
+        QString background;  // file
+        double from = 0.0;
+        double to = 0.0;
+        double frameRate = 0.0;
+    };
+    struct Series {
+        QString pattern;
+        QString name;
+        QString lineClock;
+        std::map<int, std::vector<Piece>> slices; // by slice
+    };
+
+    cv::Mat sumOf(const std::vector<Piece>& pieces, QString& error) const;
+    QString checkNames(const Series& series, const std::vector<int>& slices) const;
+    QString writeSeries(const Series& series, double scale, QStringList& written) const;
+    QString writeSlice(const Series& series, int slice, const std::vector<Piece>& pieces, double scale,
+                       QStringList& written) const;
+    int backgroundSource(int slice, const std::vector<Piece>& pieces) const;
+    std::vector<int> writtenSlices(const Series& series) const;
+    QString labelOf(const Series& series, int slice) const;
+    double chooseScale(QString& error) const;
+
+    Settings m_settings;
+    QTemporaryDir m_folder;
+    mutable QMutex m_mutex;
+    std::vector<Series> m_series;
+    std::map<int, Source> m_sources;
+    int m_files = 0;
+};
