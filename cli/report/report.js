@@ -1,6 +1,7 @@
 // The report's behaviour: each card's data is loaded as a script the first time it is
 // needed (a page opened from disk may load scripts, not read files), the activity chart is
-// drawn when its card comes into view, and a point of a map lists when motion began there.
+// drawn when its card comes into view and read second by second with the mouse or the
+// arrow keys, and a point of a map lists when motion began there.
 "use strict";
 
 var Tremora = (function () {
@@ -106,22 +107,90 @@ var Tremora = (function () {
     el("line", { x1: 0, x2: W, y1: H - 0.5, y2: H - 0.5, "class": "axis" }, svg, true);
     var marks = el("g", { "class": "marks" }, svg, true);
     var hover = el("line", { y1: 0, y2: H, "class": "hover", visibility: "hidden" }, svg, true);
-    var tip = el("div", { "class": "tip", hidden: "" }, box);
     var bySecond = {};
     rows.forEach(function (r) { bySecond[r[0]] = r; });
-    svg.addEventListener("mousemove", function (e) {
-      var rect = svg.getBoundingClientRect();
-      var s = Math.min(last - 1, Math.max(0, Math.floor((e.clientX - rect.left) / rect.width * last)));
+
+    // The keyboard's way to what the mouse shows: the chart is a slider over the seconds. A
+    // slider, not a live region, because the user picks one value out of a range and moves
+    // it with the keys a slider answers to; its aria-valuetext is what a screen reader speaks
+    // as the value changes, so the visible tip stays aria-hidden rather than be read twice.
+    // The tool writes the box as role="img", whose children are presentational: once it
+    // holds a focusable slider it becomes a labelled group, else the slider would not be
+    // exposed at all.
+    box.setAttribute("role", "group");
+    var slider = el("div", { "class": "plot", tabindex: "0", role: "slider", "aria-label": "Time",
+                             "aria-valuemin": "0", "aria-valuemax": String(last - 1),
+                             "aria-orientation": "horizontal" }, null);
+    box.insertBefore(slider, svg);
+    slider.appendChild(svg);
+    svg.setAttribute("aria-hidden", "true");
+    // Placed on the plot, not the box, so that a legend wrapped over two lines on a narrow
+    // screen stays clear of it.
+    var tip = el("div", { "class": "tip", hidden: "", "aria-hidden": "true" }, slider);
+    var chosen = 0;
+    // A tenth of the video per PageUp/PageDown, so that an hour takes ten presses, not 360.
+    var page = Math.max(10, Math.round(last / 10));
+
+    function describe(s) {
       var r = bySecond[s] || [s, 0, 0];
+      var wall = wallClock(card, s);
+      return [clock(s) + (wall ? " (" + wall + ")" : ""), r[1] + " moving pixels", r[2] + " new events"];
+    }
+
+    function show(s) {
       hover.setAttribute("x1", x(s)); hover.setAttribute("x2", x(s));
       hover.setAttribute("visibility", "visible");
-      var wall = wallClock(card, s);
-      tip.textContent = clock(s) + (wall ? " (" + wall + ")" : "") + " · " + r[1] + " moving pixels · " +
-        r[2] + " new events";
+      // Each part unbroken, so that on a narrow screen the tip wraps between them.
+      tip.textContent = "";
+      describe(s).forEach(function (part, i) {
+        if (i) tip.appendChild(document.createTextNode(" · "));
+        el("span", {}, tip).textContent = part;
+      });
       tip.hidden = false;
-      tip.style.left = Math.min(e.clientX - rect.left + 8, rect.width - tip.offsetWidth) + "px";
+      // Measured at the left edge, where it has the whole width, then moved beside the line
+      // as far as it still fits.
+      var width = svg.getBoundingClientRect().width;
+      tip.style.left = "0px";
+      var at = x(s) / W * width + 8;
+      tip.style.left = Math.max(0, Math.min(at, width - tip.offsetWidth)) + "px";
+    }
+
+    function hide() {
+      hover.setAttribute("visibility", "hidden");
+      tip.hidden = true;
+    }
+
+    function settle(s) {
+      chosen = Math.max(0, Math.min(last - 1, s));
+      slider.setAttribute("aria-valuenow", String(chosen));
+      slider.setAttribute("aria-valuetext", describe(chosen).join(", "));
+    }
+    settle(0);
+
+    function secondAt(clientX) {
+      var rect = svg.getBoundingClientRect();
+      return Math.min(last - 1, Math.max(0, Math.floor((clientX - rect.left) / rect.width * last)));
+    }
+
+    svg.addEventListener("mousemove", function (e) { show(secondAt(e.clientX)); });
+    // The mouse gives way to the keyboard's second while the chart has the focus.
+    svg.addEventListener("mouseleave", function () {
+      if (document.activeElement === slider) show(chosen); else hide();
     });
-    svg.addEventListener("mouseleave", function () { hover.setAttribute("visibility", "hidden"); tip.hidden = true; });
+    // A click or a tap picks its second, as on any slider; on a phone it is the way to a value.
+    svg.addEventListener("click", function (e) { settle(secondAt(e.clientX)); show(chosen); });
+    slider.addEventListener("focus", function () { show(chosen); });
+    slider.addEventListener("blur", hide);
+    slider.addEventListener("keydown", function (e) {
+      var to = {
+        ArrowLeft: chosen - 1, ArrowDown: chosen - 1, ArrowRight: chosen + 1, ArrowUp: chosen + 1,
+        PageDown: chosen - page, PageUp: chosen + page, Home: 0, End: last - 1
+      }[e.key];
+      if (to === undefined || e.altKey || e.ctrlKey || e.metaKey) return;
+      e.preventDefault();
+      settle(to);
+      show(chosen);
+    });
     card._chart = { marks: marks, x: x, H: H };
     if (card._pendingMarks) showMarks(card, card._pendingMarks);
   }

@@ -5,14 +5,18 @@ Usage: report_in_browser.py TREMORA_MAP WORK_DIR [--demo CLIP --screenshot PNG]
 
 Makes clips with motion at known seconds, runs the tool with --report, and checks the page
 as a user would meet it: no console errors, a card per input in name order, the times a
-click on a map lists, the video seeking to a chosen time, and a name full of characters
-that HTML and URLs treat specially. With --demo, also keeps a screenshot of the report of
-that clip. Exits 0 when every check passed, 1 with the first failure otherwise (a browser
-that does not start is a failure: the test command installs it).
+click on a map lists, the video seeking to a chosen time, the activity chart read second by
+second with the keyboard, and a name full of characters that HTML and URLs treat specially.
+With --demo, also keeps a screenshot of the report of that clip, and one of its chart read
+with the keys beside it (PNG's name ending in -chart-keys.png). Exits 0 when every check
+passed, 1 with the first failure otherwise (a browser that does not start is a failure: the
+test command installs it).
 """
 
 import argparse
+import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -31,6 +35,8 @@ SIZE = (160, 120)
 HOT_PIXEL = (20, 20)
 QUIET_PIXEL = (150, 110)
 HOT_SECONDS = [2, 6]
+# When make_clip's clips say they were recorded.
+RECORDED = "2024-05-01T10:00:00Z"
 SPECIAL_NAME = "a <b> & c #1 %20 \"q\" 'é' 雪.mp4"
 
 
@@ -50,7 +56,7 @@ def make_clip(path, extra=()):
          "drawbox=x=8:y=8:w=24:h=24:color=white:t=fill:"
          "enable='between(t,2.5,2.7)+between(t,6.5,6.7)'" % SIZE,
          "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12",
-         "-metadata", "creation_time=2024-05-01T10:00:00Z", *extra, path],
+         "-metadata", "creation_time=" + RECORDED, *extra, path],
         check=True)
 
 
@@ -109,6 +115,99 @@ def listed_seconds(driver, card_id, expect_hint=True):
     return driver.execute_script(
         "return Array.from(document.querySelectorAll('#%s .time-list a'))"
         ".map(a => [Number(a.dataset.second), a.textContent, a.getAttribute('href')]);" % card_id)
+
+
+def activity_rows(report, key):
+    """The seconds of a card's chart, read from the data file the page loads."""
+    with open(os.path.join(report, "data", key + ".activity.js"), encoding="utf-8") as f:
+        match = re.fullmatch(r'Tremora\.data\("([^"]+)", (.*)\);\s*', f.read(), re.S)
+    check(match and match.group(1) == key + ".activity", "the activity file of card %s is a data script" % key)
+    return {row[0]: row for row in json.loads(match.group(2))["seconds"]}
+
+
+def clock(second):
+    return ("%d:%02d:%02d" % (second // 3600, second // 60 % 60, second % 60) if second >= 3600
+            else "%d:%02d" % (second // 60, second % 60))
+
+
+def chart_state(driver, card_id):
+    return driver.execute_script(
+        "var c = document.getElementById(arguments[0]), t = c.querySelector('.chart .tip'),"
+        " s = c.querySelector('.chart [role=slider]'), h = c.querySelector('.chart .hover');"
+        "return {tip: t.hidden ? null : t.textContent, now: s.getAttribute('aria-valuenow'),"
+        " text: s.getAttribute('aria-valuetext'), line: h.getAttribute('visibility') === 'visible'"
+        " ? Number(h.getAttribute('x1')) : null, focused: document.activeElement === s};", card_id)
+
+
+def tab_to_chart(driver, card):
+    """From the card's map, Tab on until the chart has the focus, past the times and the player."""
+    driver.execute_script("arguments[0].focus()", card.find_element(By.CSS_SELECTOR, ".map img"))
+    slider = card.find_element(By.CSS_SELECTOR, ".chart [role=slider]")
+    for _ in range(20):
+        if driver.execute_script("return document.activeElement === arguments[0]", slider):
+            return
+        ActionChains(driver).send_keys(Keys.TAB).perform()
+    raise Failure("Tab does not reach the chart of card %s" % card.get_attribute("id"))
+
+
+def check_chart_keys_show_each_seconds_values(driver, card, report, recorded):
+    """Tab reaches the chart; the arrows, Home and End move its line and tip a second at a time
+    and the slider's value text follows; leaving the chart hides them."""
+    card_id = card.get_attribute("id")
+    rows = activity_rows(report, card.get_attribute("data-key"))
+    last = max(rows) + 1
+    check(rows.get(2, [2, 0, 0])[1] > 0 and rows.get(6, [6, 0, 0])[1] > 0,
+          "the clip moves in seconds 2 and 6: %r" % rows)
+
+    def expected(second):
+        row = rows.get(second, [second, 0, 0])
+        wall = driver.execute_script("return new Date(Date.parse(arguments[0]) + arguments[1] * 1000).toLocaleTimeString()",
+                                     recorded, second)
+        return "%s (%s) · %d moving pixels · %d new events" % (clock(second), wall, row[1], row[2])
+
+    def press(*keys):
+        ActionChains(driver).send_keys(*keys).perform()
+
+    def shows(second, what):
+        state = chart_state(driver, card_id)
+        check(state["focused"], "the chart keeps the focus %s" % what)
+        check(state["tip"] == expected(second), "%s the tip reads %r, got %r" % (what, expected(second), state["tip"]))
+        check(state["now"] == str(second) and state["text"] == expected(second).replace(" · ", ", "),
+              "%s the slider's value is second %d: %r" % (what, second, state))
+        check(state["line"] is not None and abs(state["line"] - (second + 0.5) / last * 1000) < 0.01,
+              "%s the line stands on second %d: %r" % (what, second, state))
+        return state["line"]
+
+    # Out of the mouse's way, so that only the keys move the line.
+    ActionChains(driver).move_to_element(card.find_element(By.CSS_SELECTOR, "h2")).perform()
+    tab_to_chart(driver, card)
+    shows(0, "reached with Tab,")
+    check(driver.execute_script("var s = document.querySelector('#%s .chart [role=slider]');"
+                                "return s.matches(':focus-visible') && getComputedStyle(s).outlineStyle !== 'none';"
+                                % card_id), "the chart shows that it has the keyboard's focus")
+
+    press(Keys.ARROW_RIGHT, Keys.ARROW_RIGHT)
+    at_two = shows(2, "after Right twice")
+    press(*[Keys.ARROW_RIGHT] * 4)
+    at_six = shows(6, "after Right four more times")
+    check(at_six > at_two, "the line moves right with the key: %r, %r" % (at_two, at_six))
+    press(Keys.END)
+    shows(last - 1, "after End")
+    press(Keys.ARROW_RIGHT)
+    shows(last - 1, "past the end")
+    press(Keys.ARROW_LEFT)
+    shows(last - 2, "after Left")
+    press(Keys.HOME)
+    shows(0, "after Home")
+    press(Keys.ARROW_LEFT)
+    shows(0, "before the start")
+
+    ActionChains(driver).key_down(Keys.SHIFT).send_keys(Keys.TAB).key_up(Keys.SHIFT).perform()
+    state = chart_state(driver, card_id)
+    check(not state["focused"] and state["tip"] is None and state["line"] is None,
+          "leaving the chart hides its line and tip: %r" % state)
+    errors = console_errors(driver)
+    check(not errors, "console errors: %r" % errors)
 
 
 def card_by_title(driver, title):
@@ -200,6 +299,8 @@ def check_report(tool, work):
         check(tip.startswith("0:02 ") and "moving pixels" in tip and "new events" in tip, "the chart's tip: %r" % tip)
         check(not tip.startswith("0:02 · 0 moving"), "the tip shows the motion of second 2: %r" % tip)
 
+        check_chart_keys_show_each_seconds_values(driver, card, report, RECORDED)
+
         # Keyboard: the map takes the focus, Enter lists the times of the cell under the cursor.
         img = card.find_element(By.CSS_SELECTOR, ".map img")
         driver.execute_script("arguments[0].focus()", img)
@@ -228,6 +329,16 @@ def check_report(tool, work):
             "return c.querySelector('.side').getBoundingClientRect().top >="
             " c.querySelector('.map img').getBoundingClientRect().bottom - 1;" % card_id)
         check(below, "on a narrow screen the figures come below the map")
+        # With the chart's tip showing at its last second, where it is pushed furthest left.
+        slider = card.find_element(By.CSS_SELECTOR, ".chart [role=slider]")
+        driver.execute_script("arguments[0].scrollIntoView({block: 'center'}); arguments[0].focus()", slider)
+        ActionChains(driver).send_keys(Keys.END).perform()
+        check(chart_state(driver, card_id)["tip"], "the chart's tip shows on a narrow screen")
+        clear = driver.execute_script(
+            "var c = document.getElementById('%s');"
+            "return c.querySelector('.chart .tip').getBoundingClientRect().top >="
+            " c.querySelector('.chart .legend-key').getBoundingClientRect().bottom;" % card_id)
+        check(clear, "on a narrow screen the chart's tip leaves its legend readable")
         wide = driver.execute_script(
             "var out = []; document.querySelectorAll('body *').forEach(function (e) {"
             " var b = e.getBoundingClientRect(); if (b.right > document.documentElement.clientWidth + 0.5)"
@@ -242,7 +353,7 @@ def check_report(tool, work):
     check(not os.path.exists(os.path.join(work, "maps2")), "nothing is analysed when the report is refused")
 
 
-def screenshot(tool, work, demo, out):
+def screenshot(tool, work, demo, out, keys_out):
     report = os.path.join(work, "demo-report")
     result = run_tool(tool, ["-o", os.path.join(work, "demo-maps"), "--report", report, demo])
     check(result.returncode == 0, "the demo clip's report: %s" % result.stderr)
@@ -260,6 +371,14 @@ def screenshot(tool, work, demo, out):
         driver.execute_script("window.scrollTo(0, 0)")
         check(not console_errors(driver), "console errors on the demo report")
         driver.save_screenshot(out)
+
+        # The chart read with the keys, a third of the way in, where the box is moving.
+        tab_to_chart(driver, card)
+        ActionChains(driver).send_keys(*[Keys.ARROW_RIGHT] * 4).perform()
+        slider = card.find_element(By.CSS_SELECTOR, ".chart [role=slider]")
+        driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", slider)
+        check(not console_errors(driver), "console errors reading the demo report's chart with the keys")
+        driver.save_screenshot(keys_out)
     finally:
         driver.quit()
 
@@ -283,8 +402,9 @@ def main():
         if args.demo and args.screenshot:
             if not os.path.exists(args.demo):
                 make_demo_clip(args.demo)
-            screenshot(args.tool, args.work, args.demo, args.screenshot)
-            print("screenshot of the demo clip's report: " + args.screenshot)
+            keys_shot = os.path.splitext(args.screenshot)[0] + "-chart-keys.png"
+            screenshot(args.tool, args.work, args.demo, args.screenshot, keys_shot)
+            print("screenshots of the demo clip's report: %s, %s" % (args.screenshot, keys_shot))
     except Failure as failure:
         print("FAIL: %s" % failure, file=sys.stderr)
         return 1
