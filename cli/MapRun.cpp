@@ -595,11 +595,11 @@ private:
         }
     }
 
-    // The page over every input once all have ended; not after a cancel, which leaves an
-    // earlier report as it was.
+    // The page over every input once all have ended, also after a cancel: the inputs done
+    // until then are worth their report, and the others' cards say they were canceled.
     void writeReport()
     {
-        if (!m_report || m_cancel.load(std::memory_order_relaxed) != 0)
+        if (!m_report)
             return;
         std::vector<ReportCard> cards;
         for (const auto& job : m_jobs)
@@ -622,6 +622,11 @@ private:
         }
         ReportCard card = ReportPage::inputCard(job.key, job.input.video, job.manifest, job.input.error, mapFile,
                                                 m_report->finalPath());
+        // One canceled before it started has no manifest to say so.
+        if (job.reported == FileState::Canceled) {
+            card.status = QStringLiteral("canceled");
+            card.error.clear();
+        }
         const QString data = staging + QStringLiteral("/data/") + job.key;
         card.hasActivity = QFileInfo::exists(data + QStringLiteral(".activity.js"));
         card.hasCells = QFileInfo::exists(data + QStringLiteral(".cells.js"));

@@ -48,8 +48,8 @@ constexpr int kExitInterrupted = 130;
 // Blocks until every pass has ended. Call from one thread at a time.
 // `mask` (see MotionPassSettings::mask) applies to every input; empty for none.
 // `report`, when given and prepared, receives each input's report data as its pass ends and,
-// once every pass has ended (and none was canceled), the page, which then takes the report
-// folder's place; a report that cannot be written counts as a failure, the maps stay.
+// once every pass has ended (after a cancel too, its unfinished inputs shown canceled), the
+// page, which then takes the report folder's place; a report that cannot be written counts as a failure, the maps stay.
 // `sink`, when given, receives every input's results and no input writes files of its own.
 int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
         ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {},

@@ -146,7 +146,7 @@ QString cardHtml(const ReportCard& card)
     html += QStringLiteral("</div></div>");
     if (card.hasActivity)
         html += QStringLiteral("<div class=\"chart\"") + attribute("aria-label", tr("Activity over time of %1").arg(card.title))
-            + QStringLiteral(" role=\"img\"></div>");
+            + QStringLiteral(" role=\"group\"></div>");
     return html + QStringLiteral("</article>\n");
 }
 

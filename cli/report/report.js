@@ -114,10 +114,8 @@ var Tremora = (function () {
     // slider, not a live region, because the user picks one value out of a range and moves
     // it with the keys a slider answers to; its aria-valuetext is what a screen reader speaks
     // as the value changes, so the visible tip stays aria-hidden rather than be read twice.
-    // The tool writes the box as role="img", whose children are presentational: once it
-    // holds a focusable slider it becomes a labelled group, else the slider would not be
-    // exposed at all.
-    box.setAttribute("role", "group");
+    // The box is a labelled group, not an image: an image's children are presentational,
+    // and the slider would not be exposed at all.
     var slider = el("div", { "class": "plot", tabindex: "0", role: "slider", "aria-label": "Time",
                              "aria-valuemin": "0", "aria-valuemax": String(last - 1),
                              "aria-orientation": "horizontal" }, null);

@@ -2,12 +2,17 @@
 
 #include <QtTest>
 
+#include <QElapsedTimer>
+#include <QProcess>
+
 #include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QTemporaryDir>
 
 #include <memory>
+
+#include <signal.h>
 
 namespace {
 
@@ -69,6 +74,34 @@ private slots:
         QVERIFY(page.indexOf(">a.mkv<") < page.indexOf(">b.mkv<"));
         QVERIFY(page.contains("href=\"../../"));
         QVERIFY(ToolRunning::readAll(out("report/data/2.cells.js")).startsWith("Tremora.data(\"2.cells\", {\"cell\":16,"));
+    }
+
+    void anInterruptedRunStillWritesItsReportWithTheUnfinishedInputCanceled()
+    {
+        QVERIFY(ToolRunning::makeClip(clip("long.mkv"), 3000, QStringLiteral("320x240")));
+        QProcess process;
+        process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE),
+                      {"--jobs", "1", "-o", out("maps"), "--report", out("report"), clip("a.mkv"), clip("long.mkv")});
+        QVERIFY(process.waitForStarted());
+        QByteArray err;
+        QElapsedTimer clock;
+        clock.start();
+        const QByteArray started = clip("long.mkv").toUtf8() + ": started\n";
+        while (!err.contains(started) && clock.elapsed() < 60000 && process.state() == QProcess::Running) {
+            process.waitForReadyRead(100);
+            err += process.readAllStandardError();
+        }
+        QVERIFY2(err.contains(started), err.constData());
+        QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+        QVERIFY(process.waitForFinished(60000));
+        QCOMPARE(process.exitCode(), 130);
+        QVERIFY(!QFile::exists(out("maps/long.png")));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(page.contains(">a.mkv<") && page.contains(">long.mkv<"));
+        // The finished input keeps its map, the other says why it has none.
+        QCOMPARE(ToolRunning::readAll(out("report/maps/1.png")), ToolRunning::readAll(out("maps/a.png")));
+        QCOMPARE(page.count("class=\"outcome canceled\""), 1);
+        QVERIFY(page.indexOf("Canceled before the end.") > page.indexOf(">long.mkv<"));
     }
 
     void eachCardShowsTheStripOfItsMapsLegendBelowTheMap()
