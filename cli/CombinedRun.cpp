@@ -108,6 +108,7 @@ struct Item {
     QString creationTime;
     double footageSeconds = -1.0;
     double duration = -1.0; // as the container records it; -1 when unknown
+    QString mask;           // the mask's file name; empty when none
     QString activity;       // the input's activity table
     bool combined = false;
     QString error;
@@ -196,12 +197,14 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.creationTime = header.creationTime;
             item.footageSeconds = header.footageSeconds;
             item.activity = header.activityPath;
+            item.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
         } else {
             const VideoInfo info = probe(given);
             item.size = cv::Size(info.width, info.height);
             item.creationTime = QString::fromStdString(info.creationTime);
             item.duration = info.duration;
             item.video = QFileInfo(given).absoluteFilePath();
+            item.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
             if (options.data)
                 item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
         }
@@ -355,9 +358,13 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
     QList<double> seconds;
     double footage = 0.0;
     bool footageKnown = true;
+    QStringList masks;
     for (const Item& item : items) {
         if (!item.combined)
             continue;
+        // Manifests bring the masks their videos were analysed with.
+        if (!item.mask.isEmpty() && !masks.contains(item.mask))
+            masks << item.mask;
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
@@ -368,7 +375,7 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
     content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
     content.scale = scale;
     content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
+    content.mask = masks.join(QStringLiteral(", "));
     return Legend::render(map, content);
 }
 

@@ -133,6 +133,7 @@ Header readHeader(const QString& path)
     header.width = video["width"].toInt();
     header.height = video["height"].toInt();
     header.creationTime = video["creation_time"].toString();
+    header.maskPath = parsed.root["parameters"].toObject()["mask"].toString();
     const double frameRate = video["frame_rate"].toDouble(0.0);
     if (frameRate > 0.0)
         header.footageSeconds = parsed.root["pairs_analysed"].toDouble(0.0) / frameRate;

@@ -23,6 +23,7 @@ struct Header {
     int height = 0;
     QString creationTime;   // as the container records it; empty when it has none
     double footageSeconds = -1.0;  // pairs analysed at the frame rate; -1 when unknown
+    QString maskPath;       // the mask the video was analysed with; empty when none
     QString eventsPath;     // absolute; the files lie beside the manifest
     QString backgroundPath;
     QString activityPath;   // empty when the manifest names no activity table

@@ -214,6 +214,23 @@ private slots:
         QCOMPARE(inputs[2].toObject()["status"].toString(), QStringLiteral("combined"));
     }
 
+    void theCombinedManifestFollowsItsSchemaWithInputsLeftOut()
+    {
+        QCOMPARE(tool({"--data", "--legend", "--combine", "day", clip("a.mkv"), clip("odd.mkv"), data("b.json")}).exitCode,
+                 1);
+        const QString schema = QStringLiteral(TREMORA_COMBINED_SCHEMA);
+        QCOMPARE(ToolRunning::schemaComplaint(schema, out("day.json")), QString());
+        // The schema does hold the manifest to its form: a status it does not know fails it.
+        QJsonObject manifest = readJson(out("day.json"));
+        QJsonArray inputs = manifest["inputs"].toArray();
+        QJsonObject leftOut = inputs[1].toObject();
+        leftOut["status"] = QStringLiteral("skipped");
+        inputs[1] = leftOut;
+        manifest["inputs"] = inputs;
+        QVERIFY(writeFile(out("changed.json"), QJsonDocument(manifest).toJson()));
+        QVERIFY(!ToolRunning::schemaComplaint(schema, out("changed.json")).isEmpty());
+    }
+
     void aManifestWithAMissingFileIsReportedAndLeftOut()
     {
         const QString copy = copyOfData();

@@ -94,6 +94,25 @@ private slots:
                  QImage(out("both.png")).convertToFormat(QImage::Format_RGB888));
     }
 
+    void aCombinedLegendNamesTheMaskItsManifestsWereMadeWith()
+    {
+        QImage mask(320, 240, QImage::Format_Grayscale8);
+        mask.fill(255);
+        QVERIFY(mask.save(clip("corner-mask.png")));
+        QVERIFY(QDir(m_out->path()).mkpath("masked") && QDir(m_out->path()).mkpath("plain"));
+        QCOMPARE(tool({"--data", "-o", out("masked"), "--mask", clip("corner-mask.png"), clip("wide.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", "-o", out("plain"), clip("wide.mkv")}).exitCode, 0);
+        // One combined name in two folders, so that only what the manifests bring differs.
+        QCOMPARE(tool({"--legend", "-o", out("masked"), "--combine", "both", out("masked/wide.json")}).exitCode, 0);
+        QCOMPARE(tool({"--legend", "-o", out("plain"), "--combine", "both", out("plain/wide.json")}).exitCode, 0);
+        // A mask that ignores nothing leaves the map as it was: only the strip's mask line differs.
+        QCOMPARE(readAll(out("masked/both.png")), readAll(out("plain/both.png")));
+        const QImage masked = QImage(out("masked/both.legend.png")).convertToFormat(QImage::Format_RGB888);
+        const QImage plain = QImage(out("plain/both.legend.png")).convertToFormat(QImage::Format_RGB888);
+        QCOMPARE(masked.width(), plain.width());
+        QVERIFY(masked != plain);
+    }
+
     void anExistingLegendIsNotReplacedAndItsVideoNotAnalysed()
     {
         QFile earlier(out("wide.legend.png"));
