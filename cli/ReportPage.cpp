@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <QUrl>
 
@@ -119,14 +121,32 @@ bool naturalLess(const QString& a, const QString& b)
     return a < b;
 }
 
+QString partsJson(const std::vector<ReportPart>& parts)
+{
+    QJsonArray array;
+    for (const ReportPart& part : parts)
+        array.append(QJsonObject{{"key", part.key},
+                                 {"offset", part.offset},
+                                 {"video", part.videoHref},
+                                 {"playable", part.playable},
+                                 {"name", part.name}});
+    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
+}
+
+QString windowAttributes(const ReportCard& card)
+{
+    if (card.from < 0.0)
+        return {};
+    return attribute("data-from", QString::number(card.from, 'f', 3)) + attribute("data-to", QString::number(card.to, 'f', 3));
+}
+
 QString cardHtml(const ReportCard& card)
 {
     QString html = QStringLiteral("<article class=\"card\"") + attribute("id", QStringLiteral("card-") + card.key)
         + attribute("data-key", card.key) + attribute("data-width", QString::number(card.width))
         + attribute("data-height", QString::number(card.height))
-        + attribute("data-creation", card.creationTime) + attribute("data-video", card.videoHref)
-        + attribute("data-playable", card.playable ? QStringLiteral("1") : QStringLiteral("0"))
-        + attribute("data-activity", card.hasActivity ? QStringLiteral("1") : QStringLiteral("0"))
+        + attribute("data-creation", card.creationTime) + attribute("data-parts", partsJson(card.parts))
+        + windowAttributes(card) + attribute("data-activity", card.hasActivity ? QStringLiteral("1") : QStringLiteral("0"))
         + attribute("data-cells", card.hasCells ? QStringLiteral("1") : QStringLiteral("0"))
         + attribute("aria-labelledby", QStringLiteral("title-") + card.key) + QStringLiteral(">");
     html += QStringLiteral("<h2") + attribute("id", QStringLiteral("title-") + card.key) + QStringLiteral(">");
@@ -194,6 +214,7 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
     card.sortName = card.title;
     card.mapFile = mapFile;
     card.videoHref = relativeHref(reportFolder, QFileInfo(video).absoluteFilePath());
+    card.parts = {{key, 0.0, card.videoHref, false, card.title}};
     if (manifest.isEmpty()) {
         card.status = QStringLiteral("failed");
         card.error = planError;
@@ -204,6 +225,7 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
     const QJsonObject summary = manifest.value(QLatin1String("summary")).toObject();
     card.playable = browserPlays(info.value(QLatin1String("container")).toString(),
                                  info.value(QLatin1String("codec")).toString());
+    card.parts.front().playable = card.playable;
     card.width = info.value(QLatin1String("width")).toInt();
     card.height = info.value(QLatin1String("height")).toInt();
     card.status = outcome.value(QLatin1String("status")).toString();

@@ -7,9 +7,18 @@
 #include <utility>
 #include <vector>
 
+// A video whose data a card draws, placed on the card's time line.
+struct ReportPart {
+    QString key;          // names the video's data files ("3")
+    double offset = 0.0;  // seconds of the card's line at which the video's own time starts
+    QString videoHref;    // the video as a link from the report's folder, encoded
+    bool playable = false;// a browser plays the video itself (MP4/H.264, WebM)
+    QString name;         // the video's file name
+};
+
 // One card of a report: a map with what is known about it. A card stands for one input
-// video today; a card for several inputs or a part of one fills the same fields (its own
-// key, title, map and data), and `legendFile`, when set, shows beside the map.
+// video, a slice of time of one, or a combined map; it draws the data of its parts on one
+// time line, within [from, to) for a slice, and `legendFile`, when set, shows beside the map.
 struct ReportCard {
     QString key;          // unique in the page; names the card's data files ("3")
     QString title;        // the heading: the video's file name
@@ -24,8 +33,11 @@ struct ReportCard {
     QString error;        // why it failed
     QString creationTime; // as the container records it (ISO 8601); empty when it does not
     std::vector<std::pair<QString, QString>> figures; // label and value, in order
-    bool hasActivity = false; // data/KEY.activity.js exists
-    bool hasCells = false;    // data/KEY.cells.js exists
+    bool hasActivity = false; // some part's data/KEY.activity.js exists
+    bool hasCells = false;    // some part's data/KEY.cells.js exists
+    std::vector<ReportPart> parts; // the videos drawn: this card's own for an input's card
+    double from = -1.0;   // the window of the line in seconds; -1: the whole line
+    double to = -1.0;
 };
 
 // The report page: index.html from the template built into the tool, with one card per entry.

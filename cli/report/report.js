@@ -2,6 +2,10 @@
 // needed (a page opened from disk may load scripts, not read files), the activity chart is
 // drawn when its card comes into view and read second by second with the mouse or the
 // arrow keys, and a point of a map lists when motion began there.
+//
+// A card shows one time line made of parts: the videos whose data it draws, each placed on
+// the line at its offset in seconds (one part at 0 for a single video, every input for a
+// combined map), and optionally a window of that line (a slice) from data-from to data-to.
 "use strict";
 
 var Tremora = (function () {
@@ -72,6 +76,38 @@ var Tremora = (function () {
     return out;
   }
 
+  function partsOf(card) {
+    if (!card._parts) card._parts = JSON.parse(card.dataset.parts || "[]");
+    return card._parts;
+  }
+
+  // The seconds of the line the card shows: its window, or all of it.
+  function windowOf(card) {
+    var from = parseFloat(card.dataset.from), to = parseFloat(card.dataset.to);
+    return { from: isNaN(from) ? 0 : from, to: isNaN(to) ? Infinity : to };
+  }
+
+  function lineSecond(part, second) { return Math.floor(second + part.offset); }
+
+  // Every part's seconds on the card's line and in its window; overlapping parts add up.
+  function lineActivity(card) {
+    var parts = partsOf(card), w = windowOf(card);
+    return Promise.all(parts.map(function (p) { return load(p.key + ".activity"); })).then(function (all) {
+      var bySecond = {};
+      all.forEach(function (activity, i) {
+        activity.seconds.forEach(function (r) {
+          var s = lineSecond(parts[i], r[0]);
+          if (s < w.from || s >= w.to) return;
+          var sum = bySecond[s] || (bySecond[s] = [s, 0, 0]);
+          sum[1] += r[1];
+          sum[2] += r[2];
+        });
+      });
+      return Object.keys(bySecond).map(Number).sort(function (a, b) { return a - b; })
+        .map(function (s) { return bySecond[s]; });
+    });
+  }
+
   function el(name, attrs, parent, svg) {
     var node = svg ? document.createElementNS(SVG, name) : document.createElement(name);
     Object.keys(attrs || {}).forEach(function (k) { node.setAttribute(k, attrs[k]); });
@@ -80,19 +116,23 @@ var Tremora = (function () {
   }
 
   // ---- activity chart ----
-  function drawChart(card, activity) {
+  // `lineRows` as lineActivity gives them; the chart runs from the window's start.
+  function drawChart(card, lineRows) {
     var box = card.querySelector(".chart");
-    var rows = activity.seconds;
-    var last = rows.length ? rows[rows.length - 1][0] + 1 : 1;
+    var w = windowOf(card);
+    var origin = w.from;
+    var rows = lineRows.map(function (r) { return [r[0] - origin, r[1], r[2]]; });
+    var end = isFinite(w.to) ? w.to - origin : (rows.length ? rows[rows.length - 1][0] + 1 : 1);
+    var last = Math.max(1, end);
     var maxMoving = 1, maxEvents = 1;
     rows.forEach(function (r) { maxMoving = Math.max(maxMoving, r[1]); maxEvents = Math.max(maxEvents, r[2]); });
     var W = 1000, H = 100;
     var key = el("div", { "class": "legend-key" }, box);
     key.innerHTML = '<span class="k-moving">moving pixels</span><span class="k-events">new events</span>' +
       '<span class="k-marks">chosen point</span>';
-    var wallStart = wallClock(card, 0);
-    el("span", { "class": "span" }, key).textContent = "0:00 – " + clock(last) +
-      (wallStart ? " (" + wallStart + " – " + wallClock(card, last) + ")" : "");
+    var wallStart = wallClock(card, origin);
+    el("span", { "class": "span" }, key).textContent = clock(origin) + " – " + clock(origin + last) +
+      (wallStart ? " (" + wallStart + " – " + wallClock(card, origin + last) + ")" : "");
     var svg = el("svg", { viewBox: "0 0 " + W + " " + H, preserveAspectRatio: "none", focusable: "false" }, box, true);
     var x = function (s) { return (s + 0.5) / last * W; };
     var area = "M0," + H;
@@ -131,8 +171,8 @@ var Tremora = (function () {
 
     function describe(s) {
       var r = bySecond[s] || [s, 0, 0];
-      var wall = wallClock(card, s);
-      return [clock(s) + (wall ? " (" + wall + ")" : ""), r[1] + " moving pixels", r[2] + " new events"];
+      var wall = wallClock(card, origin + s);
+      return [clock(origin + s) + (wall ? " (" + wall + ")" : ""), r[1] + " moving pixels", r[2] + " new events"];
     }
 
     function show(s) {
@@ -189,7 +229,7 @@ var Tremora = (function () {
       settle(to);
       show(chosen);
     });
-    card._chart = { marks: marks, x: x, H: H };
+    card._chart = { marks: marks, x: function (s) { return x(s - origin); }, H: H };
     if (card._pendingMarks) showMarks(card, card._pendingMarks);
   }
 
@@ -220,33 +260,57 @@ var Tremora = (function () {
     cursor.hidden = false;
   }
 
-  function choose(card, cells, cx, cy) {
+  // When motion began in a cell, on the card's line and in its window, earliest first: each
+  // with the part it happened in and the second of that part's own video.
+  function beginnings(card, everyCells, index) {
+    var parts = partsOf(card), w = windowOf(card), found = [];
+    everyCells.forEach(function (cells, i) {
+      if (!cells) return;
+      decodeSeconds(cells.times[String(index)]).forEach(function (second) {
+        var line = lineSecond(parts[i], second);
+        if (line >= w.from && line < w.to) found.push({ line: line, second: second, part: parts[i] });
+      });
+    });
+    return found.sort(function (a, b) { return a.line - b.line; });
+  }
+
+  function choose(card, cells, everyCells, cx, cy) {
     card._cell = { cx: cx, cy: cy };
     placeCursor(card, cells, cx, cy);
-    var seconds = decodeSeconds(cells.times[String(cy * cells.columns + cx)]);
+    var found = beginnings(card, everyCells, cy * cells.columns + cx);
+    var named = partsOf(card).length > 1;
     var list = card.querySelector(".time-list");
     var hint = card.querySelector(".times .hint");
     list.textContent = "";
     var x0 = cx * cells.cell, y0 = cy * cells.cell;
     var where = "pixels " + x0 + "–" + Math.min(cells.width, x0 + cells.cell) + " × " + y0 + "–" +
       Math.min(cells.height, y0 + cells.cell);
-    hint.textContent = seconds.length
-      ? seconds.length + (seconds.length === 1 ? " time" : " times") + " at " + where + ":"
+    hint.textContent = found.length
+      ? found.length + (found.length === 1 ? " time" : " times") + " at " + where + ":"
       : "No motion began at " + where + ".";
-    seconds.forEach(function (s) {
+    found.forEach(function (f) {
       var li = el("li", {}, list);
-      var a = el("a", { href: card.dataset.video + "#t=" + s, "data-second": s }, li);
-      a.textContent = clock(s);
-      var wall = wallClock(card, s);
+      var a = el("a", { href: f.part.video + "#t=" + f.second, "data-second": f.second, "data-line": f.line,
+                        "data-part": f.part.key }, li);
+      // A combined line names the video each time lies in; the link plays that video.
+      a.textContent = clock(f.line) + (named ? " · " + f.part.name + " " + clock(f.second) : "");
+      var wall = wallClock(card, f.line);
       if (wall) a.title = wall;
-      a.addEventListener("click", function (e) { e.preventDefault(); jump(card, s, a); });
+      a.addEventListener("click", function (e) { e.preventDefault(); jump(card, f, a); });
     });
-    showMarks(card, seconds);
+    showMarks(card, found.map(function (f) { return f.line; }));
   }
 
+  // Every part's cells (null for a part without them) and the grid they share.
   function withCells(card, then) {
-    load(card.dataset.key + ".cells").then(function (cells) { then(cells); }, function () {
+    var missing = function () {
       card.querySelector(".times .hint").textContent = "The times of this map are missing from the report folder.";
+    };
+    Promise.all(partsOf(card).map(function (p) {
+      return load(p.key + ".cells").catch(function () { return null; });
+    })).then(function (everyCells) {
+      var grid = everyCells.filter(function (c) { return c; })[0];
+      if (grid) then(grid, everyCells); else missing();
     });
   }
 
@@ -256,16 +320,16 @@ var Tremora = (function () {
     img.addEventListener("click", function (e) {
       var rect = img.getBoundingClientRect();
       var fx = (e.clientX - rect.left) / rect.width, fy = (e.clientY - rect.top) / rect.height;
-      withCells(card, function (cells) {
+      withCells(card, function (cells, everyCells) {
         var c = cellAt(cells, fx * cells.width, fy * cells.height);
-        choose(card, cells, c.cx, c.cy);
+        choose(card, cells, everyCells, c.cx, c.cy);
       });
     });
     img.addEventListener("keydown", function (e) {
       var moves = { ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, -1], ArrowDown: [0, 1] };
       if (!moves[e.key] && e.key !== "Enter" && e.key !== " ") return;
       e.preventDefault();
-      withCells(card, function (cells) {
+      withCells(card, function (cells, everyCells) {
         var at = card._cell || { cx: Math.floor(cells.columns / 2), cy: Math.floor(cells.rows / 2) };
         if (moves[e.key]) {
           at = { cx: Math.max(0, Math.min(cells.columns - 1, at.cx + moves[e.key][0])),
@@ -273,33 +337,38 @@ var Tremora = (function () {
           card._cell = at;
           placeCursor(card, cells, at.cx, at.cy);
         } else {
-          choose(card, cells, at.cx, at.cy);
+          choose(card, cells, everyCells, at.cx, at.cy);
         }
       });
     });
   }
 
   // ---- jump to the moment ----
-  function jump(card, second, link) {
+  // `found` as beginnings() gives it: the part's video plays from that second.
+  function jump(card, found, link) {
+    var second = found.second, part = found.part;
     card.querySelectorAll(".time-list a").forEach(function (a) { a.removeAttribute("aria-current"); });
     link.setAttribute("aria-current", "true");
     var player = card.querySelector(".player") || el("div", { "class": "player" }, card.querySelector(".side"));
     var note = player.querySelector("p") || el("p", {}, player);
-    if (card.dataset.playable !== "1") {
-      note.textContent = "Your browser cannot play this file here: open it in a player and seek to " + clock(second) + ".";
+    var video = player.querySelector("video");
+    if (!part.playable) {
+      if (video) player.removeChild(video);
+      note.textContent = "Your browser cannot play " + part.name + " here: open it in a player and seek to " +
+        clock(second) + ".";
       return;
     }
-    var video = player.querySelector("video");
-    if (!video) {
-      video = el("video", { controls: "", muted: "", preload: "metadata", playsinline: "" });
+    if (!video || video.dataset.part !== part.key) {
+      if (video) player.removeChild(video);
+      video = el("video", { controls: "", muted: "", preload: "metadata", playsinline: "", "data-part": part.key });
       player.insertBefore(video, note);
       video.muted = true;
-      video.src = card.dataset.video;
+      video.src = part.video;
       video.addEventListener("error", function () {
         note.textContent = "This file does not play here: open it in a player and seek to " + clock(second) + ".";
       });
     }
-    note.textContent = "From " + clock(second) + ".";
+    note.textContent = "From " + clock(second) + (partsOf(card).length > 1 ? " of " + part.name : "") + ".";
     var seek = function () {
       video.currentTime = second;
       var playing = video.play();
@@ -314,7 +383,7 @@ var Tremora = (function () {
     var drawWhenSeen = function (card) {
       if (card.dataset.activity !== "1" || card._chartRequested) return;
       card._chartRequested = true;
-      load(card.dataset.key + ".activity").then(function (a) { drawChart(card, a); }, function () {});
+      lineActivity(card).then(function (rows) { drawChart(card, rows); }, function () {});
     };
     if ("IntersectionObserver" in window) {
       var seen = new IntersectionObserver(function (entries) {
