@@ -13,6 +13,9 @@
 #include "MotionPass.h"
 #include "MpegReader.h"
 #include "ProgressOutput.h"
+#include "ReportFolder.h"
+#include "ReportPage.h"
+#include "ReportStaging.h"
 #include "Version.h"
 
 #include <QCoreApplication>
@@ -130,56 +133,6 @@ QString sizeText(cv::Size size)
     return QStringLiteral("%1x%2").arg(size.width).arg(size.height);
 }
 
-class Combination final : public ResultSink {
-public:
-    Combination(std::vector<Item>& items, cv::Size size)
-        : m_items(items)
-        , m_map(size)
-    {
-    }
-
-    bool takesWithoutPass(int index) const override { return m_items[static_cast<size_t>(index)].manifest; }
-
-    QString take(int index) override
-    {
-        Item& item = m_items[static_cast<size_t>(index)];
-        cv::Mat events;
-        cv::Mat background;
-        // Only the earliest input's background is kept: the others' are checked, not decoded.
-        const bool needsBackground = m_map.wantsBackground(index);
-        // Each pool thread decodes every manifest's counts into the same memory.
-        thread_local QImage storage;
-        const QString error =
-            ManifestInput::load(item.given, storage, &events, needsBackground ? &background : nullptr);
-        if (!error.isEmpty())
-            return error;
-        return add(item, index, events, background);
-    }
-
-    QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) override
-    {
-        Item& item = m_items[static_cast<size_t>(index)];
-        item.creationTime = QString::fromStdString(facts.video.creationTime);
-        if (facts.video.frameRate > 0.0)
-            item.footageSeconds = facts.pairsAnalysed / facts.video.frameRate;
-        return add(item, index, facts.exactCounts, background);
-    }
-
-    const CombinedMap& map() const { return m_map; }
-
-private:
-    QString add(Item& item, int index, const cv::Mat& counts, const cv::Mat& background)
-    {
-        if (!m_map.add(index, counts, background))
-            return tr("'%1' is %2, not %3 as the first input; left out")
-                .arg(item.given, sizeText(counts.size()), sizeText(m_map.size()));
-        item.combined = true;
-        return {};
-    }
-
-    std::vector<Item>& m_items;
-    CombinedMap m_map;
-};
 
 // Reads what is known of every input before the run: a manifest's header, a video's size.
 std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
@@ -416,11 +369,153 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
                            options.overwrite);
 }
 
+class Combination final : public ResultSink {
+public:
+    Combination(const MapToolOptions& options, std::vector<Item>& items, cv::Size size, const Outputs& outputs)
+        : m_options(options)
+        , m_items(items)
+        , m_map(size)
+        , m_outputs(outputs)
+    {
+    }
+
+    bool takesWithoutPass(int index) const override { return m_items[static_cast<size_t>(index)].manifest; }
+
+    QString take(int index) override
+    {
+        Item& item = m_items[static_cast<size_t>(index)];
+        cv::Mat events;
+        cv::Mat background;
+        // Only the earliest input's background is kept: the others' are checked, not decoded.
+        const bool needsBackground = m_map.wantsBackground(index);
+        // Each pool thread decodes every manifest's counts into the same memory.
+        thread_local QImage storage;
+        const QString error =
+            ManifestInput::load(item.given, storage, &events, needsBackground ? &background : nullptr);
+        if (!error.isEmpty())
+            return error;
+        return add(item, index, events, background);
+    }
+
+    QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) override
+    {
+        Item& item = m_items[static_cast<size_t>(index)];
+        item.creationTime = QString::fromStdString(facts.video.creationTime);
+        if (facts.video.frameRate > 0.0)
+            item.footageSeconds = facts.pairsAnalysed / facts.video.frameRate;
+        return add(item, index, facts.exactCounts, background);
+    }
+
+    QStringList finish() override
+    {
+        if (m_map.inputs() == 0)
+            return {tr("Nothing to combine into '%1'").arg(m_options.combineName)};
+        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs);
+        return error.isEmpty() ? QStringList() : QStringList{error};
+    }
+
+    std::vector<ReportCard> reportCards(const QString& staging, const std::vector<ReportPart>& inputs,
+                                        QString* error) override
+    {
+        if (m_map.inputs() == 0)
+            return {};
+        return {combinedCard(staging, inputs, error)};
+    }
+
+private:
+    QString add(Item& item, int index, const cv::Mat& counts, const cv::Mat& background)
+    {
+        if (!m_map.add(index, counts, background))
+            return tr("'%1' is %2, not %3 as the first input; left out")
+                .arg(item.given, sizeText(counts.size()), sizeText(m_map.size()));
+        item.combined = true;
+        return {};
+    }
+
+    ReportCard combinedCard(const QString& staging, const std::vector<ReportPart>& inputs, QString* error) const;
+
+    const MapToolOptions& m_options;
+    std::vector<Item>& m_items;
+    CombinedMap m_map;
+    const Outputs& m_outputs;
+};
+
+// The inputs combined, as parts of one time line: by clock time when every one records it,
+// else back to back in the order given, each as long as the footage it held.
+std::vector<ReportPart> partsOnOneLine(const std::vector<Item>& items, const std::vector<ReportPart>& inputs,
+                                       QString* lineClock)
+{
+    std::vector<CombinedActivity::Source> sources;
+    std::vector<ReportPart> parts;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (!items[i].combined)
+            continue;
+        sources.push_back({items[i].video, {}, items[i].creationTime});
+        parts.push_back(inputs[i]);
+    }
+    if (const auto offsets = CombinedActivity::startOffsets(sources)) {
+        for (size_t i = 0; i < parts.size(); ++i)
+            parts[i].offset = (*offsets)[i];
+        const auto first = static_cast<size_t>(std::min_element(offsets->begin(), offsets->end()) - offsets->begin());
+        *lineClock = sources[first].creationTime;
+        return parts;
+    }
+    double lineEnd = 0.0;
+    size_t next = 0;
+    for (const Item& item : items) {
+        if (!item.combined)
+            continue;
+        parts[next++].offset = lineEnd;
+        lineEnd += std::max(item.footageSeconds, 0.0);
+    }
+    return parts;
+}
+
+ReportCard Combination::combinedCard(const QString& staging, const std::vector<ReportPart>& inputs,
+                                     QString* error) const
+{
+    ReportCard card;
+    card.key = QStringLiteral("c");
+    card.title = m_options.combineName;
+    card.sortName = m_options.combineName;
+    card.status = QStringLiteral("done");
+    card.ofAnInput = false;
+    card.parts = partsOnOneLine(m_items, inputs, &card.creationTime);
+    card.width = m_map.size().width;
+    card.height = m_map.size().height;
+    const double scale = scaleOf(m_options, m_map.sum());
+    const QImage map = MotionMap::render(m_map.sum(), m_map.background(), scale);
+    *error = ReportStaging::writeMap(staging, card.key, map, &card.mapFile);
+    if (error->isEmpty())
+        *error = ReportStaging::writeLegendStrip(staging, card.key, legendOf(map, m_options, m_items, scale),
+                                                 map.height());
+    card.legendFile = QStringLiteral("maps/%1.legend.png").arg(card.key);
+    double footage = 0.0;
+    int leftOut = 0;
+    for (const Item& item : m_items) {
+        footage += item.combined ? std::max(item.footageSeconds, 0.0) : 0.0;
+        leftOut += item.combined ? 0 : 1;
+    }
+    double largest = 0.0;
+    cv::minMaxLoc(m_map.sum(), nullptr, &largest);
+    const double pixels = static_cast<double>(m_map.sum().total());
+    card.figures = {
+        {tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
+                                    : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
+        {tr("Footage"), ReportPage::clockText(footage)},
+        {tr("Events"), QString::number(cv::sum(m_map.sum())[0], 'f', 0)},
+        {tr("Most at a pixel"), QString::number(largest, 'f', 0)},
+        {tr("Pixels with motion"), ReportPage::percentText(cv::countNonZero(m_map.sum()) / pixels)},
+    };
+    return card;
+}
+
 } // namespace
 
 namespace CombinedRun {
 
-int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask)
+int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask,
+        ReportFolder* report)
 {
     const Outputs outputs = outputsOf(options);
     const QString conflict = conflictOf(outputs, options);
@@ -445,20 +540,8 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         output.error(tr("Nothing to combine into '%1'").arg(options.combineName));
         return MapRun::kExitFailure;
     }
-    Combination combination(items, size);
-    const int status = MapRun::run(options, planned, output, cancel, mask, nullptr, &combination);
-    if (status == MapRun::kExitInterrupted)
-        return status;
-    if (combination.map().inputs() == 0) {
-        output.error(tr("Nothing to combine into '%1'").arg(options.combineName));
-        return MapRun::kExitFailure;
-    }
-    const QString error = writeOutputs(options, items, combination.map(), outputs);
-    if (!error.isEmpty()) {
-        output.error(error);
-        return MapRun::kExitFailure;
-    }
-    return status;
+    Combination combination(options, items, size, outputs);
+    return MapRun::run(options, planned, output, cancel, mask, report, &combination);
 }
 
 } // namespace CombinedRun

@@ -13,6 +13,7 @@
 #include "ReportData.h"
 #include "ReportFolder.h"
 #include "ReportPage.h"
+#include "ReportStaging.h"
 #include "SliceSet.h"
 
 #include <QCoreApplication>
@@ -60,7 +61,8 @@ struct FileJob {
     int index = 0;  // in the order given
     PlannedInput input;
     QString key;                     // names the input's files in a report
-    QJsonObject manifest;            // with --data, written with `error`
+    QJsonObject manifest;            // with --data or --report, made with `error`
+    QString reportMapFile;           // the card's map, when the pass put it in the report itself
     qint64 size = 0;
     std::atomic<FileState> state{FileState::Waiting};
     std::atomic<qint64> position{0};
@@ -270,13 +272,15 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     return settings;
 }
 
-// The manifest of a pass that has ended, when --data asks for one; `error` is the job's
-// error so far and receives the manifest's own when it cannot be written.
+// The manifest of a pass that has ended, when --data asks for one, or a report's card is made
+// from it (`forReport`); `error` is the job's error so far and receives the manifest's own
+// when it cannot be written.
 void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
                    Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error,
-                   double mapScale = 0.0)
+                   double mapScale = 0.0, bool forReport = false)
 {
-    if (!options.data || job.input.manifestPath.isEmpty())
+    const bool toWrite = options.data && !job.input.manifestPath.isEmpty();
+    if (!toWrite && !forReport)
         return;
     Manifest::Content content;
     content.input = &job.input;
@@ -288,6 +292,8 @@ void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPass
     content.pairsWithMotion = pairsWithMotion;
     content.mapScale = mapScale;
     job.manifest = Manifest::build(content);
+    if (!toWrite)
+        return;
     const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest, options.overwrite);
     if (error.isEmpty())
         error = manifestError;
@@ -299,43 +305,20 @@ bool writeFile(const QString& path, const QByteArray& bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
 }
 
-// The card's data in the report's staging folder `staging`: the activity by second and when
-// events began per cell. The error, empty on success.
-QString writeReportData(const FileJob& job, const QString& staging, const MotionPassFacts& facts,
-                        const ReportData::ActivityBySecond& seconds)
-{
-    const QDir data(staging + QStringLiteral("/data"));
-    const QString activity = data.filePath(job.key + QStringLiteral(".activity.js"));
-    const QString cells = data.filePath(job.key + QStringLiteral(".cells.js"));
-    if (!writeFile(activity, ReportData::script(job.key + QStringLiteral(".activity"),
-                                                ReportData::activityJson(seconds.seconds()))))
-        return tr("Can't save file '%1'").arg(activity);
-    if (!facts.eventTimes.empty()
-        && !writeFile(cells, ReportData::script(job.key + QStringLiteral(".cells"),
-                                                ReportData::cellsJson(facts.eventTimes, facts.video.width,
-                                                                      facts.video.height))))
-        return tr("Can't save file '%1'").arg(cells);
-    return {};
-}
-
-// The strip of the map's legend, without the map above it, as the report's card shows it
-// under the map; in the report's staging folder `staging`. The error, empty on success.
-QString writeReportLegend(const FileJob& job, const QString& staging, const QImage& map, const QImage& legend)
-{
-    const QImage strip = legend.copy(0, map.height(), legend.width(), legend.height() - map.height());
-    const QString path = staging + QStringLiteral("/maps/") + job.key + QStringLiteral(".legend.png");
-    return Utils::saveImage(strip, path) ? QString() : tr("Can't save file '%1'").arg(path);
-}
-
-// Pool thread. An input of a sink that needs no pass.
-void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel)
+// Pool thread. An input of a sink that needs no pass; `reportStaging`, when not empty,
+// receives its card's files.
+void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const QString& reportStaging, double scale)
 {
     if (cancel.load(std::memory_order_relaxed) != 0) {
         job.finish(FileState::Canceled);
         return;
     }
     job.state.store(FileState::Running, std::memory_order_release);
-    const QString error = sink.take(job.index);
+    QString error = sink.take(job.index);
+    if (error.isEmpty() && !reportStaging.isEmpty()) {
+        error = ReportStaging::writeManifestInput(reportStaging, job.key, job.input.video, scale, &job.manifest);
+        job.reportMapFile = QStringLiteral("maps/%1.png").arg(job.key);
+    }
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
@@ -373,12 +356,36 @@ QString keepSlices(const FileJob& job, const RunContext& context, const SliceTar
                                  lineClock);
 }
 
+// Pool thread. The card's files of an analysed input: its data, its map (the file the run
+// writes, or rendered here when the run writes none of its own) and its legend strip.
+QString stageReport(FileJob& job, const RunContext& context, const MotionPassFacts& facts,
+                    const ReportData::ActivityBySecond& seconds, const cv::Mat& motionCount, const cv::Mat& background,
+                    double mapScale, QImage map, QImage legend)
+{
+    const QString& staging = context.reportStaging;
+    QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), facts.eventTimes, facts.video.width,
+                                             facts.video.height);
+    if (!error.isEmpty())
+        return error;
+    if (map.isNull())
+        map = mapOf(motionCount, background, facts, mapScale);
+    if (job.input.mapPath.isEmpty() || context.sink) {
+        error = ReportStaging::writeMap(staging, job.key, map, &job.reportMapFile);
+        if (!error.isEmpty())
+            return error;
+    }
+    if (legend.isNull())
+        legend = legendOf(map, job.input, context.options, facts, mapScale);
+    return ReportStaging::writeLegendStrip(staging, job.key, legend, map.height());
+}
+
 // Pool thread.
 void analyse(FileJob& job, const RunContext& context, int decoderThreads)
 {
     const MapToolOptions& options = context.options;
     if (context.sink && context.sink->takesWithoutPass(job.index)) {
-        take(job, *context.sink, context.cancel);
+        take(job, *context.sink, context.cancel, context.reportStaging,
+             options.scaleGiven && !options.scaleAuto ? options.scale : 0.0);
         return;
     }
     std::unique_ptr<ActivityCsv> activity;
@@ -421,6 +428,11 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
             error = context.sink->takePass(job.index, facts, background);
         if (error.isEmpty())
             error = keepSlices(job, context, sliceTarget, hooks, facts, background);
+        if (seconds && error.isEmpty()) {
+            writeManifest(job, options, facts, Manifest::Outcome::Done, written, pairsWithMotion, error, 0.0, true);
+            error = stageReport(job, context, facts, *seconds, motionCount, background, mapScaleOf(options, facts), {},
+                                {});
+        }
         job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
         return;
     }
@@ -437,13 +449,8 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
     writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
                   pairsWithMotion, error, mapScale);
     if (seconds && error.isEmpty())
-        error = writeReportData(job, context.reportStaging, facts, *seconds);
-    if (seconds && error.isEmpty()) {
-        const QImage& map = images.front().second;
-        const QImage& legend = images[1].second;
-        error = writeReportLegend(job, context.reportStaging, map,
-                                  legend.isNull() ? legendOf(map, job.input, options, facts, mapScale) : legend);
-    }
+        error = stageReport(job, context, facts, *seconds, motionCount, background, mapScale, images.front().second,
+                            images[1].second);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
@@ -490,6 +497,7 @@ public:
             m_output.show(snapshot(), m_clock.elapsed());
         }
         m_output.finish();
+        finishSink();
         writeSlices();
         writeReport();
         return exitStatus();
@@ -579,6 +587,7 @@ private:
         settings.events = options.data;
         settings.maskName = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
         settings.overwrite = options.overwrite;
+        settings.reportLegends = !options.reportDir.isEmpty();
         return settings;
     }
 
@@ -589,7 +598,18 @@ private:
         if (!m_slices || m_cancel.load(std::memory_order_relaxed) != 0)
             return;
         QStringList written;
-        for (const QString& error : m_slices->write(written)) {
+        for (const QString& error : m_slices->write(written, m_report ? &m_writtenSlices : nullptr)) {
+            m_output.error(error);
+            ++m_failures;
+        }
+    }
+
+    // What the sink makes of every input once all have ended, when none was canceled.
+    void finishSink()
+    {
+        if (!m_context.sink || m_cancel.load(std::memory_order_relaxed) != 0)
+            return;
+        for (const QString& error : m_context.sink->finish()) {
             m_output.error(error);
             ++m_failures;
         }
@@ -602,38 +622,85 @@ private:
         if (!m_report)
             return;
         std::vector<ReportCard> cards;
-        for (const auto& job : m_jobs)
+        std::vector<ReportPart> parts;
+        for (const auto& job : m_jobs) {
             cards.push_back(cardOf(*job));
-        const QString error = writePage(cards);
+            parts.push_back(cards.back().parts.front());
+        }
+        QString error = addSliceCards(parts, cards);
+        if (error.isEmpty() && m_context.sink && m_cancel.load(std::memory_order_relaxed) == 0) {
+            for (ReportCard& card : m_context.sink->reportCards(m_report->stagingPath(), parts, &error))
+                cards.push_back(withData(std::move(card)));
+        }
+        if (error.isEmpty())
+            error = writePage(cards);
         if (!error.isEmpty()) {
             m_output.error(error);
             ++m_failures;
         }
     }
 
+    // A card for every slice written, drawing the inputs in it (--slice).
+    QString addSliceCards(const std::vector<ReportPart>& inputParts, std::vector<ReportCard>& cards) const
+    {
+        for (size_t i = 0; i < m_writtenSlices.size(); ++i) {
+            const SliceSet::Written& slice = m_writtenSlices[i];
+            std::vector<ReportPart> parts;
+            for (const int source : slice.sources) {
+                ReportPart part = inputParts[static_cast<size_t>(source)];
+                part.offset = m_jobs[static_cast<size_t>(source)]->input.sliceOffset;
+                parts.push_back(part);
+            }
+            QString error;
+            cards.push_back(withData(ReportStaging::sliceCard(m_report->stagingPath(),
+                                                              QStringLiteral("s%1").arg(i + 1), slice, parts, &error)));
+            if (!error.isEmpty())
+                return error;
+        }
+        return {};
+    }
+
+    // Whether the card's parts brought their activity and cells into the report.
+    ReportCard withData(ReportCard card) const
+    {
+        const QString data = m_report->stagingPath() + QStringLiteral("/data/");
+        for (const ReportPart& part : card.parts) {
+            card.hasActivity = card.hasActivity || QFileInfo::exists(data + part.key + QStringLiteral(".activity.js"));
+            card.hasCells = card.hasCells || QFileInfo::exists(data + part.key + QStringLiteral(".cells.js"));
+        }
+        return card;
+    }
+
     ReportCard cardOf(const FileJob& job) const
     {
         const QString staging = m_report->stagingPath();
         QString mapFile;
-        if (job.reported == FileState::Done) {
+        if (job.reported == FileState::Done && !job.reportMapFile.isEmpty()) {
+            mapFile = job.reportMapFile;
+        } else if (job.reported == FileState::Done) {
             mapFile = QStringLiteral("maps/%1.%2").arg(job.key, QFileInfo(job.input.mapPath).suffix());
             if (!QFile::copy(job.input.mapPath, staging + QLatin1Char('/') + mapFile))
                 mapFile.clear();
         }
-        ReportCard card = ReportPage::inputCard(job.key, job.input.video, job.manifest, job.input.error, mapFile,
+        // An input that is a manifest stands for the video it names.
+        const QString video = job.manifest.value(QLatin1String("input")).toObject().value(QLatin1String("path"))
+                                  .toString(job.input.video);
+        ReportCard card = ReportPage::inputCard(job.key, video, job.manifest, job.input.error, mapFile,
                                                 m_report->finalPath());
         // One canceled before it started has no manifest to say so.
         if (job.reported == FileState::Canceled) {
             card.status = QStringLiteral("canceled");
             card.error.clear();
         }
-        const QString data = staging + QStringLiteral("/data/") + job.key;
-        card.hasActivity = QFileInfo::exists(data + QStringLiteral(".activity.js"));
-        card.hasCells = QFileInfo::exists(data + QStringLiteral(".cells.js"));
+        // One failed in the sink has a manifest of a pass that ended well.
+        if (job.reported == FileState::Failed && !job.error.isEmpty()) {
+            card.status = QStringLiteral("failed");
+            card.error = job.error;
+        }
         const QString legend = QStringLiteral("maps/%1.legend.png").arg(job.key);
         if (!mapFile.isEmpty() && QFileInfo::exists(staging + QLatin1Char('/') + legend))
             card.legendFile = legend;
-        return card;
+        return withData(card);
     }
 
     QString writePage(const std::vector<ReportCard>& cards) const
@@ -663,6 +730,7 @@ private:
     AtomicCounter m_pairs;
     RunContext m_context;
     std::unique_ptr<SliceSet> m_slices;
+    std::vector<SliceSet::Written> m_writtenSlices;
     std::atomic<int> m_filesToStart{0};
     FileJobs m_jobs;
     QThreadPool m_pool;

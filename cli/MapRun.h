@@ -2,6 +2,7 @@
 
 #include "MapToolOptions.h"
 #include "OutputPlan.h"
+#include "ReportPage.h"
 
 #include <QImage>
 
@@ -26,6 +27,14 @@ public:
     // Takes the finished pass over the input at `index` (its activity table, with --data, is
     // complete at PlannedInput::activityPath). The error, empty on success.
     virtual QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) = 0;
+    // Once every input has ended, when the run was not canceled: writes what the sink makes
+    // of them. The errors, one line each. Called on the run's thread.
+    virtual QStringList finish() = 0;
+    // After finish(), with --report: the sink's own cards, their files put in the report's
+    // staging folder `staging`; `inputs` holds each input's part as its own card draws it.
+    // `error` receives why a card's files could not be written. Called on the run's thread.
+    virtual std::vector<ReportCard> reportCards(const QString& staging, const std::vector<ReportPart>& inputs,
+                                                QString* error) = 0;
 };
 
 namespace MapRun {

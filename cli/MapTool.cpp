@@ -54,17 +54,19 @@ int runMaps(const MapToolOptions& options, const cv::Mat& mask, const MapTool::C
         output.error(tr("Can't create folder '%1'").arg(options.outputDir));
         return MapRun::kExitFailure;
     }
-    if (!options.combineName.isEmpty())
-        return CombinedRun::run(options, output, cancel, mask);
+    const auto runWith = [&](ReportFolder* report) {
+        if (!options.combineName.isEmpty())
+            return CombinedRun::run(options, output, cancel, mask, report);
+        return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask, report);
+    };
     if (options.reportDir.isEmpty())
-        return MapRun::run(options, OutputPlan::plan(options), output, cancel, mask);
+        return runWith(nullptr);
     // A report that cannot be written costs the run its success, not its maps.
     ReportFolder report(options.reportDir);
     QString reportError;
     if (!report.prepare(&reportError))
         output.error(reportError);
-    const int status = MapRun::run(options, OutputPlan::plan(options), output, cancel, mask,
-                                   reportError.isEmpty() ? &report : nullptr);
+    const int status = runWith(reportError.isEmpty() ? &report : nullptr);
     return reportError.isEmpty() || status != MapRun::kExitSuccess ? status : MapRun::kExitFailure;
 }
 

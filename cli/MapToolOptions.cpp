@@ -115,8 +115,6 @@ QString readCombine(const QCommandLineParser& parser, const Options& o, MapToolO
             .arg(name);
     if (options.counts)
         return tr("--counts does not apply to --combine: the combined counts are in NAME.events.png (--data).");
-    if (!options.reportDir.isEmpty())
-        return tr("--report does not apply to --combine: the report shows each video's own map.");
     options.combineName = name;
     return {};
 }
@@ -128,8 +126,6 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     if (!MapToolCommandLine::readDuration(parser.value(o.slice), &options.sliceSeconds))
         return tr("Bad duration '%1' for --slice: use whole seconds, at least 1, such as 90s, 10m or 1h.")
             .arg(parser.value(o.slice));
-    if (!options.reportDir.isEmpty())
-        return tr("--slice does not apply to --report yet: the report shows one card per video.");
     return {};
 }
 

@@ -35,10 +35,6 @@ QByteArray resource(const QString& name)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QString percentText(double share)
-{
-    return QString::number(share * 100.0, 'f', share > 0.0 && share < 0.001 ? 3 : 1) + QLatin1Char('%');
-}
 
 QString attribute(const char* name, const QString& value)
 {
@@ -193,6 +189,11 @@ bool browserPlays(const QString& container, const QString& codec)
     return knownContainer && codecs.contains(codec);
 }
 
+QString percentText(double share)
+{
+    return QString::number(share * 100.0, 'f', share > 0.0 && share < 0.001 ? 3 : 1) + QLatin1Char('%');
+}
+
 QString clockText(double seconds)
 {
     const long long whole = static_cast<long long>(std::floor(std::max(seconds, 0.0)));
@@ -256,7 +257,11 @@ QByteArray render(const QString& title, std::vector<ReportCard> cards)
     QString html;
     for (const ReportCard& card : cards)
         html += cardHtml(card);
-    const QString videos = cards.size() == 1 ? tr("1 video") : tr("%1 videos").arg(cards.size());
+    const auto inputs = std::count_if(cards.begin(), cards.end(), [](const ReportCard& card) { return card.ofAnInput; });
+    QString videos = inputs == 1 ? tr("1 video") : tr("%1 videos").arg(inputs);
+    const auto others = static_cast<std::ptrdiff_t>(cards.size()) - inputs;
+    if (others > 0)
+        videos += others == 1 ? tr(" and 1 map of them") : tr(" and %1 maps of them").arg(others);
     const QString subtitle = tr("%1. On each map, blue where motion was seen rarely, red where often.").arg(videos);
     page.replace(QLatin1String("{{TITLE}}"), escapeHtml(title));
     page.replace(QLatin1String("{{SUBTITLE}}"), escapeHtml(subtitle));

@@ -38,6 +38,7 @@ struct ReportCard {
     std::vector<ReportPart> parts; // the videos drawn: this card's own for an input's card
     double from = -1.0;   // the window of the line in seconds; -1: the whole line
     double to = -1.0;
+    bool ofAnInput = true;// the card of one input, not of a slice or a combined map
 };
 
 // The report page: index.html from the template built into the tool, with one card per entry.
@@ -55,6 +56,8 @@ QString relativeHref(const QString& folder, const QString& file);
 bool browserPlays(const QString& container, const QString& codec);
 // Seconds as "1:02:03", "2:03" or "0:07".
 QString clockText(double seconds);
+// A share (0 to 1) as "12.5%", with more digits for a share that would show as 0.0%.
+QString percentText(double share);
 
 // The card of one input from its manifest (see Manifest::build); `mapFile` as in ReportCard,
 // `reportFolder` the folder the page ends up in (absolute), for the link to the video.

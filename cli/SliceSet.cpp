@@ -93,13 +93,15 @@ int SliceSet::series(const QString& pattern, const QString& name)
     return static_cast<int>(m_series.size() - 1);
 }
 
+QString SliceSet::tempFile() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
+}
+
 QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs)
 {
-    QString file;
-    {
-        QMutexLocker lock(&m_mutex);
-        file = m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
-    }
+    const QString file = tempFile();
     if (!Utils::saveImage(MapRun::eventsImage(events), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
@@ -110,11 +112,7 @@ QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& eve
 QString SliceSet::addSource(int series, int source, const cv::Mat& background, double from, double to,
                             double frameRate, const QString& lineClock)
 {
-    QString file;
-    {
-        QMutexLocker lock(&m_mutex);
-        file = m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
-    }
+    const QString file = tempFile();
     if (!Utils::saveImage(MapRun::backgroundImage(background), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
@@ -123,15 +121,15 @@ QString SliceSet::addSource(int series, int source, const cv::Mat& background, d
     return {};
 }
 
-QStringList SliceSet::write(QStringList& written)
+QStringList SliceSet::write(QStringList& written, std::vector<Written>* slices)
 {
     QStringList errors;
     QString error;
     const double scale = m_settings.scale > 0.0 ? m_settings.scale : chooseScale(error);
     if (!error.isEmpty())
         return {error};
-    for (const Series& series : m_series) {
-        error = writeSeries(series, scale, written);
+    for (size_t i = 0; i < m_series.size(); ++i) {
+        error = writeSeries(static_cast<int>(i), scale, written, slices);
         if (!error.isEmpty())
             errors << error;
     }
@@ -214,16 +212,21 @@ QString SliceSet::checkNames(const Series& series, const std::vector<int>& slice
     return {};
 }
 
-QString SliceSet::writeSeries(const Series& series, double scale, QStringList& written) const
+QString SliceSet::writeSeries(int index, double scale, QStringList& written, std::vector<Written>* slices) const
 {
-    const std::vector<int> slices = writtenSlices(series);
-    const QString error = checkNames(series, slices);
+    const Series& series = m_series[static_cast<size_t>(index)];
+    const std::vector<int> toWrite = writtenSlices(series);
+    const QString error = checkNames(series, toWrite);
     if (!error.isEmpty())
         return error;
-    for (const int slice : slices) {
-        const QString sliceError = writeSlice(series, slice, series.slices.at(slice), scale, written);
+    for (const int slice : toWrite) {
+        Written outcome;
+        outcome.series = index;
+        const QString sliceError = writeSlice(series, slice, series.slices.at(slice), scale, written, outcome);
         if (!sliceError.isEmpty())
             return sliceError;
+        if (slices)
+            slices->push_back(outcome);
     }
     return {};
 }
@@ -248,7 +251,7 @@ int SliceSet::backgroundSource(int slice, const std::vector<Piece>& pieces) cons
 }
 
 QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<Piece>& pieces, double scale,
-                             QStringList& written) const
+                             QStringList& written, Written& outcome) const
 {
     QString error;
     const cv::Mat sum = sumOf(pieces, error);
@@ -262,19 +265,31 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     if (!Utils::saveImage(map, mapPath))
         return tr("Can't save image file '%1'").arg(mapPath);
     written << mapPath;
-    if (m_settings.legends) {
-        double footage = 0.0;
-        bool footageKnown = true;
-        double end = 0.0;
-        for (const Piece& piece : pieces) {
-            const auto found = m_sources.find(piece.source);
-            if (found == m_sources.end())
-                continue;
-            footageKnown = footageKnown && found->second.frameRate > 0.0;
-            footage += found->second.frameRate > 0.0 ? piece.pairs / found->second.frameRate : 0.0;
-            end = std::max(end, found->second.to);
-        }
-        const double start = slice * m_settings.sliceSeconds;
+    const double start = slice * m_settings.sliceSeconds;
+    double footage = 0.0;
+    bool footageKnown = true;
+    double end = 0.0;
+    for (const Piece& piece : pieces) {
+        const auto found = m_sources.find(piece.source);
+        if (found == m_sources.end())
+            continue;
+        footageKnown = footageKnown && found->second.frameRate > 0.0;
+        footage += found->second.frameRate > 0.0 ? piece.pairs / found->second.frameRate : 0.0;
+        end = std::max(end, found->second.to);
+        if (std::find(outcome.sources.begin(), outcome.sources.end(), piece.source) == outcome.sources.end())
+            outcome.sources.push_back(piece.source);
+    }
+    std::sort(outcome.sources.begin(), outcome.sources.end());
+    outcome.seriesName = series.name;
+    outcome.lineClock = series.lineClock;
+    outcome.from = start;
+    outcome.to = start + m_settings.sliceSeconds;
+    outcome.mapPath = mapPath;
+    outcome.eventsTotal = cv::sum(sum)[0];
+    cv::minMaxLoc(sum, nullptr, &outcome.maxEvents);
+    outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
+    outcome.footageSeconds = footageKnown ? footage : -1.0;
+    if (m_settings.legends || m_settings.reportLegends) {
         Legend::Content content;
         content.name = series.name;
         content.timeSpan = Legend::timeSpan(series.lineClock, start,
@@ -282,10 +297,14 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
         content.scale = scale;
         content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
         content.mask = m_settings.maskName;
-        const QString path = companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label);
+        const QString path = m_settings.legends
+            ? companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label)
+            : tempFile();
         if (!Utils::saveImage(Legend::render(map, content), path))
             return tr("Can't save image file '%1'").arg(path);
-        written << path;
+        if (m_settings.legends)
+            written << path;
+        outcome.legendPath = path;
     }
     if (m_settings.events) {
         cv::Mat events;

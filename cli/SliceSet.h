@@ -28,6 +28,23 @@ public:
         bool events = false;       // also NAME.slice-….events.png (16-bit exact counts)
         QString maskName;          // for the legends; empty when no mask was used
         bool overwrite = false;
+        bool reportLegends = false; // a legend for the report beside each slice, --legend or not
+    };
+
+    // A slice written, for the report's card of it.
+    struct Written {
+        int series = 0;
+        QString seriesName;
+        QString lineClock;         // as addSource() was given it
+        double from = 0.0;         // the slice on its series' time line, in seconds
+        double to = 0.0;
+        QString mapPath;
+        QString legendPath;        // with Settings::reportLegends; in the set's folder without --legend
+        std::vector<int> sources;  // the inputs in it, in the order given
+        double eventsTotal = 0.0;
+        double maxEvents = 0.0;
+        double pixelsWithEventsShare = 0.0;
+        double footageSeconds = -1.0; // pairs at their frame rates; -1 when a rate is unknown
     };
 
     explicit SliceSet(const Settings& settings);
@@ -55,7 +72,9 @@ public:
     // Writes the slices of every series in the order the series were made. A series that
     // cannot be written whole (an existing file without overwrite, two slices a day apart
     // with one name) writes none and gives one error; `written` receives each file written.
-    QStringList write(QStringList& written);
+    // `slices`, when given, receives every slice written, in order; the files it names in the
+    // set's folder last as long as the set.
+    QStringList write(QStringList& written, std::vector<Written>* slices = nullptr);
 
 private:
     struct Piece {
@@ -78,9 +97,10 @@ private:
 
     cv::Mat sumOf(const std::vector<Piece>& pieces, QString& error) const;
     QString checkNames(const Series& series, const std::vector<int>& slices) const;
-    QString writeSeries(const Series& series, double scale, QStringList& written) const;
+    QString writeSeries(int index, double scale, QStringList& written, std::vector<Written>* slices) const;
     QString writeSlice(const Series& series, int slice, const std::vector<Piece>& pieces, double scale,
-                       QStringList& written) const;
+                       QStringList& written, Written& outcome) const;
+    QString tempFile() const;
     int backgroundSource(int slice, const std::vector<Piece>& pieces) const;
     std::vector<int> writtenSlices(const Series& series) const;
     QString labelOf(const Series& series, int slice) const;
@@ -91,5 +111,5 @@ private:
     mutable QMutex m_mutex;
     std::vector<Series> m_series;
     std::map<int, Source> m_sources;
-    int m_files = 0;
+    mutable int m_files = 0;
 };

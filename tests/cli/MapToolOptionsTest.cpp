@@ -48,15 +48,15 @@ private slots:
     void badScalesAreUsageErrorsNamingTheValue_data();
     void badScalesAreUsageErrorsNamingTheValue();
     void combineNameIsRead();
-    void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport_data();
-    void combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport();
+    void combineRefusesNamesWithAFolderAndTheWrappingCounts_data();
+    void combineRefusesNamesWithAFolderAndTheWrappingCounts();
     void sliceIsReadInSecondsMinutesOrHours_data();
     void sliceIsReadInSecondsMinutesOrHours();
     void badSlicesAreUsageErrorsNamingTheValue_data();
     void badSlicesAreUsageErrorsNamingTheValue();
-    void sliceRefusesTheReportAndManifests_data();
-    void sliceRefusesTheReportAndManifests();
-    void sliceGoesWithCombineDataLegendAndAutoScale();
+    void sliceRefusesManifests_data();
+    void sliceRefusesManifests();
+    void sliceGoesWithCombineDataLegendAutoScaleAndTheReport();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -356,7 +356,7 @@ void MapToolOptionsTest::combineNameIsRead()
     QCOMPARE(parsed.options.videos, (QStringList{"a.json", "b.mkv"}));
 }
 
-void MapToolOptionsTest::combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport_data()
+void MapToolOptionsTest::combineRefusesNamesWithAFolderAndTheWrappingCounts_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("named");
@@ -365,10 +365,9 @@ void MapToolOptionsTest::combineRefusesNamesWithAFolderTheWrappingCountsAndTheRe
     QTest::newRow("dot") << QStringList{"--combine", "."} << "'.'";
     QTest::newRow("empty") << QStringList{"--combine="} << "''";
     QTest::newRow("with counts") << QStringList{"--counts", "--combine", "day"} << "--counts";
-    QTest::newRow("with report") << QStringList{"--report", "r", "--combine", "day"} << "--report";
 }
 
-void MapToolOptionsTest::combineRefusesNamesWithAFolderTheWrappingCountsAndTheReport()
+void MapToolOptionsTest::combineRefusesNamesWithAFolderAndTheWrappingCounts()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QString, named);
@@ -448,15 +447,14 @@ void MapToolOptionsTest::badSlicesAreUsageErrorsNamingTheValue()
     QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
-void MapToolOptionsTest::sliceRefusesTheReportAndManifests_data()
+void MapToolOptionsTest::sliceRefusesManifests_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("named");
-    QTest::newRow("--report") << QStringList{"--report", "r", "a.mp4"} << "--report";
     QTest::newRow("a manifest") << QStringList{"--combine", "all", "a.mp4", "b.JSON"} << "'b.JSON' is a manifest";
 }
 
-void MapToolOptionsTest::sliceRefusesTheReportAndManifests()
+void MapToolOptionsTest::sliceRefusesManifests()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QString, named);
@@ -468,10 +466,10 @@ void MapToolOptionsTest::sliceRefusesTheReportAndManifests()
     QCOMPARE(parse(arguments).action, ParsedCommandLine::Action::Run);
 }
 
-void MapToolOptionsTest::sliceGoesWithCombineDataLegendAndAutoScale()
+void MapToolOptionsTest::sliceGoesWithCombineDataLegendAutoScaleAndTheReport()
 {
-    const ParsedCommandLine parsed =
-        parse({"--slice", "10m", "--combine", "all", "--data", "--legend", "--scale", "auto", "a.mp4", "b.mp4"});
+    const ParsedCommandLine parsed = parse({"--slice", "10m", "--combine", "all", "--data", "--legend", "--scale", "auto",
+                                            "--report", "r", "a.mp4", "b.mp4"});
     QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
     QCOMPARE(parsed.options.sliceSeconds, 600.0);
     QCOMPARE(parsed.options.combineName, QStringLiteral("all"));

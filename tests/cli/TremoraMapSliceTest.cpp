@@ -285,8 +285,6 @@ private slots:
         QTest::newRow("zero") << QStringList{"--slice", "0"} << QByteArray("Bad duration '0' for --slice");
         QTest::newRow("negative") << QStringList{"--slice=-5m"} << QByteArray("Bad duration '-5m' for --slice");
         QTest::newRow("malformed") << QStringList{"--slice", "ten"} << QByteArray("Bad duration 'ten' for --slice");
-        QTest::newRow("with --report") << QStringList{"--slice", "1m", "--report", "report"}
-                                       << QByteArray("--slice does not apply to --report");
         QTest::newRow("a manifest") << QStringList{"--slice", "1m", "--combine", "all", "half.json"}
                                     << QByteArray("--slice needs the videos: 'half.json' is a manifest");
     }

@@ -49,14 +49,14 @@ def check(condition, message):
         raise Failure(message)
 
 
-def make_clip(path, extra=()):
+def make_clip(path, extra=(), recorded=RECORDED):
     subprocess.run(
         ["ffmpeg", "-hide_banner", "-loglevel", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
          "color=c=0x505050:s=%dx%d:d=10:r=25,format=yuv420p,"
          "drawbox=x=8:y=8:w=24:h=24:color=white:t=fill:"
          "enable='between(t,2.5,2.7)+between(t,6.5,6.7)'" % SIZE,
          "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12",
-         "-metadata", "creation_time=" + RECORDED, *extra, path],
+         "-metadata", "creation_time=" + recorded, *extra, path],
         check=True)
 
 
@@ -353,6 +353,90 @@ def check_report(tool, work):
     check(not os.path.exists(os.path.join(work, "maps2")), "nothing is analysed when the report is refused")
 
 
+def open_report(driver, report):
+    driver.get("file://" + os.path.join(report, "index.html"))
+    wait_for(driver, "return document.readyState === 'complete'")
+
+
+def show_card(driver, card_id):
+    card = driver.find_element(By.ID, card_id)
+    driver.execute_script("arguments[0].scrollIntoView()", card)
+    wait_for(driver, "return document.querySelector('#%s img').naturalWidth === %d" % (card_id, SIZE[0]))
+    wait_for(driver, "return document.querySelector('#%s .chart svg') !== null" % card_id)
+    return card
+
+
+def listed_parts(driver, card_id):
+    return driver.execute_script(
+        "return Array.from(document.querySelectorAll('#%s .time-list a'))"
+        ".map(a => [Number(a.dataset.line), Number(a.dataset.second), a.dataset.part]);" % card_id)
+
+
+def check_slice_cards_list_the_times_of_their_slice(tool, work):
+    """Slices of 5 s of the clip: each slice's card lists only the times in it."""
+    hot = os.path.join(work, "videos", "corner.mp4")
+    report = os.path.join(work, "slice-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "slice-maps"), "--slice", "5s", "--report", report, hot])
+    check(result.returncode == 0, "a sliced run with a report: %s" % result.stderr)
+    driver = browser()
+    try:
+        open_report(driver, report)
+        check(len(driver.find_elements(By.CSS_SELECTOR, ".card")) == 3, "a card for the video and one per slice")
+        for card_id, expected, span in (("card-s1", [2], "0:00 – 0:05"), ("card-s2", [6], "0:05 – 0:10")):
+            card = show_card(driver, card_id)
+            click_video_pixel(driver, card, HOT_PIXEL)
+            listed = listed_seconds(driver, card_id)
+            check([s for s, _, _ in listed] == expected, "slice %s lists %r, not %r" % (card_id, listed, expected))
+            key = card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text
+            check(span in key, "the chart of %s spans its slice %s: %r" % (card_id, span, key))
+        # The whole video's card still lists both.
+        card = show_card(driver, "card-1")
+        click_video_pixel(driver, card, HOT_PIXEL)
+        check([s for s, _, _ in listed_seconds(driver, "card-1")] == HOT_SECONDS, "the video's card lists both times")
+        errors = console_errors(driver)
+        check(not errors, "console errors on the sliced report: %r" % errors)
+    finally:
+        driver.quit()
+
+
+def check_combined_card_lists_the_times_of_every_video_and_plays_each(tool, work):
+    """Two clips recorded 20 s apart, combined: their times lie on one clock line."""
+    first = os.path.join(work, "videos", "corner.mp4")
+    later = os.path.join(work, "videos", "later.mp4")
+    make_clip(later, recorded="2024-05-01T10:00:20Z")
+    report = os.path.join(work, "combined-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "combined-maps"), "--combine", "both", "--report", report,
+                             first, later])
+    check(result.returncode == 0, "a combined run with a report: %s" % result.stderr)
+    driver = browser()
+    try:
+        open_report(driver, report)
+        titles = sorted(h.text for h in driver.find_elements(By.CSS_SELECTOR, ".card h2"))
+        check(titles == ["both", "corner.mp4", "later.mp4"], "a card per input and the combined map: %r" % titles)
+        card = show_card(driver, "card-c")
+        click_video_pixel(driver, card, HOT_PIXEL)
+        listed_seconds(driver, "card-c")
+        listed = listed_parts(driver, "card-c")
+        check(listed == [[2, 2, "1"], [6, 6, "1"], [22, 2, "2"], [26, 6, "2"]],
+              "the combined map's hot corner lists both videos' times on one line: %r" % listed)
+        texts = [a.text for a in card.find_elements(By.CSS_SELECTOR, ".time-list a")]
+        check(texts[2] == "0:22 · later.mp4 0:02", "a time names its video: %r" % texts)
+        marks = driver.execute_script("return document.querySelectorAll('#card-c .chart .mark').length")
+        check(marks == 4, "the combined chart marks every time, got %d" % marks)
+        key = card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text
+        check("0:00 – 0:30" in key, "the combined chart spans both videos: %r" % key)
+        card.find_elements(By.CSS_SELECTOR, ".time-list a")[2].click()
+        wait_for(driver, "var v = document.querySelector('#card-c video');"
+                 "return v && v.dataset.part === '2' && /later\\.mp4$/.test(v.src) && v.readyState >= 1 &&"
+                 " !v.seeking && v.currentTime >= 2 && v.currentTime < 3;")
+        click_video_pixel(driver, card, QUIET_PIXEL)
+        check(listed_seconds(driver, "card-c") == [], "the quiet corner of the combined map lists no time")
+        errors = console_errors(driver)
+        check(not errors, "console errors on the combined report: %r" % errors)
+    finally:
+        driver.quit()
+
+
 def screenshot(tool, work, demo, out, keys_out):
     report = os.path.join(work, "demo-report")
     result = run_tool(tool, ["-o", os.path.join(work, "demo-maps"), "--report", report, demo])
@@ -399,6 +483,8 @@ def main():
         return 1
     try:
         check_report(args.tool, args.work)
+        check_slice_cards_list_the_times_of_their_slice(args.tool, args.work)
+        check_combined_card_lists_the_times_of_every_video_and_plays_each(args.tool, args.work)
         if args.demo and args.screenshot:
             if not os.path.exists(args.demo):
                 make_demo_clip(args.demo)

@@ -1,0 +1,173 @@
+#include "ReportStaging.h"
+
+#include "ImageFile.h"
+#include "Legend.h"
+#include "ManifestInput.h"
+#include "MotionMap.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QSaveFile>
+
+#include <opencv2/core.hpp>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QSaveFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
+}
+
+QString saveError(const QString& path)
+{
+    return tr("Can't save file '%1'").arg(path);
+}
+
+// An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
+// it does not read.
+bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds)
+{
+    QFile table(path);
+    if (!table.open(QIODevice::ReadOnly))
+        return false;
+    table.readLine();
+    while (!table.atEnd()) {
+        const QList<QByteArray> fields = table.readLine().trimmed().split(',');
+        if (fields.size() != 4)
+            continue;
+        seconds.add({fields[0].toInt(), fields[1].toDouble(), fields[2].toLongLong(), fields[3].toLongLong()});
+    }
+    return true;
+}
+
+QJsonObject readJson(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QJsonDocument::fromJson(file.readAll()).object();
+}
+
+} // namespace
+
+namespace ReportStaging {
+
+QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
+                  const CellEventTimes& eventTimes, int width, int height)
+{
+    const QDir data(staging + QStringLiteral("/data"));
+    const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
+    const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
+    if (!writeFile(activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds))))
+        return saveError(activity);
+    if (!eventTimes.empty()
+        && !writeFile(cells, ReportData::script(key + QStringLiteral(".cells"),
+                                                ReportData::cellsJson(eventTimes, width, height))))
+        return saveError(cells);
+    return {};
+}
+
+QString writeMap(const QString& staging, const QString& key, const QImage& map, QString* file)
+{
+    const QString name = QStringLiteral("maps/%1.png").arg(key);
+    if (!Utils::saveImage(map, staging + QLatin1Char('/') + name))
+        return saveError(staging + QLatin1Char('/') + name);
+    *file = name;
+    return {};
+}
+
+QString writeLegendStrip(const QString& staging, const QString& key, const QImage& legend, int mapHeight)
+{
+    const QImage strip = legend.copy(0, mapHeight, legend.width(), legend.height() - mapHeight);
+    const QString path = staging + QStringLiteral("/maps/") + key + QStringLiteral(".legend.png");
+    return Utils::saveImage(strip, path) ? QString() : saveError(path);
+}
+
+QString copy(const QString& staging, const QString& source, const QString& file)
+{
+    const QString target = staging + QLatin1Char('/') + file;
+    return QFile::copy(source, target) ? QString() : saveError(target);
+}
+
+QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,
+                           QJsonObject* manifest)
+{
+    const ManifestInput::Header header = ManifestInput::readHeader(manifestPath);
+    if (!header.error.isEmpty())
+        return header.error;
+    QImage storage;
+    cv::Mat events;
+    cv::Mat background;
+    QString error = ManifestInput::load(manifestPath, storage, &events, &background);
+    if (!error.isEmpty())
+        return error;
+    const double top = scale > 0.0 ? scale : MotionMap::kDefaultScale;
+    const QImage map = MotionMap::render(events, background, top);
+    QString mapFile;
+    error = writeMap(staging, key, map, &mapFile);
+    if (!error.isEmpty())
+        return error;
+    Legend::Content content;
+    content.name = QFileInfo(header.videoPath).fileName();
+    content.timeSpan = Legend::timeSpan(header.creationTime, 0.0, header.footageSeconds);
+    content.scale = top;
+    content.footageHours = header.footageSeconds > 0.0 ? header.footageSeconds / 3600.0 : 0.0;
+    content.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
+    error = writeLegendStrip(staging, key, Legend::render(map, content), map.height());
+    if (!error.isEmpty())
+        return error;
+    ReportData::ActivityBySecond seconds;
+    if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds)) {
+        error = writeData(staging, key, seconds.seconds(), CellEventTimes(), events.cols, events.rows);
+        if (!error.isEmpty())
+            return error;
+    }
+    *manifest = readJson(manifestPath);
+    return {};
+}
+
+ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet::Written& slice,
+                     const std::vector<ReportPart>& parts, QString* error)
+{
+    ReportCard card;
+    card.key = key;
+    card.title = slice.seriesName + QStringLiteral(", ")
+        + Legend::timeSpan(slice.lineClock, slice.from, slice.to - slice.from);
+    // After the card of its video (or combined map), in the order of time.
+    card.sortName = slice.seriesName + QStringLiteral(" slice %1").arg(static_cast<qint64>(slice.from), 12, 10,
+                                                                        QLatin1Char('0'));
+    card.status = QStringLiteral("done");
+    card.ofAnInput = false;
+    card.creationTime = slice.lineClock;
+    card.parts = parts;
+    card.from = slice.from;
+    card.to = slice.to;
+    const QImage map(slice.mapPath);
+    card.width = map.width();
+    card.height = map.height();
+    card.mapFile = QStringLiteral("maps/%1.%2").arg(key, QFileInfo(slice.mapPath).suffix());
+    *error = copy(staging, slice.mapPath, card.mapFile);
+    if (error->isEmpty() && !slice.legendPath.isEmpty()) {
+        *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
+        card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
+    }
+    card.figures = {
+        {tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ") + ReportPage::clockText(slice.to)},
+        {tr("Footage"), slice.footageSeconds >= 0.0 ? ReportPage::clockText(slice.footageSeconds) : tr("unknown")},
+        {tr("Events"), QString::number(slice.eventsTotal, 'f', 0)},
+        {tr("Most at a pixel"), QString::number(slice.maxEvents, 'f', 0)},
+        {tr("Pixels with motion"), ReportPage::percentText(slice.pixelsWithEventsShare)},
+    };
+    return card;
+}
+
+} // namespace ReportStaging

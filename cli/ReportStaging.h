@@ -1,0 +1,43 @@
+#pragma once
+
+#include "CellEventTimes.h"
+#include "ReportData.h"
+#include "ReportPage.h"
+#include "SliceSet.h"
+
+#include <QImage>
+#include <QJsonObject>
+#include <QString>
+
+// The files of a report's cards in its staging folder (maps/, data/), written as each input
+// ends and, for slices and combined maps, once the run has ended. Every function returns the
+// error, empty on success, and is reentrant: pool threads write their own inputs' files.
+namespace ReportStaging {
+
+// data/KEY.activity.js and, when `eventTimes` is not empty, data/KEY.cells.js.
+QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
+                  const CellEventTimes& eventTimes, int width, int height);
+
+// maps/KEY.png from a map the run did not write as a file of its own; `file` receives
+// "maps/KEY.png".
+QString writeMap(const QString& staging, const QString& key, const QImage& map, QString* file);
+
+// maps/KEY.legend.png: the strip of `legend` below a map `mapHeight` pixels high, as a card
+// shows it under the map.
+QString writeLegendStrip(const QString& staging, const QString& key, const QImage& legend, int mapHeight);
+
+// Copies `source` into the staging folder as `file` ("maps/KEY.png").
+QString copy(const QString& staging, const QString& source, const QString& file);
+
+// The card's files of an input of --combine that is a manifest written by --data: its map
+// (on `scale`; 0 for the window's) and legend strip from its files, and its activity table by
+// second. `manifest` receives the manifest itself.
+QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,
+                           QJsonObject* manifest);
+
+// The card of a slice (see SliceSet::Written) keyed `key`, drawing `parts` within the slice;
+// copies its map and legend strip into the staging folder.
+ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet::Written& slice,
+                     const std::vector<ReportPart>& parts, QString* error);
+
+} // namespace ReportStaging
