@@ -316,7 +316,9 @@ Options:
       --end T           Analyse up to time T.
       --report DIR      Also write DIR/index.html, a page that shows every
                         map with its figures and activity over time, and
-                        when motion began at a point of a map. Implies --data.
+                        when motion began at a point of a map, with a card
+                        per slice (--slice) and for the combined map
+                        (--combine). Implies --data.
       --scale N|auto    Colour scale of the maps: N events reach its top (the
                         dark red); a count shows at min(count x 255 / N, 255)
                         on the scale. The default, 8.5, is the window's 30 per
@@ -345,9 +347,8 @@ Options:
                         the inputs back to back): NAME.slice-HHhMMmSSs.FORMAT,
                         each over the background of the input it starts in.
                         With --legend, each slice gets its legend; with
-                        --data, its exact counts (….slice-….events.png).
-                        Not with --combine, --data, --report, --legend or
-                        --scale auto.
+                        --data, its exact counts (….slice-….events.png);
+                        with --report, its card. Not with manifests.
       --overwrite       Replace output files that exist already (and an
                         earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are

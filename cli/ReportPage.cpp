@@ -261,7 +261,7 @@ QByteArray render(const QString& title, std::vector<ReportCard> cards)
     QString videos = inputs == 1 ? tr("1 video") : tr("%1 videos").arg(inputs);
     const auto others = static_cast<std::ptrdiff_t>(cards.size()) - inputs;
     if (others > 0)
-        videos += others == 1 ? tr(" and 1 map of them") : tr(" and %1 maps of them").arg(others);
+        videos += others == 1 ? tr(" and 1 more map") : tr(" and %1 more maps").arg(others);
     const QString subtitle = tr("%1. On each map, blue where motion was seen rarely, red where often.").arg(videos);
     page.replace(QLatin1String("{{TITLE}}"), escapeHtml(title));
     page.replace(QLatin1String("{{SUBTITLE}}"), escapeHtml(subtitle));

@@ -104,6 +104,42 @@ private slots:
         QVERIFY(page.indexOf("Canceled before the end.") > page.indexOf(">long.mkv<"));
     }
 
+    void aSlicedReportHasACardForTheVideoAndForEachSliceWithItsWindow()
+    {
+        const ToolRunning::Result result = tool({"--slice", "1s", "--report", out("report"), clip("b.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        // No map of the whole video among the maps, but one on its card. The clip's picture
+        // changes once a second: its first slice holds no event and has no card.
+        QCOMPARE(entries(out("maps")), (QStringList{"b.activity.csv", "b.background.png", "b.events.png", "b.json",
+                                                    "b.slice-00h00m01s.events.png", "b.slice-00h00m01s.png"}));
+        QCOMPARE(entries(out("report/maps")), (QStringList{"1.legend.png", "1.png", "s1.legend.png", "s1.png"}));
+        QCOMPARE(ToolRunning::readAll(out("report/maps/s1.png")), ToolRunning::readAll(out("maps/b.slice-00h00m01s.png")));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(page.contains("id=\"card-s1\""));
+        QVERIFY(page.contains("data-from=\"1.000\" data-to=\"2.000\""));
+        QVERIFY(page.contains("1 video and 1 more map"));
+    }
+
+    void aCombinedReportHasACardForEachInputAndForTheCombinedMap()
+    {
+        QVERIFY(QDir(out("data")).mkpath("."));
+        QCOMPARE(ToolRunning::run({"--quiet", "--data", "-o", out("data"), clip("a.mkv")}).exitCode, 0);
+        const ToolRunning::Result result =
+            tool({"--combine", "both", "--report", out("report"), clip("b.mkv"), out("data/a.json")});
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(entries(out("report/maps")),
+                 (QStringList{"1.legend.png", "1.png", "2.legend.png", "2.png", "c.legend.png", "c.png"}));
+        // The combined card shows the combined map; the manifest's card its video's own map.
+        QCOMPARE(QImage(out("report/maps/c.png")), QImage(out("maps/both.png")));
+        QCOMPARE(QImage(out("report/maps/2.png")), QImage(out("data/a.png")));
+        // The video brings when motion began; the manifest only its activity.
+        QCOMPARE(entries(out("report/data")), (QStringList{"1.activity.js", "1.cells.js", "2.activity.js"}));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QVERIFY(page.contains(">both<"));
+        QVERIFY2(page.contains(">a.mkv</a>"), "the manifest's card is named after its video");
+        QVERIFY(page.contains("2 videos and 1 more map"));
+    }
+
     void eachCardShowsTheStripOfItsMapsLegendBelowTheMap()
     {
         const ToolRunning::Result result =
