@@ -278,7 +278,8 @@ var Tremora = (function () {
     card._cell = { cx: cx, cy: cy };
     placeCursor(card, cells, cx, cy);
     var found = beginnings(card, everyCells, cy * cells.columns + cx);
-    var named = partsOf(card).length > 1;
+    // A time on a line of several videos, or off its video's own, says which video it is in.
+    var named = partsOf(card).some(function (p, i) { return i > 0 || p.offset !== 0; });
     var list = card.querySelector(".time-list");
     var hint = card.querySelector(".times .hint");
     list.textContent = "";
@@ -368,7 +369,7 @@ var Tremora = (function () {
         note.textContent = "This file does not play here: open it in a player and seek to " + clock(second) + ".";
       });
     }
-    note.textContent = "From " + clock(second) + (partsOf(card).length > 1 ? " of " + part.name : "") + ".";
+    note.textContent = "From " + clock(second) + " of " + part.name + ".";
     var seek = function () {
       video.currentTime = second;
       var playing = video.play();
