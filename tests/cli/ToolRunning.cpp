@@ -87,4 +87,51 @@ QString schemaComplaint(const QString& schema, const QString& manifest)
     return {};
 }
 
+Folders::Folders(int toolTimeoutMs)
+    : m_out(std::make_unique<QTemporaryDir>())
+    , m_toolTimeoutMs(toolTimeoutMs)
+{
+}
+
+bool Folders::clipsReady() const
+{
+    return m_clips.isValid();
+}
+
+QString Folders::clipsPath() const
+{
+    return m_clips.path();
+}
+
+QString Folders::clip(const QString& name) const
+{
+    return m_clips.filePath(name);
+}
+
+bool Folders::renew()
+{
+    m_out = std::make_unique<QTemporaryDir>();
+    return m_out->isValid();
+}
+
+QString Folders::outPath() const
+{
+    return m_out->path();
+}
+
+QString Folders::out(const QString& name) const
+{
+    return m_out->filePath(name);
+}
+
+Result Folders::tool(const QStringList& arguments) const
+{
+    return toolInto(outPath(), arguments);
+}
+
+Result Folders::toolInto(const QString& folder, const QStringList& arguments) const
+{
+    return run(QStringList{"--quiet", "--output-dir", folder} + arguments, m_toolTimeoutMs);
+}
+
 } // namespace ToolRunning

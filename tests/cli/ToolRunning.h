@@ -4,8 +4,11 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 #include <opencv2/core/mat.hpp>
+
+#include <memory>
 
 // Runs the real tremora-map executable (its path comes from the build) and generates clips
 // for it. Test thread only.
@@ -41,5 +44,36 @@ cv::Mat readEvents(const QString& path);
 // Validates the JSON file `manifest` against the JSON schema `schema` with Debian's Python;
 // the validator's complaint, empty when it is valid.
 QString schemaComplaint(const QString& schema, const QString& manifest);
+
+// The folders of a test of the executable: its clips, made once for all its test functions,
+// and the tool's output, empty again for each of them so that a test sees only what it
+// wrote. A test class derives from it after QObject: its initTestCase() checks clipsReady()
+// and writes its clips to clip(NAME), its init() checks renew(), and its test functions run
+// tool() and read what it wrote at out(NAME). A test that compares two runs calls renew()
+// in between. Test thread only.
+class Folders {
+public:
+    // `toolTimeoutMs` bounds each run of tool(); a test with a short time limit of its own
+    // passes less, so that a run that hangs fails the one test function and not all of them.
+    explicit Folders(int toolTimeoutMs = 120000);
+
+    bool clipsReady() const;
+    QString clipsPath() const;
+    QString clip(const QString& name) const;
+
+    // Replaces the output folder with a new, empty one; false when it could not be made.
+    bool renew();
+    QString outPath() const;
+    QString out(const QString& name) const;
+
+    // Runs the tool quietly with `arguments`, writing into the output folder or into `folder`.
+    Result tool(const QStringList& arguments) const;
+    Result toolInto(const QString& folder, const QStringList& arguments) const;
+
+private:
+    QTemporaryDir m_clips;
+    std::unique_ptr<QTemporaryDir> m_out;
+    int m_toolTimeoutMs;
+};
 
 } // namespace ToolRunning

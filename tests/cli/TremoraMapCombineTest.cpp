@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 // The executable's combined maps (--combine): sums of the inputs' exact counts, from videos
 // or from the manifests --data wrote for them, and every input it must leave out.
@@ -80,28 +79,19 @@ std::vector<CsvRow> readCombinedActivity(const QString& path)
 
 } // namespace
 
-class TremoraMapCombineTest : public QObject {
+class TremoraMapCombineTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_clips;
     QTemporaryDir m_data;  // the inputs' own files, written by --data once
-    std::unique_ptr<QTemporaryDir> m_out;
 
-    QString clip(const QString& name) const { return m_clips.filePath(name); }
     QString data(const QString& name) const { return m_data.filePath(name); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
     QStringList videos() const { return {clip("a.mkv"), clip("b.mkv"), clip("c.mkv")}; }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 120000);
-    }
 
     // The manifests of the three clips in a folder of their own, to be damaged by a test.
     QString copyOfData()
     {
-        const QString folder = m_out->filePath("copy");
+        const QString folder = out("copy");
         QDir().mkpath(folder);
         for (const QString& name : entries(m_data.path()))
             QFile::copy(data(name), folder + '/' + name);
@@ -111,7 +101,7 @@ private:
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         QVERIFY(m_data.isValid());
         QVERIFY(makeClip(clip("a.mkv"), "96x64", 1, "2024-05-01T10:00:00Z"));
         QVERIFY(makeClip(clip("b.mkv"), "96x64", 2, "2024-05-01T10:05:00Z"));
@@ -126,15 +116,14 @@ private slots:
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void combinedCountsAreTheSumsOfEveryInputsExactCounts()
     {
         const ToolRunning::Result result = tool(QStringList{"--data", "--combine", "day"} + videos());
         QCOMPARE(result.exitCode, 0);
-        QCOMPARE(entries(m_out->path()), (QStringList{"day.activity.csv", "day.events.png", "day.json", "day.png"}));
+        QCOMPARE(entries(outPath()), (QStringList{"day.activity.csv", "day.events.png", "day.json", "day.png"}));
         cv::Mat sum = cv::Mat::zeros(64, 96, CV_32SC1);
         for (const QString name : {"a", "b", "c"}) {
             const cv::Mat counts = readEvents(data(name + ".events.png"));
@@ -152,7 +141,7 @@ private slots:
     void withoutDataOnlyTheMapIsWritten()
     {
         QCOMPARE(tool(QStringList{"--combine", "day"} + videos()).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), QStringList{"day.png"});
+        QCOMPARE(entries(outPath()), QStringList{"day.png"});
     }
 
     void combiningManifestsGivesTheBytesOfCombiningTheVideos()
@@ -303,7 +292,7 @@ private slots:
         QCOMPARE(result.exitCode, 2);
         QVERIFY2(result.err.startsWith("tremora-map: Bad name '" + name.toUtf8() + "' for --combine"),
                  result.err.constData());
-        QVERIFY(entries(m_out->path()).isEmpty());
+        QVERIFY(entries(outPath()).isEmpty());
     }
 
     void anExistingCombinedFileIsNotReplacedAndNothingIsAnalysed()
@@ -313,7 +302,7 @@ private slots:
         QCOMPARE(result.exitCode, 1);
         QCOMPARE(result.err.count('\n'), 1);
         QVERIFY2(result.err.contains("day.json"), result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList{"day.json"});
+        QCOMPARE(entries(outPath()), QStringList{"day.json"});
         QCOMPARE(readAll(out("day.json")), QByteArray("earlier"));
     }
 

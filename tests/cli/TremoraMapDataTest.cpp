@@ -14,14 +14,12 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <opencv2/core.hpp>
 
 #include <csignal>
 #include <cstring>
-#include <memory>
 
 #include <signal.h>
 
@@ -140,57 +138,46 @@ QString sha256Of(const QString& path)
 
 } // namespace
 
-class TremoraMapDataTest : public QObject {
+class TremoraMapDataTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
     std::vector<cv::Mat> m_speckles;
-
-    QString clipPath(const QString& name) const { return m_clips.filePath(name); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 120000);
-    }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         m_speckles = speckledNoise(cv::Size(48, 32), 160, 29);
-        QVERIFY(ClipMaking::writeGray(clipPath("speckles.mkv"), m_speckles));
+        QVERIFY(ClipMaking::writeGray(clip("speckles.mkv"), m_speckles));
         // Every frame a key frame, so that cutting it with ffmpeg is exact.
-        QVERIFY(ClipMaking::writeGray(clipPath("intra.mkv"), speckledNoise(cv::Size(32, 24), 300, 31),
+        QVERIFY(ClipMaking::writeGray(clip("intra.mkv"), speckledNoise(cv::Size(32, 24), 300, 31),
                                       {"-c:v", "ffv1", "-g", "1"}));
-        QVERIFY(ClipMaking::writeGray(clipPath("blink.mkv"), blinkingEvery51(cv::Size(4, 4), 300)));
+        QVERIFY(ClipMaking::writeGray(clip("blink.mkv"), blinkingEvery51(cv::Size(4, 4), 300)));
         // A box crossing a black scene, recorded with the time the camera started.
         QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "color=c=black:s=64x48:r=25", "-f", "lavfi", "-i",
                                         "color=c=white:s=8x8:r=25", "-filter_complex",
                                         "[0][1]overlay=x='mod(n*2,64)':y=20", "-frames:v", "30", "-metadata",
-                                        "creation_time=2024-05-01T10:00:00Z", "-c:v", "mpeg4", clipPath("camera.mp4")}));
+                                        "creation_time=2024-05-01T10:00:00Z", "-c:v", "mpeg4", clip("camera.mp4")}));
     }
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void dataFilesMatchTheReferenceAndTheMapStaysAsWithoutThem()
     {
-        const ToolRunning::Result plain = tool({"--background", clipPath("speckles.mkv")});
+        const ToolRunning::Result plain = tool({"--background", clip("speckles.mkv")});
         QCOMPARE(plain.exitCode, 0);
         const QByteArray plainMap = readAll(out("speckles.png"));
         const QByteArray plainBackground = readAll(out("speckles.background.png"));
         QVERIFY(QFile::remove(out("speckles.png")));
         QVERIFY(QFile::remove(out("speckles.background.png")));
 
-        const ToolRunning::Result data = tool({"--data", clipPath("speckles.mkv")});
+        const ToolRunning::Result data = tool({"--data", clip("speckles.mkv")});
         QCOMPARE(data.exitCode, 0);
-        QCOMPARE(entries(m_out->path()), (QStringList{"speckles.activity.csv", "speckles.background.png",
+        QCOMPARE(entries(outPath()), (QStringList{"speckles.activity.csv", "speckles.background.png",
                                                       "speckles.events.png", "speckles.json", "speckles.png"}));
         QCOMPARE(readAll(out("speckles.png")), plainMap);
         QCOMPARE(readAll(out("speckles.background.png")), plainBackground);
@@ -202,7 +189,7 @@ private slots:
 
     void newEventsOfTheActivitySumToTheEventsImage()
     {
-        QCOMPARE(tool({"--data", clipPath("speckles.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("speckles.mkv")}).exitCode, 0);
         long long sum = 0;
         for (const ActivityRow& row : readActivity(out("speckles.activity.csv")))
             sum += row.newEvents;
@@ -213,7 +200,7 @@ private slots:
 
     void eventsImageCountsPastTheMapsWrapAt256()
     {
-        QCOMPARE(tool({"--data", "--counts", "--no-blur", clipPath("blink.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", "--counts", "--no-blur", clip("blink.mkv")}).exitCode, 0);
         const cv::Mat events = readEvents(out("blink.events.png"));
         QCOMPARE(events.at<int>(1, 1), 300);
         QCOMPARE(cv::countNonZero(events), 1);
@@ -225,12 +212,12 @@ private slots:
     {
         cv::Mat mask(32, 48, CV_8UC1, cv::Scalar(255));
         mask(cv::Rect(0, 0, 24, 32)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clipPath("half.png"), mask));
-        QCOMPARE(tool({"--data", clipPath("speckles.mkv")}).exitCode, 0);
+        QVERIFY(saveMask(clip("half.png"), mask));
+        QCOMPARE(tool({"--data", clip("speckles.mkv")}).exitCode, 0);
         const cv::Mat whole = readEvents(out("speckles.events.png"));
         const QByteArray wholeMap = readAll(out("speckles.png"));
-        m_out = std::make_unique<QTemporaryDir>();
-        QCOMPARE(tool({"--data", "--mask", clipPath("half.png"), clipPath("speckles.mkv")}).exitCode, 0);
+        renew();
+        QCOMPARE(tool({"--data", "--mask", clip("half.png"), clip("speckles.mkv")}).exitCode, 0);
         const cv::Mat masked = readEvents(out("speckles.events.png"));
         const cv::Rect left(0, 0, 24, 32), right(24, 0, 24, 32);
         QVERIFY(cv::countNonZero(whole(left)) > 0);
@@ -247,16 +234,16 @@ private slots:
         }
         QVERIFY(readAll(out("speckles.png")) != wholeMap);
         QCOMPARE(readJson(out("speckles.json"))["parameters"].toObject()["mask"].toString(),
-                 QFileInfo(clipPath("half.png")).absoluteFilePath());
+                 QFileInfo(clip("half.png")).absoluteFilePath());
     }
 
     void aMaskOfAnotherSizeIsScaledToEachVideo()
     {
         cv::Mat small(8, 12, CV_8UC1, cv::Scalar(255));
         small(cv::Rect(3, 2, 7, 5)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clipPath("small.png"), small));
+        QVERIFY(saveMask(clip("small.png"), small));
         // Unsmoothed, so that the speckles make events all over the picture.
-        QCOMPARE(tool({"--data", "--no-blur", "--mask", clipPath("small.png"), clipPath("speckles.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", "--no-blur", "--mask", clip("small.png"), clip("speckles.mkv")}).exitCode, 0);
         const cv::Mat mask = Reference::nearestMask(small, cv::Size(48, 32));
         const Reference::Analysis reference = referenceOver(m_speckles, mask, false);
         QVERIFY(equal(readEvents(out("speckles.events.png")), reference.exactCounts()));
@@ -269,19 +256,19 @@ private slots:
     {
         cv::Mat mask(32, 48, CV_8UC1, cv::Scalar(255));
         mask(cv::Rect(0, 0, 48, 16)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clipPath("top.png"), mask));
-        QCOMPARE(tool({"--counts", "--mask", clipPath("top.png"), clipPath("speckles.mkv")}).exitCode, 0);
+        QVERIFY(saveMask(clip("top.png"), mask));
+        QCOMPARE(tool({"--counts", "--mask", clip("top.png"), clip("speckles.mkv")}).exitCode, 0);
         QVERIFY(equal(readGrey8(out("speckles.counts.png")), referenceOver(m_speckles, mask).counts()));
-        QCOMPARE(entries(m_out->path()), (QStringList{"speckles.counts.png", "speckles.png"}));
+        QCOMPARE(entries(outPath()), (QStringList{"speckles.counts.png", "speckles.png"}));
     }
 
     void aWindowGivesWhatTheSameWindowCutOutWithFfmpegGives()
     {
         // Frames 50 (2 s) to 149 (5.96 s), every one a key frame.
-        QVERIFY(TestSupport::runFfmpeg({"-ss", "2", "-i", clipPath("intra.mkv"), "-t", "4", "-c", "copy",
-                                        clipPath("cut.mkv")}));
-        QCOMPARE(tool({"--data", "--counts", clipPath("cut.mkv")}).exitCode, 0);
-        QCOMPARE(tool({"--data", "--counts", "--start", "1.98", "--end", "0:05.98", clipPath("intra.mkv")}).exitCode, 0);
+        QVERIFY(TestSupport::runFfmpeg({"-ss", "2", "-i", clip("intra.mkv"), "-t", "4", "-c", "copy",
+                                        clip("cut.mkv")}));
+        QCOMPARE(tool({"--data", "--counts", clip("cut.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", "--counts", "--start", "1.98", "--end", "0:05.98", clip("intra.mkv")}).exitCode, 0);
         const std::vector<ActivityRow> cut = readActivity(out("cut.activity.csv"));
         const std::vector<ActivityRow> window = readActivity(out("intra.activity.csv"));
         QCOMPARE(int(window.size()), 99);
@@ -304,7 +291,7 @@ private slots:
 
     void aStartAfterTheEndOfTheVideoGivesABlackMapAndNoPair()
     {
-        QCOMPARE(tool({"--data", "--start", "1:00", clipPath("speckles.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", "--start", "1:00", clip("speckles.mkv")}).exitCode, 0);
         const QImage map = QImage(out("speckles.png")).convertToFormat(QImage::Format_RGB888);
         QCOMPARE(map.size(), QSize(48, 32));
         for (int y = 0; y < map.height(); ++y)
@@ -320,12 +307,12 @@ private slots:
 
     void theManifestDescribesTheInputTheVideoAndTheFiles()
     {
-        QCOMPARE(tool({"--data", clipPath("camera.mp4")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("camera.mp4")}).exitCode, 0);
         const QJsonObject manifest = readJson(out("camera.json"));
         QCOMPARE(schemaComplaint(out("camera.json")), QString());
         const QJsonObject input = manifest["input"].toObject();
-        QCOMPARE(input["path"].toString(), QFileInfo(clipPath("camera.mp4")).absoluteFilePath());
-        QCOMPARE(input["size_bytes"].toDouble(), double(QFileInfo(clipPath("camera.mp4")).size()));
+        QCOMPARE(input["path"].toString(), QFileInfo(clip("camera.mp4")).absoluteFilePath());
+        QCOMPARE(input["size_bytes"].toDouble(), double(QFileInfo(clip("camera.mp4")).size()));
         const QJsonObject video = manifest["video"].toObject();
         QVERIFY(video["container"].toString().contains(QStringLiteral("mp4")));
         QCOMPARE(video["codec"].toString(), QStringLiteral("mpeg4"));
@@ -356,14 +343,14 @@ private slots:
 
     void aVideoWithoutCreationTimeHasNone()
     {
-        QCOMPARE(tool({"--data", clipPath("speckles.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("speckles.mkv")}).exitCode, 0);
         QVERIFY(readJson(out("speckles.json"))["video"].toObject()["creation_time"].isNull());
     }
 
     void aVideoThatCannotBeOpenedGetsAFailedManifest()
     {
-        QVERIFY(QFile(clipPath("broken.mp4")).open(QIODevice::WriteOnly));
-        const ToolRunning::Result result = tool({"--data", clipPath("broken.mp4"), clipPath("speckles.mkv")});
+        QVERIFY(QFile(clip("broken.mp4")).open(QIODevice::WriteOnly));
+        const ToolRunning::Result result = tool({"--data", clip("broken.mp4"), clip("speckles.mkv")});
         QCOMPARE(result.exitCode, 1);
         const QJsonObject manifest = readJson(out("broken.json"));
         QCOMPARE(schemaComplaint(out("broken.json")), QString());
@@ -391,27 +378,27 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QFETCH(QStringList, named);
-        QVERIFY(QFile(clipPath("empty.png")).open(QIODevice::WriteOnly));
-        QFile text(clipPath("text.png"));
+        QVERIFY(QFile(clip("empty.png")).open(QIODevice::WriteOnly));
+        QFile text(clip("text.png"));
         QVERIFY(text.open(QIODevice::WriteOnly));
         text.write("not a picture\n");
         text.close();
-        QVERIFY(saveMask(clipPath("black.png"), cv::Mat(8, 8, CV_8UC1, cv::Scalar(127))));
+        QVERIFY(saveMask(clip("black.png"), cv::Mat(8, 8, CV_8UC1, cv::Scalar(127))));
         // An earlier result stays as it was.
         QFile earlier(out("speckles.json"));
         QVERIFY(earlier.open(QIODevice::WriteOnly));
         earlier.write("earlier");
         earlier.close();
-        arguments.replaceInStrings(QStringLiteral("CLIPS"), m_clips.path());
-        named.replaceInStrings(QStringLiteral("CLIPS"), m_clips.path());
+        arguments.replaceInStrings(QStringLiteral("CLIPS"), clipsPath());
+        named.replaceInStrings(QStringLiteral("CLIPS"), clipsPath());
         const ToolRunning::Result result =
-            tool(QStringList{"--data", "--overwrite"} + arguments + QStringList{clipPath("speckles.mkv")});
+            tool(QStringList{"--data", "--overwrite"} + arguments + QStringList{clip("speckles.mkv")});
         QCOMPARE(result.exitCode, 2);
         QVERIFY2(result.err.startsWith("tremora-map: "), result.err.constData());
         QCOMPARE(result.err.count('\n'), 2);
         for (const QString& word : named)
             QVERIFY2(result.err.contains(word.toUtf8()), result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList{"speckles.json"});
+        QCOMPARE(entries(outPath()), QStringList{"speckles.json"});
         QCOMPARE(readAll(out("speckles.json")), QByteArray("earlier"));
     }
 
@@ -421,23 +408,23 @@ private slots:
         QVERIFY(earlier.open(QIODevice::WriteOnly));
         earlier.write("earlier");
         earlier.close();
-        const ToolRunning::Result result = tool({"--data", clipPath("speckles.mkv")});
+        const ToolRunning::Result result = tool({"--data", clip("speckles.mkv")});
         QCOMPARE(result.exitCode, 1);
         QVERIFY(result.err.contains(out("speckles.json").toUtf8()));
-        QCOMPARE(entries(m_out->path()), QStringList{"speckles.json"});
+        QCOMPARE(entries(outPath()), QStringList{"speckles.json"});
         QCOMPARE(readAll(out("speckles.json")), QByteArray("earlier"));
     }
 
     void anInterruptedRunLeavesNoHalfWrittenTableOrManifest()
     {
-        QVERIFY(ClipMaking::writeGray(clipPath("long.mkv"), speckledNoise(cv::Size(320, 240), 1500, 5)));
+        QVERIFY(ClipMaking::writeGray(clip("long.mkv"), speckledNoise(cv::Size(320, 240), 1500, 5)));
         QProcess process;
-        process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), {"--data", "-o", m_out->path(), clipPath("long.mkv")});
+        process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), {"--data", "-o", outPath(), clip("long.mkv")});
         QVERIFY(process.waitForStarted());
         QByteArray err;
         QElapsedTimer clock;
         clock.start();
-        const QByteArray started = clipPath("long.mkv").toUtf8() + ": started\n";
+        const QByteArray started = clip("long.mkv").toUtf8() + ": started\n";
         while (!err.contains(started) && clock.elapsed() < kSignalTimeoutMs && process.state() == QProcess::Running) {
             process.waitForReadyRead(100);
             err += process.readAllStandardError();
@@ -449,7 +436,7 @@ private slots:
         QVERIFY(process.waitForFinished(kSignalTimeoutMs));
         QCOMPARE(process.exitCode(), 130);
         // Only the manifest that says the run was canceled; no table, no temporary file.
-        QCOMPARE(entries(m_out->path()), QStringList{"long.json"});
+        QCOMPARE(entries(outPath()), QStringList{"long.json"});
         const QJsonObject manifest = readJson(out("long.json"));
         QCOMPARE(manifest["outcome"].toObject()["status"].toString(), QStringLiteral("canceled"));
         QVERIFY(manifest["files"].toArray().isEmpty());
@@ -458,7 +445,7 @@ private slots:
 
     void theReadmesPythonExampleLoadsTheFiles()
     {
-        QCOMPARE(tool({"--data", clipPath("speckles.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("speckles.mkv")}).exitCode, 0);
         const QString readme = QString::fromUtf8(readAll(QStringLiteral(TREMORA_README)));
         const QRegularExpression block(QStringLiteral("```python\\n(.*?)```"),
                                        QRegularExpression::DotMatchesEverythingOption);
@@ -468,7 +455,7 @@ private slots:
         QString example = match.captured(1).replace(QStringLiteral("\"clip."), QStringLiteral("\"speckles."));
         QVERIFY(example.count(QLatin1Char('\n')) <= 6);
         QProcess python;
-        python.setWorkingDirectory(m_out->path());
+        python.setWorkingDirectory(outPath());
         python.start(QStringLiteral("/usr/bin/python3"), {"-c", example + QStringLiteral("\nprint(events.sum(), "
                                                                                            "int(activity['new_events'].sum()))\n")});
         QVERIFY(python.waitForFinished(60000));

@@ -5,10 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 #include <QtTest>
-
-#include <memory>
 
 // The executable's legends (--legend): the map unchanged above a strip that explains it, for
 // one video and for a combined map.
@@ -27,25 +24,13 @@ QStringList rolesOf(const QString& manifest)
 
 } // namespace
 
-class TremoraMapLegendTest : public QObject {
+class TremoraMapLegendTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
-
-private:
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
-
-    QString clip(const QString& name) const { return m_clips.filePath(name); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 120000);
-    }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         QVERIFY(ToolRunning::makeClip(clip("wide.mkv"), 40, QStringLiteral("320x240"),
                                       QStringLiteral(",noise=alls=30:allf=t")));
         QVERIFY(ToolRunning::makeClip(clip("other.mkv"), 40, QStringLiteral("320x240")));
@@ -53,8 +38,7 @@ private slots:
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void theLegendIsTheMapAboveAStripAndTheMapStaysAsWithout()
@@ -81,13 +65,13 @@ private slots:
     void withoutTheOptionNoLegendIsWritten()
     {
         QCOMPARE(tool({clip("wide.mkv")}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), QStringList{"wide.png"});
+        QCOMPARE(entries(outPath()), QStringList{"wide.png"});
     }
 
     void aCombinedMapGetsALegendToo()
     {
         QCOMPARE(tool({"--legend", "--combine", "both", clip("wide.mkv"), clip("other.mkv")}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), (QStringList{"both.legend.png", "both.png"}));
+        QCOMPARE(entries(outPath()), (QStringList{"both.legend.png", "both.png"}));
         const QImage legend(out("both.legend.png"));
         QCOMPARE(legend.width(), 320);
         QCOMPARE(legend.copy(0, 0, 320, 240).convertToFormat(QImage::Format_RGB888),
@@ -99,7 +83,7 @@ private slots:
         QImage mask(320, 240, QImage::Format_Grayscale8);
         mask.fill(255);
         QVERIFY(mask.save(clip("corner-mask.png")));
-        QVERIFY(QDir(m_out->path()).mkpath("masked") && QDir(m_out->path()).mkpath("plain"));
+        QVERIFY(QDir(outPath()).mkpath("masked") && QDir(outPath()).mkpath("plain"));
         QCOMPARE(tool({"--data", "-o", out("masked"), "--mask", clip("corner-mask.png"), clip("wide.mkv")}).exitCode, 0);
         QCOMPARE(tool({"--data", "-o", out("plain"), clip("wide.mkv")}).exitCode, 0);
         // One combined name in two folders, so that only what the manifests bring differs.
@@ -122,7 +106,7 @@ private slots:
         const ToolRunning::Result result = tool({"--legend", clip("wide.mkv")});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("wide.legend.png"), result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList{"wide.legend.png"});
+        QCOMPARE(entries(outPath()), QStringList{"wide.legend.png"});
         QCOMPARE(readAll(out("wide.legend.png")), QByteArray("earlier"));
     }
 };

@@ -4,9 +4,7 @@
 #include "Tremora.h"
 
 #include <QApplication>
-#include <QDir>
 #include <QImage>
-#include <QTemporaryDir>
 #include <QtTest>
 
 // A map written by tremora-map is the very file the window saves for the same video: the
@@ -30,7 +28,7 @@ QImage windowMap(const QString& video, bool blur)
 
 } // namespace
 
-class TremoraMapMatchesWindowTest : public QObject {
+class TremoraMapMatchesWindowTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private slots:
@@ -40,18 +38,11 @@ private slots:
     void mapFileEqualsTheWindowsSavedMap();
     void noBlurMapEqualsTheMapOfAJobWithoutBlur();
     void mapOfAVideoWithoutFramesEqualsTheWindowsBlackMap();
-
-private:
-    QString clip(const QString& name) const { return m_clips.filePath(name); }
-    QString out(const QString& name) const { return QDir(m_out->path()).filePath(name); }
-
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
 };
 
 void TremoraMapMatchesWindowTest::initTestCase()
 {
-    QVERIFY(m_clips.isValid());
+    QVERIFY(clipsReady());
     // Past the hundred learning pairs and past the job's refresh after 300 pairs, which the
     // tool does not make: neither may change the result.
     QVERIFY(ToolRunning::makeClip(clip("scene.mkv"), 330, QStringLiteral("128x96")));
@@ -62,8 +53,7 @@ void TremoraMapMatchesWindowTest::initTestCase()
 
 void TremoraMapMatchesWindowTest::init()
 {
-    m_out = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_out->isValid());
+    QVERIFY(renew());
 }
 
 void TremoraMapMatchesWindowTest::mapFileEqualsTheWindowsSavedMap_data()

@@ -8,9 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
-#include <QTemporaryDir>
-
-#include <memory>
 
 #include <signal.h>
 
@@ -28,38 +25,29 @@ bool writeText(const QString& path, const QByteArray& text)
 
 // The report as the tool writes it: its files, and what happens to a folder that cannot or
 // must not take it. What the page does in a browser is tested by report_in_browser.py.
-class TremoraMapReportTest : public QObject {
+class TremoraMapReportTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
-
-    QString clip(const QString& name) const { return m_clips.filePath(name); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", out("maps")} + arguments, 120000);
-    }
+    // The maps apart from the reports, so that a test sees what each of the two folders holds.
+    ToolRunning::Result toolIntoMaps(const QStringList& arguments) const { return toolInto(out("maps"), arguments); }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         QVERIFY(ToolRunning::makeClip(clip("b.mkv"), 40));
         QVERIFY(ToolRunning::makeClip(clip("a.mkv"), 30));
     }
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void aReportHoldsThePageItsFilesAndEachInputsMapAndData()
     {
-        const ToolRunning::Result result = tool({"--report", out("report"), clip("b.mkv"), clip("a.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--report", out("report"), clip("b.mkv"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 0);
         QCOMPARE(entries(out("report")), (QStringList{"data", "index.html", "maps", "report.css", "report.js"}));
         QCOMPARE(entries(out("report/maps")), (QStringList{"1.legend.png", "1.png", "2.legend.png", "2.png"}));
@@ -106,7 +94,7 @@ private slots:
 
     void aSlicedReportHasACardForTheVideoAndForEachSliceWithItsWindow()
     {
-        const ToolRunning::Result result = tool({"--slice", "1s", "--report", out("report"), clip("b.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--slice", "1s", "--report", out("report"), clip("b.mkv")});
         QCOMPARE(result.exitCode, 0);
         // No map of the whole video among the maps, but one on its card. The clip's picture
         // changes once a second: its first slice holds no event and has no card.
@@ -125,7 +113,7 @@ private slots:
         QVERIFY(QDir(out("data")).mkpath("."));
         QCOMPARE(ToolRunning::run({"--quiet", "--data", "-o", out("data"), clip("a.mkv")}).exitCode, 0);
         const ToolRunning::Result result =
-            tool({"--combine", "both", "--report", out("report"), clip("b.mkv"), out("data/a.json")});
+            toolIntoMaps({"--combine", "both", "--report", out("report"), clip("b.mkv"), out("data/a.json")});
         QCOMPARE(result.exitCode, 0);
         QCOMPARE(entries(out("report/maps")),
                  (QStringList{"1.legend.png", "1.png", "2.legend.png", "2.png", "c.legend.png", "c.png"}));
@@ -143,7 +131,7 @@ private slots:
     void eachCardShowsTheStripOfItsMapsLegendBelowTheMap()
     {
         const ToolRunning::Result result =
-            tool({"--legend", "--report", out("report"), clip("a.mkv")});
+            toolIntoMaps({"--legend", "--report", out("report"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 0);
         const QImage map(out("maps/a.png"));
         const QImage legend(out("maps/a.legend.png"));
@@ -158,7 +146,7 @@ private slots:
 
     void aReportWithoutLegendOptionStillShowsTheStripButWritesNoLegendFile()
     {
-        const ToolRunning::Result result = tool({"--report", out("report"), clip("a.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--report", out("report"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 0);
         QVERIFY(!QFile::exists(out("maps/a.legend.png")));
         const QImage strip(out("report/maps/1.legend.png"));
@@ -168,27 +156,27 @@ private slots:
 
     void anEarlierReportIsKeptWithoutOverwriteAndNothingIsAnalysed()
     {
-        QCOMPARE(tool({"--report", out("report"), clip("a.mkv")}).exitCode, 0);
+        QCOMPARE(toolIntoMaps({"--report", out("report"), clip("a.mkv")}).exitCode, 0);
         const QByteArray before = ToolRunning::readAll(out("report/index.html"));
         QVERIFY(QDir(out("maps")).removeRecursively());
-        const ToolRunning::Result again = tool({"--report", out("report"), clip("a.mkv"), clip("b.mkv")});
+        const ToolRunning::Result again = toolIntoMaps({"--report", out("report"), clip("a.mkv"), clip("b.mkv")});
         QCOMPARE(again.exitCode, 2);
         QVERIFY2(again.err.contains("holds a report") && again.err.contains("--overwrite"), again.err.constData());
         QVERIFY(!QFile::exists(out("maps")));
         QCOMPARE(ToolRunning::readAll(out("report/index.html")), before);
 
         const ToolRunning::Result replaced =
-            tool({"--overwrite", "--report", out("report"), clip("a.mkv"), clip("b.mkv")});
+            toolIntoMaps({"--overwrite", "--report", out("report"), clip("a.mkv"), clip("b.mkv")});
         QCOMPARE(replaced.exitCode, 0);
         QVERIFY(ToolRunning::readAll(out("report/index.html")).contains(">b.mkv<"));
-        QCOMPARE(entries(m_out->path()), (QStringList{"maps", "report"}));
+        QCOMPARE(entries(outPath()), (QStringList{"maps", "report"}));
     }
 
     void aFolderOfOtherFilesIsNeverUsed()
     {
         QVERIFY(QDir().mkpath(out("mine")));
         QVERIFY(writeText(out("mine/index.html"), "my page"));
-        const ToolRunning::Result result = tool({"--overwrite", "--report", out("mine"), clip("a.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--overwrite", "--report", out("mine"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 2);
         QVERIFY2(result.err.contains(out("mine").toUtf8()), result.err.constData());
         QCOMPARE(ToolRunning::readAll(out("mine/index.html")), QByteArray("my page"));
@@ -198,7 +186,7 @@ private slots:
     void aFolderThatCannotBeWrittenFailsTheRunButTheMapsAreWritten()
     {
         QVERIFY(writeText(out("blocker"), "a file"));
-        const ToolRunning::Result result = tool({"--report", out("blocker/report"), clip("a.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--report", out("blocker/report"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 1);
         QCOMPARE(result.err.count('\n'), 1);
         QVERIFY2(result.err.contains("Can't write report folder") && result.err.contains(out("blocker/report").toUtf8()),
@@ -209,7 +197,7 @@ private slots:
 
     void anEmptyReportFolderNameIsAUsageError()
     {
-        const ToolRunning::Result result = tool({"--report", "", clip("a.mkv")});
+        const ToolRunning::Result result = toolIntoMaps({"--report", "", clip("a.mkv")});
         QCOMPARE(result.exitCode, 2);
         QVERIFY(result.err.contains("report folder"));
         QVERIFY(!QFile::exists(out("maps")));

@@ -6,14 +6,12 @@
 #include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <opencv2/core.hpp>
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 // The executable's colour scale (--scale): the window's scale by default, any top, or one
@@ -53,33 +51,24 @@ double sortedPercentile99(const cv::Mat& counts)
 
 } // namespace
 
-class TremoraMapScaleTest : public QObject {
+class TremoraMapScaleTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
-
-    QString clip() const { return m_clips.filePath("noisy.mkv"); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 120000);
-    }
+    using Folders::clip;
+    QString clip() const { return clip("noisy.mkv"); }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         // Noise makes events all over the picture, some pixels many more than others.
         QVERIFY(ToolRunning::makeClip(clip(), 200, QStringLiteral("96x64"), QStringLiteral(",noise=alls=40:allf=t")));
     }
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void theDefaultScaleGivesTheMapOfARunWithoutOptions()
@@ -101,7 +90,7 @@ private slots:
         const QImage expected = MotionMap::render(events, readBackground(out("noisy.background.png")), 40.0);
         QCOMPARE(QImage(out("noisy.png")).convertToFormat(QImage::Format_RGB888), expected);
         const QByteArray onForty = readAll(out("noisy.png"));
-        m_out = std::make_unique<QTemporaryDir>();
+        renew();
         QCOMPARE(tool({clip()}).exitCode, 0);
         QVERIFY(readAll(out("noisy.png")) != onForty);
     }
@@ -147,7 +136,7 @@ private slots:
         QCOMPARE(result.exitCode, 2);
         QVERIFY2(result.err.startsWith("tremora-map: Bad scale '" + value.toUtf8() + "' for --scale"),
                  result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList{"noisy.png"});
+        QCOMPARE(entries(outPath()), QStringList{"noisy.png"});
         QCOMPARE(readAll(out("noisy.png")), QByteArray("earlier"));
     }
 };

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 // The executable's maps per slice of time (--slice).
 namespace {
@@ -79,53 +78,42 @@ QImage mapFile(const QString& path)
 
 } // namespace
 
-class TremoraMapSliceTest : public QObject {
+class TremoraMapSliceTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
+public:
+    // A run that hangs fails its own test function before this test's time limit is up.
+    TremoraMapSliceTest() : Folders(60000) {}
+
 private:
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
-
-    QString clip() const { return m_clips.filePath("half.mkv"); }
-    QString out(const QString& name) const { return m_out->filePath(name); }
-
-    ToolRunning::Result tool(const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", m_out->path()} + arguments, 60000);
-    }
-
-    // The files of a run of each video alone, for the slices of a run of several to meet.
-    static ToolRunning::Result toolInto(const QTemporaryDir& folder, const QStringList& arguments)
-    {
-        return ToolRunning::run(QStringList{"--quiet", "--output-dir", folder.path()} + arguments, 60000);
-    }
+    using Folders::clip;
+    QString clip() const { return clip("half.mkv"); }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_clips.isValid());
+        QVERIFY(clipsReady());
         QVERIFY(makeSecondHalfClip(clip()));
-        QVERIFY(makeSecondHalfClip(m_clips.filePath("dated.mkv"), "2026-01-02T09:30:00.000000Z"));
-        QVERIFY(makeSecondHalfClip(m_clips.filePath("later.mkv"), "2026-01-02T09:30:01.000000Z"));
-        QVERIFY(makeBusyClip(m_clips.filePath("busy.mkv")));
-        QVERIFY(makePulseClip(m_clips.filePath("pulse.mkv")));
+        QVERIFY(makeSecondHalfClip(clip("dated.mkv"), "2026-01-02T09:30:00.000000Z"));
+        QVERIFY(makeSecondHalfClip(clip("later.mkv"), "2026-01-02T09:30:01.000000Z"));
+        QVERIFY(makeBusyClip(clip("busy.mkv")));
+        QVERIFY(makePulseClip(clip("pulse.mkv")));
     }
 
     void slicesADayApartThatShareAClockNameAreNotWrittenOverEachOther()
     {
-        const QString clip = m_clips.filePath("day.mkv");
-        QVERIFY(makeDayApartClip(clip));
-        const ToolRunning::Result result = tool({"--slice", "1h", "--overwrite", clip});
+        const QString day = clip("day.mkv");
+        QVERIFY(makeDayApartClip(day));
+        const ToolRunning::Result result = tool({"--slice", "1h", "--overwrite", day});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("day.slice-09h30m00s.png") && result.err.contains("a day apart"),
                  result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList());
+        QCOMPARE(entries(outPath()), QStringList());
     }
 
     void init()
     {
-        m_out = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_out->isValid());
+        QVERIFY(renew());
     }
 
     void aSliceWithoutMotionIsNotWrittenAndTheHotOneHoldsEveryEvent()
@@ -135,24 +123,24 @@ private slots:
         QVERIFY(cv::countNonZero(events) > 100);
         const QImage whole = MotionMap::render(events, readBackground(out("half.background.png")), 4.0);
 
-        m_out = std::make_unique<QTemporaryDir>();
+        renew();
         QCOMPARE(tool({"--slice", "2s", "--scale", "4", clip()}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), QStringList{"half.slice-00h00m02s.png"});
+        QCOMPARE(entries(outPath()), QStringList{"half.slice-00h00m02s.png"});
         QCOMPARE(QImage(out("half.slice-00h00m02s.png")).convertToFormat(QImage::Format_RGB888), whole);
     }
 
     void slicesAreNamedByTheirStartFromTheVideosStart()
     {
         QCOMPARE(tool({"--slice", "1", "--format", "bmp", clip()}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), (QStringList{"half.slice-00h00m02s.bmp", "half.slice-00h00m03s.bmp"}));
-        for (const QString& name : entries(m_out->path()))
+        QCOMPARE(entries(outPath()), (QStringList{"half.slice-00h00m02s.bmp", "half.slice-00h00m03s.bmp"}));
+        for (const QString& name : entries(outPath()))
             QVERIFY(!QImage(out(name)).isNull());
     }
 
     void slicesAreNamedByClockTimeWhenTheVideoRecordsIt()
     {
-        QCOMPARE(tool({"--slice", "1s", m_clips.filePath("dated.mkv")}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()), (QStringList{"dated.slice-09h30m02s.png", "dated.slice-09h30m03s.png"}));
+        QCOMPARE(tool({"--slice", "1s", clip("dated.mkv")}).exitCode, 0);
+        QCOMPARE(entries(outPath()), (QStringList{"dated.slice-09h30m02s.png", "dated.slice-09h30m03s.png"}));
     }
 
     void anExistingSliceIsReplacedOnlyWhenAsked()
@@ -171,13 +159,13 @@ private slots:
 
     void twoVideosOfOneNameDoNotWriteTheSameSlices()
     {
-        QDir(m_clips.path()).mkpath("other");
-        const QString twin = m_clips.filePath("other/half.mkv");
+        QDir(clipsPath()).mkpath("other");
+        const QString twin = clip("other/half.mkv");
         QVERIFY(QFile::exists(twin) || QFile::copy(clip(), twin));
         const ToolRunning::Result result = tool({"--slice", "2s", clip(), twin});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("would both write"), result.err.constData());
-        QCOMPARE(entries(m_out->path()), QStringList{"half.slice-00h00m02s.png"});
+        QCOMPARE(entries(outPath()), QStringList{"half.slice-00h00m02s.png"});
     }
 
     void slicesWithDataKeepTheirExactCountsWhichAddUpToTheVideos()
@@ -185,7 +173,7 @@ private slots:
         QCOMPARE(tool({"--data", "--slice", "1s", clip()}).exitCode, 0);
         const QStringList slices{"half.slice-00h00m02s", "half.slice-00h00m03s"};
         for (const QString& slice : slices)
-            QVERIFY2(entries(m_out->path()).contains(slice + ".events.png"), qPrintable(slice));
+            QVERIFY2(entries(outPath()).contains(slice + ".events.png"), qPrintable(slice));
         QVERIFY(!QFile::exists(out("half.png")));
         const cv::Mat background = readBackground(out("half.background.png"));
         std::vector<cv::Mat> events;
@@ -200,7 +188,7 @@ private slots:
 
     void autoScaleIsChosenOverEverySliceOfTheRun()
     {
-        const QString pulse = m_clips.filePath("pulse.mkv");
+        const QString pulse = clip("pulse.mkv");
         QCOMPARE(tool({"--data", "--slice", "5s", "--scale", "auto", clip(), pulse}).exitCode, 0);
         const QList<QPair<QString, QString>> slices{{"half.slice-00h00m00s", "half"},
                                                     {"pulse.slice-00h00m00s", "pulse"},
@@ -222,7 +210,7 @@ private slots:
     void eachSliceHasItsLegendWithTheSliceMapAboveIt()
     {
         QCOMPARE(tool({"--legend", "--slice", "2s", clip()}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()),
+        QCOMPARE(entries(outPath()),
                  (QStringList{"half.slice-00h00m02s.legend.png", "half.slice-00h00m02s.png"}));
         const QImage map = mapFile(out("half.slice-00h00m02s.png"));
         const QImage legend = mapFile(out("half.slice-00h00m02s.legend.png"));
@@ -234,12 +222,13 @@ private slots:
 
     void combinedSlicesRunBackToBackOverTheBackgroundOfTheInputTheyStartIn()
     {
-        const QString busy = m_clips.filePath("busy.mkv");
+        const QString busy = clip("busy.mkv");
+        // Each video's own slices, for the combined ones to meet.
         QTemporaryDir alone;
-        QCOMPARE(toolInto(alone, {"--data", "--slice", "2s", clip(), busy}).exitCode, 0);
+        QCOMPARE(toolInto(alone.path(), {"--data", "--slice", "2s", clip(), busy}).exitCode, 0);
         QCOMPARE(tool({"--combine", "all", "--data", "--slice", "2s", clip(), busy}).exitCode, 0);
         // The grey clip covers 0-4 s of the line and the busy one 4-8 s.
-        QCOMPARE(entries(m_out->path()),
+        QCOMPARE(entries(outPath()),
                  (QStringList{"all.activity.csv", "all.events.png", "all.json", "all.slice-00h00m02s.events.png",
                               "all.slice-00h00m02s.png", "all.slice-00h00m04s.events.png", "all.slice-00h00m04s.png",
                               "all.slice-00h00m06s.events.png", "all.slice-00h00m06s.png"}));
@@ -258,13 +247,13 @@ private slots:
     {
         // The later clip starts a second after the first: its events of 2-3 s fall in the
         // line's slice 2-4 s with all of the first clip's, those of 3-4 s in the next.
-        const QString first = m_clips.filePath("dated.mkv");
-        const QString later = m_clips.filePath("later.mkv");
+        const QString first = clip("dated.mkv");
+        const QString later = clip("later.mkv");
         QTemporaryDir alone;
-        QCOMPARE(toolInto(alone, {"--data", "--slice", "1s", later}).exitCode, 0);
-        QCOMPARE(toolInto(alone, {"--data", first}).exitCode, 0);
+        QCOMPARE(toolInto(alone.path(), {"--data", "--slice", "1s", later}).exitCode, 0);
+        QCOMPARE(toolInto(alone.path(), {"--data", first}).exitCode, 0);
         QCOMPARE(tool({"--combine", "day", "--data", "--slice", "2s", first, later}).exitCode, 0);
-        QCOMPARE(entries(m_out->path()).filter("slice"),
+        QCOMPARE(entries(outPath()).filter("slice"),
                  (QStringList{"day.slice-09h30m02s.events.png", "day.slice-09h30m02s.png",
                               "day.slice-09h30m04s.events.png", "day.slice-09h30m04s.png"}));
         const cv::Mat expectedFirst =
@@ -299,7 +288,7 @@ private slots:
         const QList<QByteArray> lines = result.err.split('\n');
         QCOMPARE(lines.size(), 3);
         QVERIFY2(lines[1].startsWith("Try 'tremora-map --help'"), result.err.constData());
-        QVERIFY(entries(m_out->path()).isEmpty());
+        QVERIFY(entries(outPath()).isEmpty());
     }
 };
 

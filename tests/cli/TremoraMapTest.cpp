@@ -17,7 +17,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -87,7 +86,7 @@ private:
 
 } // namespace
 
-class TremoraMapTest : public QObject {
+class TremoraMapTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
 
 private slots:
@@ -118,23 +117,16 @@ private slots:
     void interruptCancelsTheRunningFileAndKeepsEarlierMaps();
     void progressIsRedrawnInPlaceOnATerminal();
     void toolDoesNotNeedTheWidgetsLibrary();
-
-private:
-    QString clip(const QString& name) const { return m_clips.filePath(name); }
-    QString out(const QString& name) const { return QDir(m_out->path()).filePath(name); }
-
-    QTemporaryDir m_clips;
-    std::unique_ptr<QTemporaryDir> m_out;
 };
 
 void TremoraMapTest::initTestCase()
 {
-    QVERIFY(m_clips.isValid());
+    QVERIFY(clipsReady());
     QVERIFY(QFile::exists(QStringLiteral(TREMORA_MAP_EXECUTABLE)));
     QVERIFY(ToolRunning::makeClip(clip("clip.part1.mkv"), 40));
     QVERIFY(ToolRunning::makeClip(clip("other.mkv"), 30, QStringLiteral("80x60")));
     QVERIFY(ToolRunning::makeClip(clip("noisy.mkv"), 30, QStringLiteral("96x64"), QStringLiteral(",noise=alls=30:allf=t")));
-    QVERIFY(QDir(m_clips.path()).mkpath("second"));
+    QVERIFY(QDir(clipsPath()).mkpath("second"));
     QVERIFY(ToolRunning::makeClip(clip("second/clip.mkv"), 25, QStringLiteral("64x48")));
     // Long enough to be still running when the test reacts to its start.
     QVERIFY(ToolRunning::makeClip(clip("long.mkv"), 1500, QStringLiteral("320x240")));
@@ -144,8 +136,7 @@ void TremoraMapTest::initTestCase()
 
 void TremoraMapTest::init()
 {
-    m_out = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_out->isValid());
+    QVERIFY(renew());
 }
 
 void TremoraMapTest::helpPrintsTheManualOnStandardOutput()
@@ -192,14 +183,14 @@ void TremoraMapTest::usageErrorsExitWithTwoAndWriteNothing()
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, mentioned);
     arguments.replaceInStrings(QStringLiteral("VIDEO"), clip("clip.part1.mkv"));
-    const ToolRunning::Result result = ToolRunning::run(QStringList{"--output-dir", m_out->path()} + arguments);
+    const ToolRunning::Result result = ToolRunning::run(QStringList{"--output-dir", outPath()} + arguments);
     QVERIFY(result.finished);
     QCOMPARE(result.exitCode, 2);
     QVERIFY(result.out.isEmpty());
     QVERIFY2(result.err.startsWith("tremora-map: "), result.err.constData());
     QVERIFY2(result.err.contains(mentioned), result.err.constData());
     QVERIFY(result.err.contains("Try 'tremora-map --help' for more information.\n"));
-    QVERIFY(entries(m_out->path()).isEmpty());
+    QVERIFY(entries(outPath()).isEmpty());
 }
 
 void TremoraMapTest::mapIsNamedAfterTheBaseNameBesideTheVideo()
@@ -217,7 +208,7 @@ void TremoraMapTest::mapIsNamedAfterTheBaseNameBesideTheVideo()
 void TremoraMapTest::relativeVideoGetsItsMapInItsOwnFolder()
 {
     QProcess process;
-    process.setWorkingDirectory(m_clips.path());
+    process.setWorkingDirectory(clipsPath());
     process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), {"--quiet", "second/clip.mkv"});
     QVERIFY(process.waitForFinished(60000));
     QCOMPARE(process.exitCode(), 0);
@@ -240,22 +231,22 @@ void TremoraMapTest::existingMapIsLeftUntouchedWithoutOverwrite()
 {
     const QByteArray precious("not a map, but someone's file");
     QVERIFY(write(out("clip.png"), precious));
-    const ToolRunning::Result result = ToolRunning::run({"-o", m_out->path(), clip("clip.part1.mkv"), clip("other.mkv")});
+    const ToolRunning::Result result = ToolRunning::run({"-o", outPath(), clip("clip.part1.mkv"), clip("other.mkv")});
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(readAll(out("clip.png")), precious);
     QVERIFY(result.err.contains(out("clip.png").toUtf8()));
     QVERIFY(!result.err.contains(clip("clip.part1.mkv").toUtf8() + ": started"));
-    QCOMPARE(entries(m_out->path()), (QStringList{"clip.png", "other.png"}));
+    QCOMPARE(entries(outPath()), (QStringList{"clip.png", "other.png"}));
 }
 
 void TremoraMapTest::overwriteReplacesTheExistingMap()
 {
     QVERIFY(write(out("clip.png"), "an old map"));
-    const ToolRunning::Result result = ToolRunning::run({"--overwrite", "-o", m_out->path(), clip("clip.part1.mkv")});
+    const ToolRunning::Result result = ToolRunning::run({"--overwrite", "-o", outPath(), clip("clip.part1.mkv")});
     QCOMPARE(result.exitCode, 0);
     const QImage map(out("clip.png"));
     QCOMPARE(map.size(), QSize(96, 64));
-    QCOMPARE(entries(m_out->path()), QStringList{"clip.png"});
+    QCOMPARE(entries(outPath()), QStringList{"clip.png"});
 }
 
 void TremoraMapTest::twoInputsWithOneBaseNameWriteOnlyTheFirst()
@@ -264,9 +255,9 @@ void TremoraMapTest::twoInputsWithOneBaseNameWriteOnlyTheFirst()
     QCOMPARE(ToolRunning::run({"-o", alone.path(), clip("clip.part1.mkv")}).exitCode, 0);
     const QByteArray firstAlone = readAll(QDir(alone.path()).filePath("clip.png"));
 
-    const ToolRunning::Result result = ToolRunning::run({"-o", m_out->path(), clip("clip.part1.mkv"), clip("second/clip.mkv")});
+    const ToolRunning::Result result = ToolRunning::run({"-o", outPath(), clip("clip.part1.mkv"), clip("second/clip.mkv")});
     QCOMPARE(result.exitCode, 1);
-    QCOMPARE(entries(m_out->path()), QStringList{"clip.png"});
+    QCOMPARE(entries(outPath()), QStringList{"clip.png"});
     QCOMPARE(readAll(out("clip.png")), firstAlone);
     QVERIFY(result.err.contains(clip("second/clip.mkv").toUtf8() + "' is not analysed"));
     QVERIFY(!result.err.contains(clip("second/clip.mkv").toUtf8() + ": started"));
@@ -287,20 +278,20 @@ void TremoraMapTest::failingInputAmongGoodOnesExitsOneAndWritesTheGoodMaps()
 void TremoraMapTest::unwritableMapIsReportedAndLeavesNothingBehind()
 {
     // A folder where the map should go cannot be replaced by a file, whoever runs the test.
-    QVERIFY(QDir(m_out->path()).mkpath("clip.png/kept"));
-    const ToolRunning::Result result = ToolRunning::run({"--overwrite", "-o", m_out->path(), clip("clip.part1.mkv"), clip("other.mkv")});
+    QVERIFY(QDir(outPath()).mkpath("clip.png/kept"));
+    const ToolRunning::Result result = ToolRunning::run({"--overwrite", "-o", outPath(), clip("clip.part1.mkv"), clip("other.mkv")});
     QCOMPARE(result.exitCode, 1);
     QVERIFY(result.err.contains("Can't save image file '" + out("clip.png").toUtf8() + "'\n"));
-    QCOMPARE(entries(m_out->path()), (QStringList{"clip.png", "other.png"}));
+    QCOMPARE(entries(outPath()), (QStringList{"clip.png", "other.png"}));
     QCOMPARE(entries(out("clip.png")), QStringList{"kept"});
 }
 
 void TremoraMapTest::jpgAndBmpMapsLoadBack()
 {
-    QCOMPARE(ToolRunning::run({"-o", m_out->path(), clip("clip.part1.mkv")}).exitCode, 0);
-    QCOMPARE(ToolRunning::run({"-f", "jpg", "-o", m_out->path(), clip("clip.part1.mkv")}).exitCode, 0);
-    QCOMPARE(ToolRunning::run({"--format=bmp", "-o", m_out->path(), clip("clip.part1.mkv")}).exitCode, 0);
-    QCOMPARE(entries(m_out->path()), (QStringList{"clip.bmp", "clip.jpg", "clip.png"}));
+    QCOMPARE(ToolRunning::run({"-o", outPath(), clip("clip.part1.mkv")}).exitCode, 0);
+    QCOMPARE(ToolRunning::run({"-f", "jpg", "-o", outPath(), clip("clip.part1.mkv")}).exitCode, 0);
+    QCOMPARE(ToolRunning::run({"--format=bmp", "-o", outPath(), clip("clip.part1.mkv")}).exitCode, 0);
+    QCOMPARE(entries(outPath()), (QStringList{"clip.bmp", "clip.jpg", "clip.png"}));
 
     QImageReader jpg(out("clip.jpg"));
     QCOMPARE(jpg.format(), QByteArray("jpeg"));
@@ -314,16 +305,16 @@ void TremoraMapTest::jpgAndBmpMapsLoadBack()
 void TremoraMapTest::jobsZeroAnalysesEveryFile()
 {
     const ToolRunning::Result result = ToolRunning::run(
-        {"--jobs", "0", "-o", m_out->path(), clip("clip.part1.mkv"), clip("other.mkv"), clip("noisy.mkv")});
+        {"--jobs", "0", "-o", outPath(), clip("clip.part1.mkv"), clip("other.mkv"), clip("noisy.mkv")});
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(entries(m_out->path()), (QStringList{"clip.png", "noisy.png", "other.png"}));
+    QCOMPARE(entries(outPath()), (QStringList{"clip.png", "noisy.png", "other.png"}));
 }
 
 void TremoraMapTest::countsAndBackgroundRebuildTheMap()
 {
-    const ToolRunning::Result result = ToolRunning::run({"--counts", "--background", "-o", m_out->path(), clip("clip.part1.mkv")});
+    const ToolRunning::Result result = ToolRunning::run({"--counts", "--background", "-o", outPath(), clip("clip.part1.mkv")});
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(entries(m_out->path()), (QStringList{"clip.background.png", "clip.counts.png", "clip.png"}));
+    QCOMPARE(entries(outPath()), (QStringList{"clip.background.png", "clip.counts.png", "clip.png"}));
     const QImage counts(out("clip.counts.png"));
     QCOMPARE(counts.format(), QImage::Format_Grayscale8);
     const QImage background = rgb(out("clip.background.png"));
@@ -346,7 +337,7 @@ void TremoraMapTest::noBlurChangesTheMapOfANoisyClip()
 
 void TremoraMapTest::videoWithoutFramesGivesABlackMap()
 {
-    const ToolRunning::Result result = ToolRunning::run({"-o", m_out->path(), clip("empty.avi")});
+    const ToolRunning::Result result = ToolRunning::run({"-o", outPath(), clip("empty.avi")});
     QCOMPARE(result.exitCode, 0);
     const QImage map = rgb(out("empty.png"));
     QCOMPARE(map.size(), QSize(64, 48));
@@ -357,12 +348,12 @@ void TremoraMapTest::videoWithoutFramesGivesABlackMap()
 
 void TremoraMapTest::quietPrintsNothingButErrors()
 {
-    const ToolRunning::Result success = ToolRunning::run({"-q", "-o", m_out->path(), clip("clip.part1.mkv")});
+    const ToolRunning::Result success = ToolRunning::run({"-q", "-o", outPath(), clip("clip.part1.mkv")});
     QCOMPARE(success.exitCode, 0);
     QVERIFY2(success.err.isEmpty(), success.err.constData());
     QVERIFY(success.out.isEmpty());
 
-    const ToolRunning::Result failure = ToolRunning::run({"--quiet", "-o", m_out->path(), clip("other.mkv"), clip("missing.mkv")});
+    const ToolRunning::Result failure = ToolRunning::run({"--quiet", "-o", outPath(), clip("other.mkv"), clip("missing.mkv")});
     QCOMPARE(failure.exitCode, 1);
     QCOMPARE(failure.err, "Can't open video file '" + clip("missing.mkv").toUtf8() + "'\n");
     QVERIFY(QFile::exists(out("other.png")));
@@ -370,7 +361,7 @@ void TremoraMapTest::quietPrintsNothingButErrors()
 
 void TremoraMapTest::plainLinesWhenStandardErrorIsNoTerminal()
 {
-    const ToolRunning::Result result = ToolRunning::run({"--jobs", "1", "-o", m_out->path(), clip("clip.part1.mkv"), clip("other.mkv")});
+    const ToolRunning::Result result = ToolRunning::run({"--jobs", "1", "-o", outPath(), clip("clip.part1.mkv"), clip("other.mkv")});
     QCOMPARE(result.exitCode, 0);
     const QByteArray expected = clip("clip.part1.mkv").toUtf8() + ": started\n"
         + clip("clip.part1.mkv").toUtf8() + ": done -> " + out("clip.png").toUtf8() + "\n"
@@ -393,7 +384,7 @@ void TremoraMapTest::interruptCancelsTheRunningFileAndKeepsEarlierMaps()
     QFETCH(int, signalNumber);
     QProcess process;
     process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE),
-                  {"--jobs", "1", "--counts", "-o", m_out->path(), clip("other.mkv"), clip("long.mkv"), clip("clip.part1.mkv")});
+                  {"--jobs", "1", "--counts", "-o", outPath(), clip("other.mkv"), clip("long.mkv"), clip("clip.part1.mkv")});
     QVERIFY(process.waitForStarted());
 
     const QByteArray earlierDone = clip("other.mkv").toUtf8() + ": done -> ";
@@ -419,7 +410,7 @@ void TremoraMapTest::interruptCancelsTheRunningFileAndKeepsEarlierMaps()
     QVERIFY2(err.contains(clip("long.mkv").toUtf8() + ": canceled\n"), err.constData());
     QVERIFY(err.contains(clip("clip.part1.mkv").toUtf8() + ": canceled\n"));
     // The earlier file's map and counts are exactly as written; nothing else is there.
-    QCOMPARE(entries(m_out->path()), (QStringList{"other.counts.png", "other.png"}));
+    QCOMPARE(entries(outPath()), (QStringList{"other.counts.png", "other.png"}));
     QCOMPARE(readAll(out("other.png")), earlierMap);
 }
 
@@ -429,7 +420,7 @@ void TremoraMapTest::progressIsRedrawnInPlaceOnATerminal()
     QVERIFY(!terminal.slaveName().isEmpty());
     QProcess process;
     process.setStandardErrorFile(terminal.slaveName());
-    process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), {"-o", m_out->path(), clip("long.mkv")});
+    process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), {"-o", outPath(), clip("long.mkv")});
     QVERIFY(process.waitForStarted());
 
     QByteArray screen;
