@@ -1,5 +1,7 @@
 #include "MixtureModel.h"
 
+#include "LargePages.h"
+
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 
@@ -12,7 +14,6 @@
 #include <new>
 #include <vector>
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #if defined(__GNUC__) && defined(__x86_64__)
@@ -224,24 +225,6 @@ std::size_t roundUp(std::size_t value, std::size_t step)
     return (value + step - 1) / step * step;
 }
 
-// Fresh zeroed memory of `bytes` (whole pages), starting on a large page's boundary so that
-// large pages can back all of it.
-std::uint8_t* mapOnLargePageBoundary(std::size_t bytes)
-{
-    constexpr std::size_t kLargePage = std::size_t{2} << 20;
-    const std::size_t reserved = bytes + kLargePage;
-    void* memory = mmap(nullptr, reserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        throw std::bad_alloc();
-    auto* const start = static_cast<std::uint8_t*>(memory);
-    const std::size_t lead = roundUp(reinterpret_cast<std::uintptr_t>(start), kLargePage)
-                             - reinterpret_cast<std::uintptr_t>(start);
-    if (lead > 0)
-        munmap(start, lead);
-    munmap(start + lead + bytes, kLargePage - lead);
-    return start + lead;
-}
-
 } // namespace
 
 void MixtureModel::setAvx2Allowed(bool allowed)
@@ -261,8 +244,7 @@ MixtureModel::~MixtureModel()
 
 void MixtureModel::release()
 {
-    if (m_memory)
-        munmap(m_memory, m_bytes);
+    LargePages::unmap(m_memory, m_bytes);
     m_memory = nullptr;
     m_bytes = 0;
 }
@@ -280,14 +262,12 @@ void MixtureModel::start(cv::Size size)
     m_blocksOffset = m_extraModesOffset + roundUp(groups * (kModes - 1) * sizeof(std::uint32_t), page);
     // Room for every group to have all its modes, plus the block never handed out.
     m_bytes = m_blocksOffset + roundUp((groups * (kModes - 1) + 1) * kBlockFloats * sizeof(float), page);
-    // Fresh anonymous pages cost nothing until written, so blocks never handed out never
-    // become resident.
-    m_memory = mapOnLargePageBoundary(m_bytes);
-    // Large pages where the system allows: a fault of a small page costs about as much as
-    // clearing a large one, and on a virtual machine far more. Blocks are handed out in
-    // order, so those handed out lie at the start of their part, and only its last large
-    // page holds any never used.
-    madvise(m_memory, m_bytes, MADV_HUGEPAGE);
+    // Fresh pages cost nothing until written, so blocks never handed out never become
+    // resident. Large pages back all of it, blocks included: those are handed out in order,
+    // so only the last large page of them holds blocks never used.
+    m_memory = static_cast<std::uint8_t*>(LargePages::map(m_bytes));
+    if (!m_memory)
+        throw std::bad_alloc();
     // The mode counts, the first modes and the block numbers are used by every group from the
     // first frame on. Writing them now spares each of their pages a fault on the first read
     // and a second one, which flushes every core's address cache, on the first write.
