@@ -159,6 +159,10 @@ FrameRates ratesForFrame(int frame)
     return FrameRates{alpha, 1.0f - alpha, prune, -prune};
 }
 
+// Stripes of rows a thread fills when the background image is fetched: a few each, so that a
+// thread that gets its core late leaves its share to the others.
+constexpr int kBackgroundStripesPerThread = 4;
+
 // Pixels a thread learns in one go: many groups, so that the library's stripes stay large.
 constexpr std::size_t kChunkPixels = 1024;
 
@@ -333,19 +337,22 @@ void MixtureModel::touchPages(std::uint8_t* memory, std::size_t bytes)
     m_parallel.run(stripes, std::cref(touchStripe));
 }
 
+namespace {
+
+// The background of row `y` (`width` pixels, the row's model positions starting at
+// `rowStart`): per pixel, the weighted mean of its heaviest modes up to the background's
+// share of the weight, as the library computes it.
 template <typename Value>
-void MixtureModel::fillBackground(cv::Mat& background) const
+void fillBackgroundRow(const ModelMemory& model, std::size_t rowStart, int width, Value* out)
 {
-    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
-    for (int y = 0; y < m_size.height; ++y) {
-        Value* out = background.ptr<Value>(y);
-        for (int x = 0; x < m_size.width; ++x) {
-            const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride) + x;
-            const Group group = groupAt(model, at);
-            const std::size_t lane = at % kLanes;
+    for (int groupStart = 0; groupStart < width; groupStart += kLanes) {
+        const Group group = groupAt(model, rowStart + static_cast<std::size_t>(groupStart));
+        const int lanes = std::min(kLanes, width - groupStart);
+        for (int lane = 0; lane < lanes; ++lane) {
+            const int x = groupStart + lane;
             float sum[kChannels] = {0.0f, 0.0f, 0.0f};
             float totalWeight = 0.0f;
-            for (int mode = 0; mode < model.usedModes[at]; ++mode) {
+            for (int mode = 0; mode < model.usedModes[rowStart + static_cast<std::size_t>(x)]; ++mode) {
                 const float* fields = group.mode[mode];
                 const float weight = fields[kWeight * kLanes + lane];
                 for (int channel = 0; channel < kChannels; ++channel)
@@ -359,6 +366,24 @@ void MixtureModel::fillBackground(cv::Mat& background) const
                 out[kChannels * x + channel] = cv::saturate_cast<Value>(sum[channel] * scale);
         }
     }
+}
+
+} // namespace
+
+// Rows are filled on the model's threads: the image is fetched while the pass waits for it.
+template <typename Value>
+void MixtureModel::fillBackground(cv::Mat& background) const
+{
+    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
+    const int rows = m_size.height;
+    const int stripes = std::min(rows, kBackgroundStripesPerThread * (m_parallel.helpers() + 1));
+    const auto fillStripe = [&](int stripe) {
+        const int end = ParallelStripes::firstOf(stripe + 1, stripes, rows);
+        for (int y = ParallelStripes::firstOf(stripe, stripes, rows); y < end; ++y)
+            fillBackgroundRow(model, static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride), m_size.width,
+                              background.ptr<Value>(y));
+    };
+    m_parallel.run(stripes, std::cref(fillStripe));
 }
 
 void MixtureModel::backgroundImage(cv::Mat& background, int depth) const
