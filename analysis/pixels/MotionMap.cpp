@@ -1,6 +1,11 @@
 #include "MotionMap.h"
 
+#include "ParallelStripes.h"
+
+#include <opencv2/core/utility.hpp>
+
 #include <algorithm>
+#include <functional>
 
 namespace {
 
@@ -138,6 +143,29 @@ void renderExactRow(const Count* counts, const unsigned char* background, unsign
     }
 }
 
+// Maps from this many pixels on are rendered on several threads.
+constexpr int kParallelPixels = 1 << 18;
+constexpr int kStripesPerThread = 4;
+
+// Calls renderRows(first, end) for stripes of the `rows` rows of a map `columns` wide that
+// together cover every row once; on as many threads as the library's for a large map, since
+// the map is rendered while its user waits, after everything else has finished.
+void renderInStripes(int rows, int columns, const std::function<void(int, int)>& renderRows)
+{
+    const bool large = static_cast<long long>(rows) * columns >= kParallelPixels;
+    const int threads = large ? std::max(cv::getNumThreads(), 1) : 1;
+    if (threads == 1) {
+        renderRows(0, rows);
+        return;
+    }
+    ParallelStripes parallel(threads - 1);
+    const int stripes = std::min(rows, kStripesPerThread * threads);
+    const auto renderStripe = [&](int stripe) {
+        renderRows(ParallelStripes::firstOf(stripe, stripes, rows), ParallelStripes::firstOf(stripe + 1, stripes, rows));
+    };
+    parallel.run(stripes, std::cref(renderStripe));
+}
+
 } // namespace
 
 const std::array<unsigned char, 256> ColorMap_R = makeTable(red);
@@ -163,13 +191,19 @@ QImage MotionMap::render(const cv::Mat& eventCounts, const cv::Mat& background, 
     QImage map = blankMap(background);
     if (map.isNull())
         return {};
-    for (int y = 0; y < background.rows; ++y) {
-        const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
-        if (eventCounts.type() == CV_16UC1)
-            renderExactRow(eventCounts.ptr<std::uint16_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
-        else
-            renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
-    }
+    // The rows' addresses are taken here: scanLine() of a writable image is for one thread.
+    unsigned char* const bits = map.bits();
+    const qsizetype bytesPerLine = map.bytesPerLine();
+    renderInStripes(background.rows, background.cols, [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
+            const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
+            unsigned char* out = bits + y * bytesPerLine;
+            if (eventCounts.type() == CV_16UC1)
+                renderExactRow(eventCounts.ptr<std::uint16_t>(y), backgroundRow, out, background.cols, scale);
+            else
+                renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, out, background.cols, scale);
+        }
+    });
     return map;
 }
 
@@ -181,8 +215,12 @@ QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
     if (map.isNull())
         return {};
     static const CountColours colours = makeCountColours();
-    for (int y = 0; y < background.rows; ++y)
-        renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y),
-                  background.cols);
+    unsigned char* const bits = map.bits();
+    const qsizetype bytesPerLine = map.bytesPerLine();
+    renderInStripes(background.rows, background.cols, [&](int first, int end) {
+        for (int y = first; y < end; ++y)
+            renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y),
+                      bits + y * bytesPerLine, background.cols);
+    });
     return map;
 }

@@ -170,6 +170,19 @@ private slots:
         }
     }
 
+    void largeMapRenderedOnSeveralThreadsMatchesReference()
+    {
+        // Above the size from which rows are shared out, with rows that do not split evenly.
+        std::mt19937 random(13);
+        const cv::Mat counts = randomCounts(401, 700, random);
+        const cv::Mat background = randomMatrix(401, 700, CV_8UC3, random);
+        const QImage map = MotionMap::render(counts, background);
+        QCOMPARE(map, Reference::renderMap(counts, background));
+        cv::Mat sixteen;
+        counts.convertTo(sixteen, CV_16UC1);
+        QCOMPARE(MotionMap::render(sixteen, background, MotionMap::kDefaultScale), map);
+    }
+
     void defaultScaleGivesTheWindowsIntensityForEveryCount()
     {
         for (int count = 0; count < 300; ++count)
