@@ -14,7 +14,8 @@ namespace LargePages {
 constexpr std::size_t kLargePage = std::size_t{2} << 20;
 
 // `bytes` of zeroed memory starting on a large page's boundary; null when the system has
-// none to give.
+// none to give. Its end is rounded up to a whole large page where that adds at most an
+// eighth of `bytes`.
 void* map(std::size_t bytes);
 
 // Gives back memory from map(), with the same `bytes`.
