@@ -323,16 +323,20 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
     m_parallel.run(stripes, std::cref(learnStripe));
 }
 
-// Writes zeros, which a new mapping holds already, over every page of the `bytes` at
-// `memory`. Each new page costs the system a fault and a clear, which on a virtual machine may
-// wait for the host: the model's threads share them, a large page each at a time.
+// Writes a zero, which a new mapping holds already, into every small page of the `bytes` at
+// `memory`: the system clears each page it maps, so one write a page makes it resident
+// without clearing it a second time. Each new page costs the system a fault and a clear,
+// which on a virtual machine may wait for the host: the model's threads share them, a large
+// page each at a time.
 void MixtureModel::touchPages(std::uint8_t* memory, std::size_t bytes)
 {
-    constexpr std::size_t kStripeBytes = std::size_t{2} << 20;
-    const int stripes = static_cast<int>(roundUp(bytes, kStripeBytes) / kStripeBytes);
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const int stripes = static_cast<int>(roundUp(bytes, LargePages::kLargePage) / LargePages::kLargePage);
     const auto touchStripe = [&](int stripe) {
-        const std::size_t begin = static_cast<std::size_t>(stripe) * kStripeBytes;
-        std::memset(memory + begin, 0, std::min(kStripeBytes, bytes - begin));
+        const std::size_t begin = static_cast<std::size_t>(stripe) * LargePages::kLargePage;
+        const std::size_t end = std::min(begin + LargePages::kLargePage, bytes);
+        for (std::size_t at = begin; at < end; at += page)
+            memory[at] = 0;
     };
     m_parallel.run(stripes, std::cref(touchStripe));
 }
