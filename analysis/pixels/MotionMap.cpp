@@ -1,16 +1,27 @@
 #include "MotionMap.h"
 
+#include "LargePages.h"
 #include "ParallelStripes.h"
 
 #include <opencv2/core/utility.hpp>
 
 #include <algorithm>
+#include <climits>
+#include <cstddef>
 #include <functional>
 
 namespace {
 
 // 96 dots per inch in the dots per metre that image files record.
 constexpr int kDotsPerMeter96Dpi = 3780;
+// Maps from this many pixels on are rendered on several threads, into large pages.
+constexpr int kParallelPixels = 1 << 18;
+
+// Pixels of a map mapped by LargePages.
+struct LargeBuffer {
+    void* memory;
+    std::size_t bytes;
+};
 
 using ColorTable = std::array<unsigned char, 256>;
 
@@ -77,9 +88,33 @@ bool matchesExact(const cv::Mat& eventCounts, const cv::Mat& background)
         && eventCounts.size() == background.size();
 }
 
+void unmapPixels(void* pixels)
+{
+    auto* buffer = static_cast<LargeBuffer*>(pixels);
+    LargePages::unmap(buffer->memory, buffer->bytes);
+    delete buffer;
+}
+
+// A large map's pixels lie in large pages: it is written once, from end to end, while its user
+// waits, and its small pages would each cost a fault.
+QImage mapImage(int width, int height)
+{
+    const long long rowBytes = (3LL * width + 3) / 4 * 4;
+    if (static_cast<long long>(width) * height < kParallelPixels || rowBytes > INT_MAX)
+        return QImage(width, height, QImage::Format_RGB888);
+    auto* buffer = new LargeBuffer{nullptr, static_cast<std::size_t>(rowBytes) * static_cast<std::size_t>(height)};
+    buffer->memory = LargePages::map(buffer->bytes);
+    if (!buffer->memory) {
+        delete buffer;
+        return {};
+    }
+    return QImage(static_cast<uchar*>(buffer->memory), width, height, static_cast<int>(rowBytes),
+                  QImage::Format_RGB888, unmapPixels, buffer);
+}
+
 QImage blankMap(const cv::Mat& background)
 {
-    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    QImage map = mapImage(background.cols, background.rows);
     if (map.isNull())
         return {};
     // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
@@ -143,8 +178,6 @@ void renderExactRow(const Count* counts, const unsigned char* background, unsign
     }
 }
 
-// Maps from this many pixels on are rendered on several threads.
-constexpr int kParallelPixels = 1 << 18;
 constexpr int kStripesPerThread = 4;
 
 // Calls renderRows(first, end) for stripes of the `rows` rows of a map `columns` wide that

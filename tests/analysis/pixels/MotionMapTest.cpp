@@ -1,8 +1,10 @@
+#include "LargePages.h"
 #include "MotionMap.h"
 #include "ReferenceMotion.h"
 
 #include <QtTest>
 
+#include <cstdint>
 #include <random>
 
 namespace {
@@ -170,7 +172,7 @@ private slots:
         }
     }
 
-    void largeMapRenderedOnSeveralThreadsMatchesReference()
+    void largeMapRenderedOnSeveralThreadsIntoLargePagesMatchesReference()
     {
         // Above the size from which rows are shared out, with rows that do not split evenly.
         std::mt19937 random(13);
@@ -178,6 +180,8 @@ private slots:
         const cv::Mat background = randomMatrix(401, 700, CV_8UC3, random);
         const QImage map = MotionMap::render(counts, background);
         QCOMPARE(map, Reference::renderMap(counts, background));
+        // Its pixels lie in large pages.
+        QCOMPARE(reinterpret_cast<std::uintptr_t>(map.constBits()) % LargePages::kLargePage, std::uintptr_t{0});
         cv::Mat sixteen;
         counts.convertTo(sixteen, CV_16UC1);
         QCOMPARE(MotionMap::render(sixteen, background, MotionMap::kDefaultScale), map);
