@@ -1,5 +1,6 @@
 #include "PictureBuffers.h"
 
+#include "FfmpegPtr.h"
 #include "LargePages.h"
 
 extern "C" {
@@ -151,24 +152,22 @@ bool ownBuffersServe(const AVCodecContext& context, const AVFrame& frame)
 } // namespace
 
 struct PictureBuffersState {
-    ~PictureBuffersState() { av_buffer_pool_uninit(&pool); }
-
     // Called by the decoder's threads.
     int fill(AVCodecContext& context, AVFrame& frame)
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (!pool || frame.format != layout.format || frame.width != layout.width || frame.height != layout.height) {
-            av_buffer_pool_uninit(&pool);
+            pool.reset();
             if (!layoutFor(context, frame, layout))
                 return AVERROR(EINVAL);
             Runs* runs = new Runs;
-            pool = av_buffer_pool_init2(layout.bytes, runs, allocatePicture, endRuns);
+            pool.reset(av_buffer_pool_init2(layout.bytes, runs, allocatePicture, endRuns));
             if (!pool) {
                 delete runs;
                 return AVERROR(ENOMEM);
             }
         }
-        AVBufferRef* buffer = av_buffer_pool_get(pool);
+        AVBufferRef* buffer = av_buffer_pool_get(pool.get());
         if (!buffer)
             return AVERROR(ENOMEM);
         frame.buf[0] = buffer;
@@ -182,7 +181,7 @@ struct PictureBuffersState {
     }
 
     std::mutex mutex;
-    AVBufferPool* pool = nullptr;
+    BufferPoolPtr pool;
     Layout layout;
 };
 
