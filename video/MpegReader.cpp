@@ -2,6 +2,7 @@
 
 #include "FfmpegPtr.h"
 #include "MpegFrame.h"
+#include "PictureBuffers.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,6 +18,8 @@ struct MpegReaderState {
     std::string path;
     FormatContextPtr formatContext;
     int streamIndex = -1;
+    // Declared before the decoder, which takes its pictures from here, so that they outlive it.
+    PictureBuffers pictures;
     CodecContextPtr codecContext;
     const AVCodec* codec = nullptr;
     PacketPtr packet;
@@ -85,6 +88,7 @@ bool openDecoder(MpegReaderState& state, int threads)
     if (!state.codecContext || avcodec_parameters_to_context(state.codecContext.get(), stream->codecpar) < 0)
         return false;
     state.codecContext->pkt_timebase = stream->time_base;
+    state.pictures.serve(*state.codecContext);
     // Frame threads where the codec has them, slice threads otherwise.
     state.codecContext->thread_count = threads;
     state.codecContext->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;

@@ -1,27 +1,49 @@
 #include "RgbConverter.h"
 
 #include "FfmpegPtr.h"
+#include "LargePages.h"
 #include "MpegFrame.h"
 #include "RowPadding.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
-#include <libavutil/mem.h>
 }
 
 namespace {
 
-struct BufferDeleter {
-    void operator()(uint8_t* buffer) const { av_free(buffer); }
-};
-
 constexpr int kBytesPerPixel = 3;
+
+// A buffer from LargePages: a picture is written whole, once a frame, so that its fresh
+// memory costs a fault a large page instead of one a small page.
+class Buffer {
+public:
+    Buffer() = default;
+    ~Buffer() { LargePages::unmap(m_memory, m_bytes); }
+
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    // Zeroed; false, with no buffer left, when the system has no memory to give.
+    bool allocate(size_t bytes)
+    {
+        LargePages::unmap(m_memory, m_bytes);
+        m_memory = static_cast<uint8_t*>(LargePages::map(bytes));
+        m_bytes = m_memory ? bytes : 0;
+        return m_memory != nullptr;
+    }
+
+    uint8_t* get() const { return m_memory; }
+
+private:
+    uint8_t* m_memory = nullptr;
+    size_t m_bytes = 0;
+};
 
 } // namespace
 
 struct RgbConverterState {
     SwsContextPtr scaler;
-    std::unique_ptr<uint8_t, BufferDeleter> buffer;
+    Buffer buffer;
     int width = 0;
     int height = 0;
     int stride = 0;
@@ -34,8 +56,7 @@ bool allocate(RgbConverterState& state, const AVFrame& picture)
 {
     const int stride = RowPadding::paddedStride(picture.width * kBytesPerPixel);
     const size_t bytes = static_cast<size_t>(stride) * static_cast<size_t>(picture.height);
-    state.buffer.reset(static_cast<uint8_t*>(av_mallocz(bytes)));
-    const bool allocated = state.buffer != nullptr;
+    const bool allocated = state.buffer.allocate(bytes);
     state.width = allocated ? picture.width : 0;
     state.height = allocated ? picture.height : 0;
     state.stride = allocated ? stride : 0;

@@ -4,6 +4,7 @@
 #include "FfmpegMutex.h"
 #include "FrameClock.h"
 #include "FrameSource.h"
+#include "LargePageMats.h"
 #include "MotionCounter.h"
 #include "MpegFrame.h"
 #include "MpegReader.h"
@@ -101,12 +102,12 @@ cv::Mat viewOf(const MpegFrame& frame)
 }
 
 // Reallocates only when the size or type differs; clears in any case.
+// Anew, in large pages: the pass sets them up before its first frame, and a fault a small page
+// would hold up its start.
 void resetMaps(cv::Size size, cv::Mat& motionCount, cv::Mat& background)
 {
-    motionCount.create(size, CV_8UC1);
-    motionCount.setTo(cv::Scalar::all(0));
-    background.create(size, CV_8UC3);
-    background.setTo(cv::Scalar::all(0));
+    LargePageMats::create(motionCount, size, CV_8UC1, cv::Scalar::all(0));
+    LargePageMats::create(background, size, CV_8UC3, cv::Scalar::all(0));
 }
 
 // Where the pass is in its video: the times of its frames, the end of its time window, and

@@ -1,5 +1,7 @@
 #include "MixtureModel.h"
 
+#include "LargePages.h"
+
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 
@@ -12,7 +14,6 @@
 #include <new>
 #include <vector>
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #if defined(__GNUC__) && defined(__x86_64__)
@@ -158,6 +159,10 @@ FrameRates ratesForFrame(int frame)
     return FrameRates{alpha, 1.0f - alpha, prune, -prune};
 }
 
+// Stripes of rows a thread fills when the background image is fetched: a few each, so that a
+// thread that gets its core late leaves its share to the others.
+constexpr int kBackgroundStripesPerThread = 4;
+
 // Pixels a thread learns in one go: many groups, so that the library's stripes stay large.
 constexpr std::size_t kChunkPixels = 1024;
 
@@ -243,8 +248,7 @@ MixtureModel::~MixtureModel()
 
 void MixtureModel::release()
 {
-    if (m_memory)
-        munmap(m_memory, m_bytes);
+    LargePages::unmap(m_memory, m_bytes);
     m_memory = nullptr;
     m_bytes = 0;
 }
@@ -261,18 +265,16 @@ void MixtureModel::start(cv::Size size)
     m_extraModesOffset = m_firstModesOffset + roundUp(groups * kBlockFloats * sizeof(float), page);
     m_blocksOffset = m_extraModesOffset + roundUp(groups * (kModes - 1) * sizeof(std::uint32_t), page);
     // Room for every group to have all its modes, plus the block never handed out.
-    m_bytes = m_blocksOffset + (groups * (kModes - 1) + 1) * kBlockFloats * sizeof(float);
-    // Fresh anonymous pages cost nothing until written, so blocks never handed out never
-    // become resident.
-    void* memory = mmap(nullptr, m_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
+    m_bytes = m_blocksOffset + roundUp((groups * (kModes - 1) + 1) * kBlockFloats * sizeof(float), page);
+    // Fresh pages cost nothing until written, so blocks never handed out never become
+    // resident. Large pages back all of it, blocks included: those are handed out in order,
+    // so only the last large page of them holds blocks never used.
+    m_memory = static_cast<std::uint8_t*>(LargePages::map(m_bytes));
+    if (!m_memory)
         throw std::bad_alloc();
-    m_memory = static_cast<std::uint8_t*>(memory);
     // The mode counts, the first modes and the block numbers are used by every group from the
-    // first frame on. Writing them now, in large pages where the system allows, spares each
-    // of their pages a fault on the first read and a second one, which flushes every core's
-    // address cache, on the first write.
-    madvise(m_memory, m_blocksOffset, MADV_HUGEPAGE);
+    // first frame on. Writing them now spares each of their pages a fault on the first read
+    // and a second one, which flushes every core's address cache, on the first write.
     touchPages(m_memory, m_blocksOffset);
     m_blocksUsed.store(1, std::memory_order_relaxed);
     m_frames = 0;
@@ -321,33 +323,40 @@ void MixtureModel::learn(const cv::Mat* frames, int count, cv::Mat* foreground)
     m_parallel.run(stripes, std::cref(learnStripe));
 }
 
-// Writes zeros, which a new mapping holds already, over every page of the `bytes` at
-// `memory`. Each new page costs the system a fault and a clear, which on a virtual machine may
-// wait for the host: the model's threads share them, a large page each at a time.
+// Writes a zero, which a new mapping holds already, into every small page of the `bytes` at
+// `memory`: the system clears each page it maps, so one write a page makes it resident
+// without clearing it a second time. Each new page costs the system a fault and a clear,
+// which on a virtual machine may wait for the host: the model's threads share them, a large
+// page each at a time.
 void MixtureModel::touchPages(std::uint8_t* memory, std::size_t bytes)
 {
-    constexpr std::size_t kStripeBytes = std::size_t{2} << 20;
-    const int stripes = static_cast<int>(roundUp(bytes, kStripeBytes) / kStripeBytes);
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const int stripes = static_cast<int>(roundUp(bytes, LargePages::kLargePage) / LargePages::kLargePage);
     const auto touchStripe = [&](int stripe) {
-        const std::size_t begin = static_cast<std::size_t>(stripe) * kStripeBytes;
-        std::memset(memory + begin, 0, std::min(kStripeBytes, bytes - begin));
+        const std::size_t begin = static_cast<std::size_t>(stripe) * LargePages::kLargePage;
+        const std::size_t end = std::min(begin + LargePages::kLargePage, bytes);
+        for (std::size_t at = begin; at < end; at += page)
+            memory[at] = 0;
     };
     m_parallel.run(stripes, std::cref(touchStripe));
 }
 
+namespace {
+
+// The background of row `y` (`width` pixels, the row's model positions starting at
+// `rowStart`): per pixel, the weighted mean of its heaviest modes up to the background's
+// share of the weight, as the library computes it.
 template <typename Value>
-void MixtureModel::fillBackground(cv::Mat& background) const
+void fillBackgroundRow(const ModelMemory& model, std::size_t rowStart, int width, Value* out)
 {
-    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
-    for (int y = 0; y < m_size.height; ++y) {
-        Value* out = background.ptr<Value>(y);
-        for (int x = 0; x < m_size.width; ++x) {
-            const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride) + x;
-            const Group group = groupAt(model, at);
-            const std::size_t lane = at % kLanes;
+    for (int groupStart = 0; groupStart < width; groupStart += kLanes) {
+        const Group group = groupAt(model, rowStart + static_cast<std::size_t>(groupStart));
+        const int lanes = std::min(kLanes, width - groupStart);
+        for (int lane = 0; lane < lanes; ++lane) {
+            const int x = groupStart + lane;
             float sum[kChannels] = {0.0f, 0.0f, 0.0f};
             float totalWeight = 0.0f;
-            for (int mode = 0; mode < model.usedModes[at]; ++mode) {
+            for (int mode = 0; mode < model.usedModes[rowStart + static_cast<std::size_t>(x)]; ++mode) {
                 const float* fields = group.mode[mode];
                 const float weight = fields[kWeight * kLanes + lane];
                 for (int channel = 0; channel < kChannels; ++channel)
@@ -361,6 +370,24 @@ void MixtureModel::fillBackground(cv::Mat& background) const
                 out[kChannels * x + channel] = cv::saturate_cast<Value>(sum[channel] * scale);
         }
     }
+}
+
+} // namespace
+
+// Rows are filled on the model's threads: the image is fetched while the pass waits for it.
+template <typename Value>
+void MixtureModel::fillBackground(cv::Mat& background) const
+{
+    const ModelMemory model = memoryOf(m_memory, m_firstModesOffset, m_extraModesOffset, m_blocksOffset, m_blocksUsed);
+    const int rows = m_size.height;
+    const int stripes = std::min(rows, kBackgroundStripesPerThread * (m_parallel.helpers() + 1));
+    const auto fillStripe = [&](int stripe) {
+        const int end = ParallelStripes::firstOf(stripe + 1, stripes, rows);
+        for (int y = ParallelStripes::firstOf(stripe, stripes, rows); y < end; ++y)
+            fillBackgroundRow(model, static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stride), m_size.width,
+                              background.ptr<Value>(y));
+    };
+    m_parallel.run(stripes, std::cref(fillStripe));
 }
 
 void MixtureModel::backgroundImage(cv::Mat& background, int depth) const

@@ -73,5 +73,6 @@ private:
     // Blocks handed out so far, block 0 included; counted up by apply()'s threads.
     mutable std::atomic<std::uint32_t> m_blocksUsed{1};
     int m_frames = 0;
-    ParallelStripes m_parallel;
+    // Also fills the background image, which changes nothing of the model.
+    mutable ParallelStripes m_parallel;
 };

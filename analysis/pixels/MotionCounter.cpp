@@ -1,5 +1,6 @@
 #include "MotionCounter.h"
 
+#include "LargePageMats.h"
 #include "MotionKernels.h"
 
 #include <opencv2/core/utility.hpp>
@@ -53,14 +54,16 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
     , m_detailed(detail.enabled)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
     , m_stripes(std::max(1, std::min(stripes > 0 ? stripes : stripesFor(size, cv::getNumThreads()), size.height)))
-    , m_previous(size, CV_8UC1, cv::Scalar(0))
-    , m_quiet(size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent))
     , m_parallel(m_stripes - 1)
     , m_columnSums(blur ? static_cast<size_t>(m_stripes) * (static_cast<size_t>(size.width) + 2 * kRadius) : 0)
 {
+    // Set up before the first frame, while the pass waits: in large pages, which fault far
+    // less often than small ones.
+    LargePageMats::create(m_previous, size, CV_8UC1, cv::Scalar(0));
+    LargePageMats::create(m_quiet, size, CV_8UC1, cv::Scalar(MotionKernels::kQuietForNewEvent));
     if (m_detailed) {
         m_mask = analysedPixels(size, detail.mask);
-        m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
+        LargePageMats::create(m_events, size, CV_16UC1, cv::Scalar(0));
         m_stripeTallies.resize(static_cast<size_t>(m_stripes));
         if (detail.cellSize > 0)
             setUpCells(size, detail.cellSize);

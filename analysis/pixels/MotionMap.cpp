@@ -1,11 +1,27 @@
 #include "MotionMap.h"
 
+#include "LargePages.h"
+#include "ParallelStripes.h"
+
+#include <opencv2/core/utility.hpp>
+
 #include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <functional>
 
 namespace {
 
 // 96 dots per inch in the dots per metre that image files record.
 constexpr int kDotsPerMeter96Dpi = 3780;
+// Maps from this many pixels on are rendered on several threads, into large pages.
+constexpr int kParallelPixels = 1 << 18;
+
+// Pixels of a map mapped by LargePages.
+struct LargeBuffer {
+    void* memory;
+    std::size_t bytes;
+};
 
 using ColorTable = std::array<unsigned char, 256>;
 
@@ -72,9 +88,33 @@ bool matchesExact(const cv::Mat& eventCounts, const cv::Mat& background)
         && eventCounts.size() == background.size();
 }
 
+void unmapPixels(void* pixels)
+{
+    auto* buffer = static_cast<LargeBuffer*>(pixels);
+    LargePages::unmap(buffer->memory, buffer->bytes);
+    delete buffer;
+}
+
+// A large map's pixels lie in large pages: it is written once, from end to end, while its user
+// waits, and its small pages would each cost a fault.
+QImage mapImage(int width, int height)
+{
+    const long long rowBytes = (3LL * width + 3) / 4 * 4;
+    if (static_cast<long long>(width) * height < kParallelPixels || rowBytes > INT_MAX)
+        return QImage(width, height, QImage::Format_RGB888);
+    auto* buffer = new LargeBuffer{nullptr, static_cast<std::size_t>(rowBytes) * static_cast<std::size_t>(height)};
+    buffer->memory = LargePages::map(buffer->bytes);
+    if (!buffer->memory) {
+        delete buffer;
+        return {};
+    }
+    return QImage(static_cast<uchar*>(buffer->memory), width, height, static_cast<int>(rowBytes),
+                  QImage::Format_RGB888, unmapPixels, buffer);
+}
+
 QImage blankMap(const cv::Mat& background)
 {
-    QImage map(background.cols, background.rows, QImage::Format_RGB888);
+    QImage map = mapImage(background.cols, background.rows);
     if (map.isNull())
         return {};
     // A fixed 96 dpi, not the screen's: the saved file must not depend on where it was made.
@@ -138,6 +178,27 @@ void renderExactRow(const Count* counts, const unsigned char* background, unsign
     }
 }
 
+constexpr int kStripesPerThread = 4;
+
+// Calls renderRows(first, end) for stripes of the `rows` rows of a map `columns` wide that
+// together cover every row once; on as many threads as the library's for a large map, since
+// the map is rendered while its user waits, after everything else has finished.
+void renderInStripes(int rows, int columns, const std::function<void(int, int)>& renderRows)
+{
+    const bool large = static_cast<long long>(rows) * columns >= kParallelPixels;
+    const int threads = large ? std::max(cv::getNumThreads(), 1) : 1;
+    if (threads == 1) {
+        renderRows(0, rows);
+        return;
+    }
+    ParallelStripes parallel(threads - 1);
+    const int stripes = std::min(rows, kStripesPerThread * threads);
+    const auto renderStripe = [&](int stripe) {
+        renderRows(ParallelStripes::firstOf(stripe, stripes, rows), ParallelStripes::firstOf(stripe + 1, stripes, rows));
+    };
+    parallel.run(stripes, std::cref(renderStripe));
+}
+
 } // namespace
 
 const std::array<unsigned char, 256> ColorMap_R = makeTable(red);
@@ -163,13 +224,19 @@ QImage MotionMap::render(const cv::Mat& eventCounts, const cv::Mat& background, 
     QImage map = blankMap(background);
     if (map.isNull())
         return {};
-    for (int y = 0; y < background.rows; ++y) {
-        const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
-        if (eventCounts.type() == CV_16UC1)
-            renderExactRow(eventCounts.ptr<std::uint16_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
-        else
-            renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, map.scanLine(y), background.cols, scale);
-    }
+    // The rows' addresses are taken here: scanLine() of a writable image is for one thread.
+    unsigned char* const bits = map.bits();
+    const qsizetype bytesPerLine = map.bytesPerLine();
+    renderInStripes(background.rows, background.cols, [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
+            const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
+            unsigned char* out = bits + y * bytesPerLine;
+            if (eventCounts.type() == CV_16UC1)
+                renderExactRow(eventCounts.ptr<std::uint16_t>(y), backgroundRow, out, background.cols, scale);
+            else
+                renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, out, background.cols, scale);
+        }
+    });
     return map;
 }
 
@@ -181,8 +248,12 @@ QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)
     if (map.isNull())
         return {};
     static const CountColours colours = makeCountColours();
-    for (int y = 0; y < background.rows; ++y)
-        renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y), map.scanLine(y),
-                  background.cols);
+    unsigned char* const bits = map.bits();
+    const qsizetype bytesPerLine = map.bytesPerLine();
+    renderInStripes(background.rows, background.cols, [&](int first, int end) {
+        for (int y = first; y < end; ++y)
+            renderRow(colours, motionCount.ptr<unsigned char>(y), background.ptr<unsigned char>(y),
+                      bits + y * bytesPerLine, background.cols);
+    });
     return map;
 }

@@ -1,3 +1,4 @@
+#include "LargePages.h"
 #include "MpegFrame.h"
 #include "RgbConverter.h"
 #include "TestPictures.h"
@@ -10,6 +11,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <random>
 #include <vector>
@@ -117,6 +119,15 @@ private slots:
         QVERIFY(converted(converter) == viaRgb24(*large));
         QVERIFY(converter.convert(*small));
         QVERIFY(converted(converter) == viaRgb24(*small));
+    }
+
+    void bufferStartsOnALargePage()
+    {
+        RgbConverter converter;
+        const FramePtr picture = randomPicture(AV_PIX_FMT_YUV420P, 640, 360, 7);
+        QVERIFY(converter.convert(*picture));
+        QCOMPARE(reinterpret_cast<std::uintptr_t>(converter.data()) % LargePages::kLargePage, std::uintptr_t{0});
+        QVERIFY(converted(converter) == viaRgb24(*picture));
     }
 
     void emptyConverterHasNoPicture()

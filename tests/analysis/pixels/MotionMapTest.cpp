@@ -1,8 +1,10 @@
+#include "LargePages.h"
 #include "MotionMap.h"
 #include "ReferenceMotion.h"
 
 #include <QtTest>
 
+#include <cstdint>
 #include <random>
 
 namespace {
@@ -168,6 +170,21 @@ private slots:
             const cv::Mat background = randomMatrix(size.height(), size.width(), CV_8UC3, random);
             QCOMPARE(MotionMap::render(counts, background), Reference::renderMap(counts, background));
         }
+    }
+
+    void largeMapRenderedOnSeveralThreadsIntoLargePagesMatchesReference()
+    {
+        // Above the size from which rows are shared out, with rows that do not split evenly.
+        std::mt19937 random(13);
+        const cv::Mat counts = randomCounts(401, 700, random);
+        const cv::Mat background = randomMatrix(401, 700, CV_8UC3, random);
+        const QImage map = MotionMap::render(counts, background);
+        QCOMPARE(map, Reference::renderMap(counts, background));
+        // Its pixels lie in large pages.
+        QCOMPARE(reinterpret_cast<std::uintptr_t>(map.constBits()) % LargePages::kLargePage, std::uintptr_t{0});
+        cv::Mat sixteen;
+        counts.convertTo(sixteen, CV_16UC1);
+        QCOMPARE(MotionMap::render(sixteen, background, MotionMap::kDefaultScale), map);
     }
 
     void defaultScaleGivesTheWindowsIntensityForEveryCount()
