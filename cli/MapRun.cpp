@@ -260,8 +260,10 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     settings.decoderThreads = decoderThreads;
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
-    // A chosen scale reads the exact counts, which only the detailed count keeps.
-    settings.detailed = options.data || options.scaleGiven || !options.combineName.isEmpty() || options.sliceSeconds > 0.0;
+    // The data and the slices need every pair's activity, which only the detailed count
+    // reports; a chosen scale and a combination read no more than the exact counts.
+    settings.detailed = options.data || options.sliceSeconds > 0.0;
+    settings.exactCounts = options.scaleGiven || !options.combineName.isEmpty();
     settings.sliceSeconds = options.sliceSeconds;
     settings.sliceOffset = input.sliceOffset;
     settings.mask = mask;

@@ -118,10 +118,16 @@ struct Timeline {
     std::int64_t framesDecoded = 0;
 };
 
+bool keepsExactCounts(const MotionPassSettings& settings)
+{
+    return settings.detailed || settings.exactCounts;
+}
+
 MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size size)
 {
     MotionCounter::Detail detail;
     detail.enabled = settings.detailed || !settings.mask.empty();
+    detail.exactCounts = settings.exactCounts;
     if (settings.detailed)
         detail.cellSize = std::max(settings.eventCellSize, 0);
     if (!settings.mask.empty())
@@ -351,7 +357,7 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
         PairLoop pairs(source, timeline, decoderThreads, size, settings, motionCount, background, hooks);
         pairs.run(std::move(firstFrame));
         facts.pairsAnalysed = pairs.pairs();
-        if (settings.detailed)
+        if (keepsExactCounts(settings))
             facts.exactCounts = pairs.exactCounts();
         facts.eventTimes = pairs.takeEventTimes();
     };
@@ -379,7 +385,7 @@ void analyse(MpegReader& reader, FramePtr firstFrame, cv::Size size, int running
         analyseFrames(reader, std::move(firstFrame), size, runningPasses, settings, motionCount, background, hooks,
                       timeline, facts);
         // A pass that counted no pair has counted no event, at the video's size like its map.
-        if (settings.detailed && facts.exactCounts.empty())
+        if (keepsExactCounts(settings) && facts.exactCounts.empty())
             facts.exactCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     } catch (const std::exception&) {
     }

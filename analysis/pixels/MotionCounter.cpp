@@ -52,6 +52,7 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes)
 MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail& detail)
     : m_blur(blur)
     , m_detailed(detail.enabled)
+    , m_exact(!detail.enabled && detail.exactCounts)
     , m_threshold(blur ? kThresholdBlurred : kThresholdSharp)
     , m_stripes(std::max(1, std::min(stripes > 0 ? stripes : stripesFor(size, cv::getNumThreads()), size.height)))
     , m_parallel(m_stripes - 1)
@@ -68,6 +69,8 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
         if (detail.cellSize > 0)
             setUpCells(size, detail.cellSize);
     }
+    if (m_exact)
+        m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
 }
 
 void MotionCounter::setUpCells(cv::Size size, int cellSize)
@@ -98,7 +101,7 @@ void MotionCounter::start(const cv::Mat& firstFrame)
 {
     m_pairs = 0;
     m_lastPair = {};
-    if (m_detailed)
+    if (!m_events.empty())
         m_events.setTo(cv::Scalar(0));
     m_quiet.setTo(cv::Scalar(MotionKernels::kQuietForNewEvent));
     forEachStripe(
@@ -118,6 +121,10 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
         }
         if (m_cellSize > 0 && m_lastPair.newEvents > 0)
             mergeCellHits();
+    } else if (m_exact) {
+        forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
+            countRowsExact(frame, motionCount, firstRow, endRow, sums);
+        });
     } else {
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
             countRows(frame, motionCount, firstRow, endRow, sums);
@@ -152,6 +159,25 @@ void MotionCounter::countRows(const cv::Mat& frame, cv::Mat& motionCount, int fi
                                            threshold);
         else
             MotionKernels::countRow(frame.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
+    }
+}
+
+void MotionCounter::countRowsExact(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow,
+                                   std::uint16_t* sums)
+{
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    for (int y = firstRow; y < endRow; ++y) {
+        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+        std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
+        std::uint16_t* events = m_events.ptr<std::uint16_t>(y);
+        if (m_blur)
+            MotionKernels::countBlurredRowExact(columnSums(frame, y, firstRow, sums), previous, quiet, counts, events,
+                                                width, threshold);
+        else
+            MotionKernels::countRowExact(frame.ptr<std::uint8_t>(y), previous, quiet, counts, events, width,
+                                         threshold);
     }
 }
 

@@ -43,6 +43,9 @@ public:
     struct Detail {
         // Per pixel, the exact count, the activity of each pair, and `mask` are wanted.
         bool enabled = false;
+        // Without `enabled`: the exact count alone is wanted (exactCounts(); lastPair() stays
+        // zero). Kept by a loop nearly as fast as the map's own.
+        bool exactCounts = false;
         // 8-bit 1-channel of the video's size: 0 where pixels are ignored (they never move),
         // anything else where they are analysed. Empty: every pixel is analysed.
         cv::Mat mask;
@@ -68,8 +71,9 @@ public:
     // keeps `frame` for the next pair. Call start() first.
     void addFrame(const cv::Mat& frame, cv::Mat& motionCount);
 
-    // With Detail::enabled: per pixel, the new events since start() (16-bit 1-channel,
-    // saturating at 65535), and what the last addFrame() saw. Empty and zero otherwise.
+    // With Detail::enabled or Detail::exactCounts: per pixel, the new events since start()
+    // (16-bit 1-channel, saturating at 65535); empty otherwise. With Detail::enabled: what
+    // the last addFrame() saw; zero otherwise.
     const cv::Mat& exactCounts() const { return m_events; }
     PairActivity lastPair() const { return m_lastPair; }
     // With Detail::cellSize: one byte a cell of the grid (row by row, the last column and row
@@ -99,6 +103,7 @@ private:
     const std::uint16_t* columnSums(const cv::Mat& frame, int row, int firstRow, std::uint16_t* sums) const;
     void startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums);
     void countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
+    void countRowsExact(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
 
     // Counts the rows of `stripe` into its tally (and, with cells, its cell flags).
     void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
@@ -111,6 +116,7 @@ private:
 
     bool m_blur;
     bool m_detailed;
+    bool m_exact;
     double m_threshold;
     int m_stripes;
     int m_pairs = 0;
@@ -120,7 +126,8 @@ private:
     ParallelStripes m_parallel;
     // One buffer a stripe, back to back.
     std::vector<std::uint16_t> m_columnSums;
-    // Detailed counting only: 0 ignored, 255 analysed; the exact counts; one tally a stripe.
+    // Detailed counting only: 0 ignored, 255 analysed; the exact counts (also kept by exact
+    // counting); one tally a stripe.
     cv::Mat m_mask;
     cv::Mat m_events;
     std::vector<PairActivity> m_stripeTallies;

@@ -717,6 +717,33 @@ private slots:
         }
     }
 
+    void exactCountsAloneAreTheDetailedPassesWithoutItsActivity()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 41);
+        const QString path = clip("exact.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        for (const bool blur : {true, false}) {
+            MotionPassSettings settings;
+            settings.blur = blur;
+            settings.exactCounts = true;
+            PairRecordingHooks hooks;
+            cv::Mat counts, background;
+            MotionPassFacts facts;
+            QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks, &facts),
+                     MotionPassOutcome::Finished);
+            QVERIFY(hooks.records.empty());
+            const Reference::Analysis reference = referenceOver(frames, blur);
+            QVERIFY(cv::countNonZero(reference.exactCounts()) > 0);
+            QVERIFY(equal(counts, reference.counts()));
+            QCOMPARE(facts.exactCounts.type(), CV_16UC1);
+            QVERIFY(equal(as32Bit(facts.exactCounts), reference.exactCounts()));
+            const DetailedPass detailed = runDetailedPass(path, settings);
+            QVERIFY(equal(facts.exactCounts, detailed.facts.exactCounts));
+            QVERIFY(equal(background, detailed.background));
+            QCOMPARE(facts.pairsAnalysed, 159);
+        }
+    }
+
     void eachSliceGetsTheExactCountsOfItsOwnPairs()
     {
         // 25 frames a second, slices of 1.99 s: pairs up to frame 49 (1.96 s) form slice 0,

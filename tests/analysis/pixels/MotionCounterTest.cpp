@@ -69,6 +69,61 @@ Detailed countDetailedOver(const std::vector<cv::Mat>& frames, bool blur, int st
     return out;
 }
 
+// The counter keeping the exact count alone: its wrapping and its exact counts after `frames`.
+struct Exact {
+    cv::Mat counts;
+    cv::Mat exactCounts;
+};
+
+Exact countExactOver(const std::vector<cv::Mat>& frames, bool blur, int stripes = 0)
+{
+    const cv::Size size = frames.front().size();
+    MotionCounter::Detail detail;
+    detail.exactCounts = true;
+    MotionCounter counter(size, blur, stripes, detail);
+    Exact out;
+    out.counts = cv::Mat(size, CV_8UC1, cv::Scalar(0));
+    counter.start(frames.front());
+    for (size_t i = 1; i < frames.size(); ++i) {
+        counter.addFrame(frames[i], out.counts);
+        // It counts no pair's activity.
+        if (counter.lastPair().movingPixels != 0 || counter.lastPair().newEvents != 0)
+            return {};
+    }
+    out.exactCounts = counter.exactCounts().clone();
+    return out;
+}
+
+// Frames of `size` whose left half turns from dark to bright and back every `leftPeriod`
+// frames and whose right half every `rightPeriod` frames.
+class TwoBlinkingHalves {
+public:
+    TwoBlinkingHalves(cv::Size size, int leftPeriod, int rightPeriod)
+    {
+        for (int left = 0; left < 2; ++left) {
+            for (int right = 0; right < 2; ++right) {
+                cv::Mat frame(size, CV_8UC1, cv::Scalar(kBackground));
+                frame(cv::Rect(0, 0, size.width / 2, size.height)).setTo(left ? kObject : kBackground);
+                frame(cv::Rect(size.width / 2, 0, size.width - size.width / 2, size.height))
+                    .setTo(right ? kObject : kBackground);
+                m_frames[left][right] = frame;
+            }
+        }
+        m_leftPeriod = leftPeriod;
+        m_rightPeriod = rightPeriod;
+    }
+
+    const cv::Mat& frame(int index) const
+    {
+        return m_frames[(index / m_leftPeriod) % 2][(index / m_rightPeriod) % 2];
+    }
+
+private:
+    cv::Mat m_frames[2][2];
+    int m_leftPeriod = 1;
+    int m_rightPeriod = 1;
+};
+
 bool sameActivity(const std::vector<Reference::Analysis::Pair>& a, const std::vector<Reference::Analysis::Pair>& b)
 {
     if (a.size() != b.size())
@@ -400,6 +455,106 @@ private slots:
         QVERIFY(sameActivity(detailed.activity, reference.activity()));
     }
 
+    void exactCountingGivesTheReferencesAndTheDetailedCounts_data() { anyNumberOfStripesGivesTheReferenceCounts_data(); }
+
+    void exactCountingGivesTheReferencesAndTheDetailedCounts()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        QFETCH(int, stripes);
+        QFETCH(bool, blur);
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(width, height), 300, 23);
+        Reference::Analysis reference(width, height, blur);
+        for (const cv::Mat& frame : frames)
+            reference.addFrame(frame);
+        const Exact exact = countExactOver(frames, blur, stripes);
+        QVERIFY(!exact.counts.empty());
+        QVERIFY(cv::countNonZero(reference.exactCounts()) > 0);
+        QVERIFY(equal(exact.counts, reference.counts()));
+        QCOMPARE(exact.exactCounts.type(), CV_16UC1);
+        QVERIFY(equal(as32Bit(exact.exactCounts), reference.exactCounts()));
+        QVERIFY(equal(exact.exactCounts, countDetailedOver(frames, blur, stripes).exactCounts));
+    }
+
+    void exactCountingFollowsTheDetailedCountPairByPairPastTheWrap_data()
+    {
+        QTest::addColumn<bool>("blur");
+        QTest::addColumn<int>("stripes");
+        for (const bool blur : {true, false})
+            for (const int stripes : {1, 3})
+                QTest::addRow("%s, %d stripes", blur ? "blurred" : "sharp", stripes) << blur << stripes;
+    }
+
+    void exactCountingFollowsTheDetailedCountPairByPairPastTheWrap()
+    {
+        QFETCH(bool, blur);
+        QFETCH(int, stripes);
+        // The left half moves every 51 pairs, as often as new events can come, the right half
+        // less often; over 40000 pairs the left half's count passes 256 several times.
+        const cv::Size size(24, 9);
+        const TwoBlinkingHalves frames(size, MotionCounter::kNewEventGap, 77);
+        MotionCounter::Detail exactOnly;
+        exactOnly.exactCounts = true;
+        MotionCounter::Detail detailed;
+        detailed.enabled = true;
+        MotionCounter exact(size, blur, stripes, exactOnly);
+        MotionCounter reference(size, blur, stripes, detailed);
+        cv::Mat exactCounts(size, CV_8UC1, cv::Scalar(0));
+        cv::Mat referenceCounts(size, CV_8UC1, cv::Scalar(0));
+        exact.start(frames.frame(0));
+        reference.start(frames.frame(0));
+        for (int i = 1; i <= 40000; ++i) {
+            exact.addFrame(frames.frame(i), exactCounts);
+            reference.addFrame(frames.frame(i), referenceCounts);
+            // Looked at now and then only, as a caller might; every look must be right.
+            if (i % 997 == 0 || i == 13004 || i == 13005 || i == 13006) {
+                QVERIFY2(equal(exact.exactCounts(), reference.exactCounts()), qPrintable(QStringLiteral("pair %1").arg(i)));
+                QVERIFY(equal(exactCounts, referenceCounts));
+            }
+        }
+        QVERIFY(equal(exact.exactCounts(), reference.exactCounts()));
+        QVERIFY(equal(exactCounts, referenceCounts));
+        QCOMPARE(int(exact.exactCounts().at<quint16>(4, 1)), 40000 / MotionCounter::kNewEventGap);
+        QCOMPARE(int(exactCounts.at<uchar>(4, 1)), (40000 / MotionCounter::kNewEventGap) % 256);
+    }
+
+    void exactCountingStartedAgainForgetsTheVideoBefore()
+    {
+        const std::vector<cv::Mat> first = speckledNoise(cv::Size(30, 20), 200, 3);
+        const std::vector<cv::Mat> second = speckledNoise(cv::Size(30, 20), 150, 4);
+        MotionCounter::Detail detail;
+        detail.exactCounts = true;
+        MotionCounter counter(cv::Size(30, 20), true, 2, detail);
+        cv::Mat counts(cv::Size(30, 20), CV_8UC1, cv::Scalar(0));
+        counter.start(first.front());
+        for (size_t i = 1; i < first.size(); ++i)
+            counter.addFrame(first[i], counts);
+        QVERIFY(cv::countNonZero(counter.exactCounts()) > 0);
+        counter.start(second.front());
+        QCOMPARE(cv::countNonZero(counter.exactCounts()), 0);
+        // A fresh count for the second video, as a pass gives.
+        counts.setTo(cv::Scalar(0));
+        for (size_t i = 1; i < second.size(); ++i)
+            counter.addFrame(second[i], counts);
+        Reference::Analysis reference(30, 20, true);
+        for (const cv::Mat& frame : second)
+            reference.addFrame(frame);
+        QVERIFY(cv::countNonZero(reference.exactCounts()) > 0);
+        QVERIFY(equal(as32Bit(counter.exactCounts()), reference.exactCounts()));
+    }
+
+    void exactCountsAreOnlyKeptWhenAskedFor()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(20, 20), 10, 3);
+        MotionCounter counter(frames.front().size(), true, 1);
+        cv::Mat counts(frames.front().size(), CV_8UC1, cv::Scalar(0));
+        counter.start(frames.front());
+        for (size_t i = 1; i < frames.size(); ++i)
+            counter.addFrame(frames[i], counts);
+        QVERIFY(cv::countNonZero(counts) > 0);
+        QVERIFY(counter.exactCounts().empty());
+    }
+
     void newEventCellsOfEveryPairMatchTheReference_data()
     {
         QTest::addColumn<int>("stripes");
@@ -530,6 +685,41 @@ private slots:
             QCOMPARE(int(second.moving), width);
             QVERIFY(std::all_of(events.begin(), events.end(), [](std::uint16_t e) { return e == 65535; }));
             QCOMPARE(int(counts[13]), 9);
+        }
+    }
+
+    void theExactCountAloneSaturatesAt65535()
+    {
+        for (const bool blur : {false, true}) {
+            const int width = 40;
+            std::vector<std::uint8_t> previous(width, 0), quiet(width, MotionKernels::kQuietForNewEvent);
+            std::vector<std::uint8_t> current(width, 255), counts(width, 7);
+            std::vector<std::uint16_t> events(width, 65534);
+            events[5] = 3;
+            std::vector<std::uint16_t> columnSums(width + 6, 7 * 255);
+            const auto countOnce = [&] {
+                if (blur)
+                    MotionKernels::countBlurredRowExact(columnSums.data(), previous.data(), quiet.data(), counts.data(),
+                                                        events.data(), width, 20);
+                else
+                    MotionKernels::countRowExact(current.data(), previous.data(), quiet.data(), counts.data(),
+                                                 events.data(), width, 20);
+            };
+            countOnce();
+            QCOMPARE(int(events[13]), 65535);
+            QCOMPARE(int(events[5]), 4);
+            QCOMPARE(int(counts[13]), 8);
+            std::fill(previous.begin(), previous.end(), std::uint8_t{0});
+            std::fill(quiet.begin(), quiet.end(), MotionKernels::kQuietForNewEvent);
+            countOnce();
+            QCOMPARE(int(events[5]), 5);
+            events[5] = 65535;
+            QVERIFY(std::all_of(events.begin(), events.end(), [](std::uint16_t e) { return e == 65535; }));
+            QCOMPARE(int(counts[13]), 9);
+            // Without motion nothing changes.
+            countOnce();
+            QCOMPARE(int(counts[13]), 9);
+            QVERIFY(std::all_of(quiet.begin(), quiet.end(), [](std::uint8_t q) { return q == 1; }));
         }
     }
 
