@@ -100,6 +100,7 @@ void MotionCounter::forEachStripe(const Work& work)
 void MotionCounter::start(const cv::Mat& firstFrame)
 {
     m_pairs = 0;
+    m_pairsUnfolded = 0;
     m_lastPair = {};
     if (!m_events.empty())
         m_events.setTo(cv::Scalar(0));
@@ -122,9 +123,15 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
         if (m_cellSize > 0 && m_lastPair.newEvents > 0)
             mergeCellHits();
     } else if (m_exact) {
+        // The count as it stands before the first pair is where the exact count starts from.
+        if (m_pairs == 0)
+            motionCount.copyTo(m_folded);
+        m_countsGiven = motionCount;
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
-            countRowsExact(frame, motionCount, firstRow, endRow, sums);
+            countRows(frame, motionCount, firstRow, endRow, sums);
         });
+        if (++m_pairsUnfolded == kFoldPairs)
+            foldExactCounts();
     } else {
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
             countRows(frame, motionCount, firstRow, endRow, sums);
@@ -162,23 +169,21 @@ void MotionCounter::countRows(const cv::Mat& frame, cv::Mat& motionCount, int fi
     }
 }
 
-void MotionCounter::countRowsExact(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow,
-                                   std::uint16_t* sums)
+const cv::Mat& MotionCounter::exactCounts() const
 {
-    const int width = m_previous.cols;
-    const std::uint8_t threshold = thresholdByte(m_threshold);
-    for (int y = firstRow; y < endRow; ++y) {
-        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
-        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
-        std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
-        std::uint16_t* events = m_events.ptr<std::uint16_t>(y);
-        if (m_blur)
-            MotionKernels::countBlurredRowExact(columnSums(frame, y, firstRow, sums), previous, quiet, counts, events,
-                                                width, threshold);
-        else
-            MotionKernels::countRowExact(frame.ptr<std::uint8_t>(y), previous, quiet, counts, events, width,
-                                         threshold);
-    }
+    if (m_exact)
+        foldExactCounts();
+    return m_events;
+}
+
+void MotionCounter::foldExactCounts() const
+{
+    if (m_pairsUnfolded == 0)
+        return;
+    for (int y = 0; y < m_events.rows; ++y)
+        MotionKernels::foldRow(m_countsGiven.ptr<std::uint8_t>(y), m_folded.ptr<std::uint8_t>(y),
+                               m_events.ptr<std::uint16_t>(y), m_events.cols);
+    m_pairsUnfolded = 0;
 }
 
 void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow,

@@ -44,7 +44,10 @@ public:
         // Per pixel, the exact count, the activity of each pair, and `mask` are wanted.
         bool enabled = false;
         // Without `enabled`: the exact count alone is wanted (exactCounts(); lastPair() stays
-        // zero). Kept by a loop nearly as fast as the map's own.
+        // zero). The map's own loop counts; what its wrapping count grew by is added to the
+        // exact count every kFoldPairs pairs, and when exactCounts() is read, so that the
+        // exact count costs nothing a pair. The caller then changes the count matrix only
+        // through addFrame() between start() and the last read of exactCounts().
         bool exactCounts = false;
         // 8-bit 1-channel of the video's size: 0 where pixels are ignored (they never move),
         // anything else where they are analysed. Empty: every pixel is analysed.
@@ -71,10 +74,15 @@ public:
     // keeps `frame` for the next pair. Call start() first.
     void addFrame(const cv::Mat& frame, cv::Mat& motionCount);
 
+    // Pairs after which the exact count takes in what the wrapping count grew by: in fewer, no
+    // pixel can have had more than 255 new events, since they lie kNewEventGap pairs apart.
+    static constexpr int kFoldPairs = 255 * kNewEventGap;
+
     // With Detail::enabled or Detail::exactCounts: per pixel, the new events since start()
-    // (16-bit 1-channel, saturating at 65535); empty otherwise. With Detail::enabled: what
+    // (16-bit 1-channel, saturating at 65535); empty otherwise. Called on the thread that
+    // calls addFrame(), between its calls. With Detail::enabled: what
     // the last addFrame() saw; zero otherwise.
-    const cv::Mat& exactCounts() const { return m_events; }
+    const cv::Mat& exactCounts() const;
     PairActivity lastPair() const { return m_lastPair; }
     // With Detail::cellSize: one byte a cell of the grid (row by row, the last column and row
     // of cells possibly narrower), non-zero where a new event began in the last pair. Only
@@ -103,7 +111,8 @@ private:
     const std::uint16_t* columnSums(const cv::Mat& frame, int row, int firstRow, std::uint16_t* sums) const;
     void startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums);
     void countRows(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
-    void countRowsExact(const cv::Mat& frame, cv::Mat& motionCount, int firstRow, int endRow, std::uint16_t* sums);
+    // Adds what the count matrix given last grew by since the last fold to the exact count.
+    void foldExactCounts() const;
 
     // Counts the rows of `stripe` into its tally (and, with cells, its cell flags).
     void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
@@ -129,7 +138,12 @@ private:
     // Detailed counting only: 0 ignored, 255 analysed; the exact counts (also kept by exact
     // counting); one tally a stripe.
     cv::Mat m_mask;
-    cv::Mat m_events;
+    mutable cv::Mat m_events;
+    // Exact counting only: the count matrix given last, what it held at the last fold (taken
+    // at the first pair after start()), and the pairs since.
+    cv::Mat m_countsGiven;
+    mutable cv::Mat m_folded;
+    mutable int m_pairsUnfolded = 0;
     std::vector<PairActivity> m_stripeTallies;
     PairActivity m_lastPair;
     // Cells only: the cell size, the cells in a row of the grid, one flag buffer and one row of

@@ -41,26 +41,6 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
-// countPixel that also keeps the exact count. The event is added as a 16-bit 0 or 1 and the
-// sum clamped where it wrapped, which the compiler turns into one saturating add per lane.
-inline void countPixelExact(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count, uint16_t& events,
-                            uint8_t threshold)
-{
-    const uint8_t before = previous;
-    const uint8_t high = current > before ? current : before;
-    const uint8_t low = current > before ? before : current;
-    const uint8_t difference = static_cast<uint8_t>(high - low);
-    const bool still = difference <= threshold;
-    const uint8_t wasQuiet = quiet;
-    const bool newEvent = !still & (wasQuiet == kQuietForNewEvent);
-    count = static_cast<uint8_t>(count + static_cast<uint8_t>(newEvent));
-    const uint16_t had = events;
-    const uint16_t raised = static_cast<uint16_t>(had + static_cast<uint16_t>(newEvent));
-    events = raised < had ? uint16_t{0xFFFF} : raised;
-    const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
-    quiet = still ? older : uint8_t{0};
-    previous = current;
-}
 
 // countPixel with a mask and the exact count; returns 1 for a new event, else 0. A pixel
 // that moved is left with `quiet` at 0, which is how the row's moving pixels are counted.
@@ -118,21 +98,6 @@ TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t*
         countPixel(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], threshold);
 }
 
-TREMORA_KERNEL void countExact(const uint8_t* __restrict current, uint8_t* __restrict previous,
-                               uint8_t* __restrict quiet, uint8_t* __restrict counts, uint16_t* __restrict events,
-                               int width, uint8_t threshold)
-{
-    for (int x = 0; x < width; ++x)
-        countPixelExact(current[x], previous[x], quiet[x], counts[x], events[x], threshold);
-}
-
-TREMORA_KERNEL void countBlurredExact(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
-                                      uint8_t* __restrict quiet, uint8_t* __restrict counts,
-                                      uint16_t* __restrict events, int width, uint8_t threshold)
-{
-    for (int x = 0; x < width; ++x)
-        countPixelExact(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], events[x], threshold);
-}
 
 // Counting and tallying in one loop does not vectorise; so the rows are counted in blocks,
 // each block's new events noted in a small buffer, and the block then tallied in loops of
@@ -251,18 +216,6 @@ __attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums
     countBlurred(columnSums, previous, quiet, counts, width, threshold);
 }
 
-__attribute__((target("avx2"))) void countExactAvx2(const uint8_t* current, uint8_t* previous, uint8_t* quiet,
-                                                   uint8_t* counts, uint16_t* events, int width, uint8_t threshold)
-{
-    countExact(current, previous, quiet, counts, events, width, threshold);
-}
-
-__attribute__((target("avx2"))) void countBlurredExactAvx2(const uint16_t* columnSums, uint8_t* previous,
-                                                          uint8_t* quiet, uint8_t* counts, uint16_t* events,
-                                                          int width, uint8_t threshold)
-{
-    countBlurredExact(columnSums, previous, quiet, counts, events, width, threshold);
-}
 
 __attribute__((target("avx2"))) RowTally countDetailedAvx2(const uint8_t* current, uint8_t* previous,
                                                           uint8_t* quiet, uint8_t* counts, uint16_t* events,
@@ -329,25 +282,16 @@ void countBlurredRow(const uint16_t* columnSums, uint8_t* previous, uint8_t* qui
     countBlurred(columnSums, previous, quiet, counts, width, threshold);
 }
 
-void countRowExact(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts, uint16_t* events,
-                   int width, uint8_t threshold)
+void foldRow(const uint8_t* counts, uint8_t* folded, uint16_t* events, int width)
 {
-#ifdef TREMORA_AVX2_DISPATCH
-    if (hasAvx2)
-        return countExactAvx2(current, previous, quiet, counts, events, width, threshold);
-#endif
-    countExact(current, previous, quiet, counts, events, width, threshold);
+    for (int x = 0; x < width; ++x) {
+        const uint8_t grown = static_cast<uint8_t>(counts[x] - folded[x]);
+        const uint32_t sum = static_cast<uint32_t>(events[x]) + grown;
+        events[x] = static_cast<uint16_t>(sum < 65535u ? sum : 65535u);
+        folded[x] = counts[x];
+    }
 }
 
-void countBlurredRowExact(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
-                          uint16_t* events, int width, uint8_t threshold)
-{
-#ifdef TREMORA_AVX2_DISPATCH
-    if (hasAvx2)
-        return countBlurredExactAvx2(columnSums, previous, quiet, counts, events, width, threshold);
-#endif
-    countBlurredExact(columnSums, previous, quiet, counts, events, width, threshold);
-}
 
 RowTally countRowDetailed(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
                           uint16_t* events, const uint8_t* mask, int width, uint8_t threshold)

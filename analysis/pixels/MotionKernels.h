@@ -36,15 +36,10 @@ void countRow(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t*
 void countBlurredRow(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
                      std::uint8_t* count, int width, std::uint8_t threshold);
 
-// The counting rule of countRow that also raises `events` at every new event, saturating at
-// 65535 instead of wrapping: the exact count, for passes that want it and nothing more of the
-// detailed loops below (no mask, no tally). About as fast as countRow.
-void countRowExact(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet, std::uint8_t* count,
-                   std::uint16_t* events, int width, std::uint8_t threshold);
-
-// The same with the row's new picture given as column sums, as countBlurredRow.
-void countBlurredRowExact(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
-                          std::uint8_t* count, std::uint16_t* events, int width, std::uint8_t threshold);
+// Adds to `events` the new events the wrapping `counts` has had since `folded` was taken from
+// it, and takes `counts` as `folded` again: per pixel (counts - folded) mod 256, exact as long
+// as no pixel has had more than 255 new events in between. `events` saturates at 65535.
+void foldRow(const std::uint8_t* counts, std::uint8_t* folded, std::uint16_t* events, int width);
 
 // What the counting rule saw in one row of a pair: the pixels that moved (their difference
 // above the threshold, outside the mask) and the new events among them.

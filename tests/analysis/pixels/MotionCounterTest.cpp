@@ -518,6 +518,34 @@ private slots:
         QCOMPARE(int(exactCounts.at<uchar>(4, 1)), (40000 / MotionCounter::kNewEventGap) % 256);
     }
 
+    // Unread for 40000 pairs, the exact count must still take in every wrap of the map's count.
+    void exactCountingUnreadStaysExactPastManyWraps_data() { exactCountingFollowsTheDetailedCountPairByPairPastTheWrap_data(); }
+
+    void exactCountingUnreadStaysExactPastManyWraps()
+    {
+        QFETCH(bool, blur);
+        QFETCH(int, stripes);
+        const cv::Size size(24, 9);
+        const TwoBlinkingHalves frames(size, MotionCounter::kNewEventGap, 77);
+        MotionCounter::Detail exactOnly;
+        exactOnly.exactCounts = true;
+        // The detailed count, itself held to the reference above, counts every event as it comes.
+        MotionCounter::Detail detailed;
+        detailed.enabled = true;
+        MotionCounter exact(size, blur, stripes, exactOnly);
+        MotionCounter reference(size, blur, stripes, detailed);
+        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
+        cv::Mat referenceCounts(size, CV_8UC1, cv::Scalar(0));
+        exact.start(frames.frame(0));
+        reference.start(frames.frame(0));
+        for (int i = 1; i <= 40000; ++i) {
+            exact.addFrame(frames.frame(i), counts);
+            reference.addFrame(frames.frame(i), referenceCounts);
+        }
+        QVERIFY(equal(exact.exactCounts(), reference.exactCounts()));
+        QCOMPARE(int(exact.exactCounts().at<quint16>(4, 1)), 40000 / MotionCounter::kNewEventGap);
+    }
+
     void exactCountingStartedAgainForgetsTheVideoBefore()
     {
         const std::vector<cv::Mat> first = speckledNoise(cv::Size(30, 20), 200, 3);
@@ -688,39 +716,27 @@ private slots:
         }
     }
 
-    void theExactCountAloneSaturatesAt65535()
+    void foldingAddsWhatTheWrappingCountGrewByAndSaturatesAt65535()
     {
-        for (const bool blur : {false, true}) {
-            const int width = 40;
-            std::vector<std::uint8_t> previous(width, 0), quiet(width, MotionKernels::kQuietForNewEvent);
-            std::vector<std::uint8_t> current(width, 255), counts(width, 7);
-            std::vector<std::uint16_t> events(width, 65534);
-            events[5] = 3;
-            std::vector<std::uint16_t> columnSums(width + 6, 7 * 255);
-            const auto countOnce = [&] {
-                if (blur)
-                    MotionKernels::countBlurredRowExact(columnSums.data(), previous.data(), quiet.data(), counts.data(),
-                                                        events.data(), width, 20);
-                else
-                    MotionKernels::countRowExact(current.data(), previous.data(), quiet.data(), counts.data(),
-                                                 events.data(), width, 20);
-            };
-            countOnce();
-            QCOMPARE(int(events[13]), 65535);
-            QCOMPARE(int(events[5]), 4);
-            QCOMPARE(int(counts[13]), 8);
-            std::fill(previous.begin(), previous.end(), std::uint8_t{0});
-            std::fill(quiet.begin(), quiet.end(), MotionKernels::kQuietForNewEvent);
-            countOnce();
-            QCOMPARE(int(events[5]), 5);
-            events[5] = 65535;
-            QVERIFY(std::all_of(events.begin(), events.end(), [](std::uint16_t e) { return e == 65535; }));
-            QCOMPARE(int(counts[13]), 9);
-            // Without motion nothing changes.
-            countOnce();
-            QCOMPARE(int(counts[13]), 9);
-            QVERIFY(std::all_of(quiet.begin(), quiet.end(), [](std::uint8_t q) { return q == 1; }));
-        }
+        const int width = 6;
+        // Grown by 0, 1, 255, across the wrap (250 -> 4: 10), and twice onto a full count.
+        std::vector<std::uint8_t> folded{9, 9, 0, 250, 100, 100};
+        const std::vector<std::uint8_t> counts{9, 10, 255, 4, 101, 200};
+        std::vector<std::uint16_t> events{3, 3, 3, 3, 65535, 65500};
+        MotionKernels::foldRow(counts.data(), folded.data(), events.data(), width);
+        QCOMPARE(events, (std::vector<std::uint16_t>{3, 4, 258, 13, 65535, 65535}));
+        QCOMPARE(folded, counts);
+        // Folded again without a change, nothing is added.
+        MotionKernels::foldRow(counts.data(), folded.data(), events.data(), width);
+        QCOMPARE(events, (std::vector<std::uint16_t>{3, 4, 258, 13, 65535, 65535}));
+    }
+
+    // The longest run without a fold may give a pixel 255 new events; one more pair could give
+    // it the 256th, which the wrapping count would hide.
+    void theExactCountFoldsBeforeAPixelCanWrapUnseen()
+    {
+        QVERIFY((MotionCounter::kFoldPairs + MotionCounter::kNewEventGap - 1) / MotionCounter::kNewEventGap <= 255);
+        QVERIFY((MotionCounter::kFoldPairs + MotionCounter::kNewEventGap) / MotionCounter::kNewEventGap > 255);
     }
 
     void maskedPixelsNeverMoveAndTheOthersCountAsWithoutAMask()
