@@ -172,6 +172,39 @@ cv::Mat libraryBlur(const cv::Mat& frame)
     return blurred;
 }
 
+// Counts the same 40000 pairs with exact counting alone and with the detailed count, which
+// counts every event as it comes (and is itself held to the reference), and compares them at
+// the pairs `looksAt` names and at the end. The left half moves every 51 pairs, as often as
+// new events can come, the right half less often: the left half's count passes 256 several
+// times.
+void countExactBesideDetailedOver40000Pairs(bool blur, int stripes, const std::function<bool(int)>& looksAt)
+{
+    const cv::Size size(24, 9);
+    const TwoBlinkingHalves frames(size, MotionCounter::kNewEventGap, 77);
+    MotionCounter::Detail exactOnly;
+    exactOnly.exactCounts = true;
+    MotionCounter::Detail detailed;
+    detailed.enabled = true;
+    MotionCounter exact(size, blur, stripes, exactOnly);
+    MotionCounter reference(size, blur, stripes, detailed);
+    cv::Mat exactCounts(size, CV_8UC1, cv::Scalar(0));
+    cv::Mat referenceCounts(size, CV_8UC1, cv::Scalar(0));
+    exact.start(frames.frame(0));
+    reference.start(frames.frame(0));
+    for (int i = 1; i <= 40000; ++i) {
+        exact.addFrame(frames.frame(i), exactCounts);
+        reference.addFrame(frames.frame(i), referenceCounts);
+        if (looksAt(i)) {
+            QVERIFY2(equal(exact.exactCounts(), reference.exactCounts()), qPrintable(QStringLiteral("pair %1").arg(i)));
+            QVERIFY(equal(exactCounts, referenceCounts));
+        }
+    }
+    QVERIFY(equal(exact.exactCounts(), reference.exactCounts()));
+    QVERIFY(equal(exactCounts, referenceCounts));
+    QCOMPARE(int(exact.exactCounts().at<quint16>(4, 1)), 40000 / MotionCounter::kNewEventGap);
+    QCOMPARE(int(exactCounts.at<uchar>(4, 1)), (40000 / MotionCounter::kNewEventGap) % 256);
+}
+
 } // namespace
 
 class MotionCounterTest : public QObject {
@@ -489,33 +522,10 @@ private slots:
     {
         QFETCH(bool, blur);
         QFETCH(int, stripes);
-        // The left half moves every 51 pairs, as often as new events can come, the right half
-        // less often; over 40000 pairs the left half's count passes 256 several times.
-        const cv::Size size(24, 9);
-        const TwoBlinkingHalves frames(size, MotionCounter::kNewEventGap, 77);
-        MotionCounter::Detail exactOnly;
-        exactOnly.exactCounts = true;
-        MotionCounter::Detail detailed;
-        detailed.enabled = true;
-        MotionCounter exact(size, blur, stripes, exactOnly);
-        MotionCounter reference(size, blur, stripes, detailed);
-        cv::Mat exactCounts(size, CV_8UC1, cv::Scalar(0));
-        cv::Mat referenceCounts(size, CV_8UC1, cv::Scalar(0));
-        exact.start(frames.frame(0));
-        reference.start(frames.frame(0));
-        for (int i = 1; i <= 40000; ++i) {
-            exact.addFrame(frames.frame(i), exactCounts);
-            reference.addFrame(frames.frame(i), referenceCounts);
-            // Looked at now and then only, as a caller might; every look must be right.
-            if (i % 997 == 0 || i == 13004 || i == 13005 || i == 13006) {
-                QVERIFY2(equal(exact.exactCounts(), reference.exactCounts()), qPrintable(QStringLiteral("pair %1").arg(i)));
-                QVERIFY(equal(exactCounts, referenceCounts));
-            }
-        }
-        QVERIFY(equal(exact.exactCounts(), reference.exactCounts()));
-        QVERIFY(equal(exactCounts, referenceCounts));
-        QCOMPARE(int(exact.exactCounts().at<quint16>(4, 1)), 40000 / MotionCounter::kNewEventGap);
-        QCOMPARE(int(exactCounts.at<uchar>(4, 1)), (40000 / MotionCounter::kNewEventGap) % 256);
+        // Looked at now and then only, as a caller might; every look must be right.
+        countExactBesideDetailedOver40000Pairs(blur, stripes, [](int pair) {
+            return pair % 997 == 0 || pair == 13004 || pair == 13005 || pair == 13006;
+        });
     }
 
     // Unread for 40000 pairs, the exact count must still take in every wrap of the map's count.
@@ -525,25 +535,7 @@ private slots:
     {
         QFETCH(bool, blur);
         QFETCH(int, stripes);
-        const cv::Size size(24, 9);
-        const TwoBlinkingHalves frames(size, MotionCounter::kNewEventGap, 77);
-        MotionCounter::Detail exactOnly;
-        exactOnly.exactCounts = true;
-        // The detailed count, itself held to the reference above, counts every event as it comes.
-        MotionCounter::Detail detailed;
-        detailed.enabled = true;
-        MotionCounter exact(size, blur, stripes, exactOnly);
-        MotionCounter reference(size, blur, stripes, detailed);
-        cv::Mat counts(size, CV_8UC1, cv::Scalar(0));
-        cv::Mat referenceCounts(size, CV_8UC1, cv::Scalar(0));
-        exact.start(frames.frame(0));
-        reference.start(frames.frame(0));
-        for (int i = 1; i <= 40000; ++i) {
-            exact.addFrame(frames.frame(i), counts);
-            reference.addFrame(frames.frame(i), referenceCounts);
-        }
-        QVERIFY(equal(exact.exactCounts(), reference.exactCounts()));
-        QCOMPARE(int(exact.exactCounts().at<quint16>(4, 1)), 40000 / MotionCounter::kNewEventGap);
+        countExactBesideDetailedOver40000Pairs(blur, stripes, [](int) { return false; });
     }
 
     void exactCountingStartedAgainForgetsTheVideoBefore()
