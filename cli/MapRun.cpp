@@ -241,16 +241,6 @@ QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool 
     return {};
 }
 
-// The cores shared among the files analysed at once: one pass decodes with both cores of a
-// two-core machine, two passes with one each, so that they do not fight over the cores.
-// The last files of a run, fewer than --jobs, share the cores the others have left.
-// `filesToStart` counts the file about to start and those after it.
-int decoderThreads(int jobs, int filesToStart)
-{
-    const int atOnce = std::max(1, std::min(std::max(jobs, 1), filesToStart));
-    return std::max(1, QThread::idealThreadCount() / atOnce);
-}
-
 MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput& input, const cv::Mat& mask,
                                int decoderThreads)
 {
@@ -523,8 +513,11 @@ private:
             }
             FileJob* file = job.get();
             m_pool.start([this, file] {
-                const int threads = decoderThreads(m_options.jobs, m_filesToStart.fetch_sub(1));
+                const int running = m_filesRunning.fetch_add(1) + 1;
+                const int threads = MapRun::decoderThreadsFor(m_options.jobs, m_filesToStart.fetch_sub(1),
+                                                              running, QThread::idealThreadCount());
                 analyse(*file, m_context, threads);
+                m_filesRunning.fetch_sub(1);
             });
         }
     }
@@ -734,6 +727,8 @@ private:
     std::unique_ptr<SliceSet> m_slices;
     std::vector<SliceSet::Written> m_writtenSlices;
     std::atomic<int> m_filesToStart{0};
+    // Files whose pass has started and not yet ended, counted on the pool's threads.
+    std::atomic<int> m_filesRunning{0};
     FileJobs m_jobs;
     QThreadPool m_pool;
     QElapsedTimer m_clock;
@@ -751,6 +746,12 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
         ResultSink* sink)
 {
     return Driver(options, inputs, output, cancel, mask, report, sink).exec();
+}
+
+int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores)
+{
+    const int atOnce = std::max({1, filesRunning, std::min(std::max(jobs, 1), filesToStart)});
+    return std::max(1, cores / atOnce);
 }
 
 QImage countsImage(const cv::Mat& motionCount)

@@ -64,6 +64,14 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
         ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask = {},
         ReportFolder* report = nullptr, ResultSink* sink = nullptr);
 
+// The decoder threads of a file about to start: the `cores` shared among the files analysed
+// at once, so that passes do not fight over the cores. Those are the files running now,
+// `filesRunning` (this one included), and, while the first files start together, as many as
+// will run at once: `jobs`, or fewer when fewer are left (`filesToStart` counts this file and
+// those after it). So the last file of a run decodes with every core only once it runs alone.
+// Thread-safe.
+int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores);
+
 // The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
 QImage countsImage(const cv::Mat& motionCount);
 // The exact event counts (16-bit, 1 channel) as a 16-bit grey image: pixel value = count.

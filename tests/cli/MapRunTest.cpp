@@ -69,6 +69,9 @@ private slots:
     void quietRunPrintsNothingButErrors();
     void countsImageHoldsTheCountsAndBackgroundImageTheColours();
     void emptyMatricesGiveNoImages();
+    void filesStartingTogetherShareTheCores();
+    void theLastFileDecodesOnEveryCoreOnlyOnceItRunsAlone();
+    void oneJobAtATimeDecodesOnEveryCore();
 
 private:
     QString clip(const QString& name) const { return m_clips.filePath(name); }
@@ -240,6 +243,39 @@ void MapRunTest::emptyMatricesGiveNoImages()
     QVERIFY(MapRun::backgroundImage(cv::Mat()).isNull());
     QVERIFY(MapRun::countsImage(cv::Mat(2, 2, CV_8UC3)).isNull());
     QVERIFY(MapRun::backgroundImage(cv::Mat(2, 2, CV_8UC1)).isNull());
+}
+
+// Arguments: jobs, files still to start (this one included), files running (this one
+// included), cores.
+void MapRunTest::filesStartingTogetherShareTheCores()
+{
+    // Two files, --jobs 2, two cores: the first to start sees both to come, the second sees
+    // only itself left to start but the first already running.
+    QCOMPARE(MapRun::decoderThreadsFor(2, 2, 1, 2), 1);
+    QCOMPARE(MapRun::decoderThreadsFor(2, 1, 2, 2), 1);
+    // Four files on eight cores with --jobs 2: four decoder threads each.
+    QCOMPARE(MapRun::decoderThreadsFor(2, 4, 1, 8), 4);
+    QCOMPARE(MapRun::decoderThreadsFor(2, 3, 2, 8), 4);
+    // More jobs than cores: still one thread each, never none.
+    QCOMPARE(MapRun::decoderThreadsFor(4, 4, 3, 2), 1);
+}
+
+void MapRunTest::theLastFileDecodesOnEveryCoreOnlyOnceItRunsAlone()
+{
+    // The last of four files starts while the third still runs: one core each.
+    QCOMPARE(MapRun::decoderThreadsFor(2, 1, 2, 2), 1);
+    // The third ended long before: the last file runs alone and takes both cores.
+    QCOMPARE(MapRun::decoderThreadsFor(2, 1, 1, 2), 2);
+    // Of three files with --jobs 3 on six cores, the last starts beside one other.
+    QCOMPARE(MapRun::decoderThreadsFor(3, 1, 2, 6), 3);
+}
+
+void MapRunTest::oneJobAtATimeDecodesOnEveryCore()
+{
+    QCOMPARE(MapRun::decoderThreadsFor(1, 5, 1, 2), 2);
+    QCOMPARE(MapRun::decoderThreadsFor(1, 1, 1, 8), 8);
+    // A --jobs of 0 is taken as one.
+    QCOMPARE(MapRun::decoderThreadsFor(0, 3, 1, 4), 4);
 }
 
 QTEST_GUILESS_MAIN(MapRunTest)
