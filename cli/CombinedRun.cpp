@@ -7,6 +7,7 @@
 #include "Legend.h"
 #include "ManifestInput.h"
 #include "MapRun.h"
+#include "OutputPlan.h"
 #include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
@@ -80,12 +81,6 @@ Outputs outputsOf(const MapToolOptions& options)
     return outputs;
 }
 
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 // Why the combined files cannot be written, before anything is analysed; empty when they can.
 QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
 {
@@ -95,7 +90,7 @@ QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
                 || (QFileInfo::exists(path) && QFileInfo(input).canonicalFilePath() == QFileInfo(path).canonicalFilePath()))
                 return tr("'%1' would replace the input '%2'; nothing is combined").arg(path, input);
         }
-        if (!options.overwrite && existsOrDangles(path))
+        if (!options.overwrite && OutputPlan::existsOrDangles(path))
             return tr("File '%1' exists; nothing is combined (--overwrite replaces it)").arg(path);
     }
     return {};
@@ -338,7 +333,7 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
-        if (!options.overwrite && existsOrDangles(path))
+        if (!options.overwrite && OutputPlan::existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
     if (!outputs.map.isEmpty()) {

@@ -1,6 +1,7 @@
 #include "ManifestInput.h"
 
 #include "Manifest.h"
+#include "MapRun.h"
 
 #include <QBuffer>
 #include <QCoreApplication>
@@ -14,7 +15,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <cstring>
 #include <memory>
 
 namespace {
@@ -102,14 +102,6 @@ QString readChecked(const QString& manifest, const QJsonObject& recorded, Checke
     return {};
 }
 
-cv::Mat matrixOf(const QImage& image, int type, int bytesPerPixel)
-{
-    cv::Mat matrix(image.height(), image.width(), type);
-    for (int y = 0; y < image.height(); ++y)
-        std::memcpy(matrix.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()) * bytesPerPixel);
-    return matrix;
-}
-
 } // namespace
 
 namespace ManifestInput {
@@ -175,7 +167,7 @@ QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* bac
         const QImage backgroundImage = QImage::fromData(backgroundFile.bytes, "PNG");
         if (backgroundImage.size() != storage.size())
             return tr("The files of manifest '%1' are not its counts and background").arg(path);
-        *background = matrixOf(backgroundImage.convertToFormat(QImage::Format_RGB888), CV_8UC3, 3);
+        *background = MapRun::matrixOf(backgroundImage, QImage::Format_RGB888, CV_8UC3);
     }
     *events = cv::Mat(storage.height(), storage.width(), CV_16UC1, storage.bits(),
                       static_cast<size_t>(storage.bytesPerLine()));

@@ -159,12 +159,6 @@ QImage imageOf(const cv::Mat& matrix, int type, QImage::Format format)
     return image;
 }
 
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 // The events at the top of the map's colour scale, when --scale asks for one; 0 otherwise.
 double mapScaleOf(const MapToolOptions& options, const MotionPassFacts& facts)
 {
@@ -228,7 +222,7 @@ QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool 
     for (const auto& [path, image] : images) {
         if (path.isEmpty())
             continue;
-        if (!overwrite && existsOrDangles(path))
+        if (!overwrite && OutputPlan::existsOrDangles(path))
             return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
     }
     for (const auto& [path, image] : images) {
@@ -767,6 +761,18 @@ QImage eventsImage(const cv::Mat& exactCounts)
 QImage backgroundImage(const cv::Mat& background)
 {
     return imageOf(background, CV_8UC3, QImage::Format_RGB888);
+}
+
+cv::Mat matrixOf(const QImage& image, QImage::Format format, int type)
+{
+    const QImage converted = image.convertToFormat(format);
+    if (converted.isNull())
+        return {};
+    cv::Mat matrix(converted.height(), converted.width(), type);
+    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
+    for (int y = 0; y < matrix.rows; ++y)
+        std::memcpy(matrix.ptr(y), converted.constScanLine(y), rowBytes);
+    return matrix;
 }
 
 } // namespace MapRun

@@ -78,5 +78,9 @@ QImage countsImage(const cv::Mat& motionCount);
 QImage eventsImage(const cv::Mat& exactCounts);
 // The background (8-bit, 3 channels R,G,B) as an RGB888 image.
 QImage backgroundImage(const cv::Mat& background);
+// The other way: `image` converted to `format`, as a matrix of `type` whose rows hold the
+// same bytes; empty for a null image. The reader may hand a lossless file back in a wider
+// format than it was written in.
+cv::Mat matrixOf(const QImage& image, QImage::Format format, int type);
 
 } // namespace MapRun

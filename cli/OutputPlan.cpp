@@ -21,12 +21,6 @@ QString identity(const QString& path)
     return folder.isEmpty() ? info.absoluteFilePath() : QDir(folder).filePath(info.fileName());
 }
 
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
 {
     const QDir folder(OutputPlan::outputFolder(video, options.outputDir));
@@ -98,7 +92,7 @@ private:
 QString existingOutputOf(const PlannedInput& input)
 {
     for (const QString& path : input.outputs()) {
-        if (existsOrDangles(path))
+        if (OutputPlan::existsOrDangles(path))
             return path;
     }
     return {};
@@ -178,6 +172,12 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
         inputs.push_back(input);
     }
     return inputs;
+}
+
+bool existsOrDangles(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
 }
 
 } // namespace OutputPlan

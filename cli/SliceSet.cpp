@@ -4,6 +4,7 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapRun.h"
+#include "OutputPlan.h"
 #include "MapScale.h"
 #include "MotionMap.h"
 
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace {
 
@@ -26,30 +26,10 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 // The pattern of a slice's other files: "clip.slice-%1.png" -> "clip.slice-%1.legend.png".
 QString companionPattern(const QString& mapPattern, const QString& suffix)
 {
     return mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix;
-}
-
-// The image read back in `format` as a matrix of `type` with the same bytes per row; empty
-// when it does not read. The reader may hand a lossless file back in a wider format.
-cv::Mat matrixOf(const QString& path, QImage::Format format, int type)
-{
-    const QImage image = QImage(path).convertToFormat(format);
-    if (image.isNull())
-        return {};
-    cv::Mat matrix(image.height(), image.width(), type);
-    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
-    for (int y = 0; y < matrix.rows; ++y)
-        std::memcpy(matrix.ptr(y), image.constScanLine(y), rowBytes);
-    return matrix;
 }
 
 // "HHhMMmSSs": `seconds` from the time line's start, or the clock time (UTC) then when the
@@ -169,7 +149,7 @@ cv::Mat SliceSet::sumOf(const std::vector<Piece>& pieces, QString& error) const
     for (const Piece& piece : pieces) {
         if (!m_sources.count(piece.source))
             continue;
-        const cv::Mat events = matrixOf(piece.file, QImage::Format_Grayscale16, CV_16UC1);
+        const cv::Mat events = MapRun::matrixOf(QImage(piece.file), QImage::Format_Grayscale16, CV_16UC1);
         if (events.empty()) {
             error = tr("Can't read file '%1'").arg(piece.file);
             return {};
@@ -205,7 +185,7 @@ QString SliceSet::checkNames(const Series& series, const std::vector<int>& slice
         if (m_settings.events)
             paths << companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
         for (const QString& path : paths) {
-            if (!m_settings.overwrite && existsOrDangles(path))
+            if (!m_settings.overwrite && OutputPlan::existsOrDangles(path))
                 return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
         }
     }
@@ -258,7 +238,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     if (!error.isEmpty())
         return error;
     const Source& source = m_sources.at(backgroundSource(slice, pieces));
-    const cv::Mat background = matrixOf(source.background, QImage::Format_RGB888, CV_8UC3);
+    const cv::Mat background = MapRun::matrixOf(QImage(source.background), QImage::Format_RGB888, CV_8UC3);
     const QImage map = MotionMap::render(sum, background, scale);
     const QString label = labelOf(series, slice);
     const QString mapPath = series.pattern.arg(label);

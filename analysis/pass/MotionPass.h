@@ -52,8 +52,9 @@ public:
     virtual void pairCounted(const PairRecord&) {}
     // With MotionPassSettings::sliceSeconds: slice `slice`, the seconds from
     // `startSeconds` = slice × sliceSeconds up to the next slice's start on the slices' time
-    // line (the video's own, shifted by MotionPassSettings::sliceOffset), has ended, and `exactCounts` (16-bit, like MotionPassFacts::exactCounts) holds
-    // the events that began in its pairs. A pair belongs to the slice of its time (as in
+    // line (the video's own, shifted by MotionPassSettings::sliceOffset), has ended, and
+    // `exactCounts` (16-bit, like MotionPassFacts::exactCounts) holds the events that began
+    // in its pairs. A pair belongs to the slice of its time (as in
     // PairRecord::time). Called before the first pair of a later slice is counted, and at the
     // end of the video (not on a cancel) for the last one; a slice without a pair is skipped.
     // The matrix is the pass's own and only valid during the call.
@@ -112,7 +113,8 @@ struct MotionPassFacts {
     VideoInfo video;                 // empty when the file did not open
     std::int64_t framesDecoded = 0;  // frames the pass read, those before the window included
     int pairsAnalysed = 0;
-    cv::Mat exactCounts;             // with MotionPassSettings::detailed or exactCounts: 16-bit, saturating
+    // With MotionPassSettings::detailed or exactCounts: 16-bit, saturating.
+    cv::Mat exactCounts;
     // With MotionPassSettings::eventCellSize: per cell, the seconds (floor of the pair's time)
     // at which an event began in any of its pixels.
     CellEventTimes eventTimes;

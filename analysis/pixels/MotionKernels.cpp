@@ -41,7 +41,6 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
-
 // countPixel with a mask and the exact count; returns 1 for a new event, else 0. A pixel
 // that moved is left with `quiet` at 0, which is how the row's moving pixels are counted.
 inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
@@ -97,7 +96,6 @@ TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t*
     for (int x = 0; x < width; ++x)
         countPixel(mean49(sum7(columnSums + x)), previous[x], quiet[x], counts[x], threshold);
 }
-
 
 // Counting and tallying in one loop does not vectorise; so the rows are counted in blocks,
 // each block's new events noted in a small buffer, and the block then tallied in loops of
@@ -216,7 +214,6 @@ __attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums
     countBlurred(columnSums, previous, quiet, counts, width, threshold);
 }
 
-
 __attribute__((target("avx2"))) RowTally countDetailedAvx2(const uint8_t* current, uint8_t* previous,
                                                           uint8_t* quiet, uint8_t* counts, uint16_t* events,
                                                           const uint8_t* mask, int width, uint8_t threshold)
@@ -291,7 +288,6 @@ void foldRow(const uint8_t* counts, uint8_t* folded, uint16_t* events, int width
         folded[x] = counts[x];
     }
 }
-
 
 RowTally countRowDetailed(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
                           uint16_t* events, const uint8_t* mask, int width, uint8_t threshold)
