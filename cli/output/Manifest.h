@@ -12,7 +12,7 @@
 
 // NAME.json: what another program needs to rely on the files of one video written with
 // --data: the input, the video, the parameters, the outcome, the files with their sizes and
-// checksums, and summary figures. Its form is fixed by cli/manifest.schema.json; a change
+// checksums, and summary figures. Its form is fixed by cli/output/manifest.schema.json; a change
 // that breaks a reader of that form raises kFormatVersion.
 namespace Manifest {
 

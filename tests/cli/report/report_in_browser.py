@@ -62,7 +62,7 @@ def make_clip(path, extra=(), recorded=RECORDED):
 
 def make_demo_clip(path):
     # The clip scripts/run shows, made by the same function.
-    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    root = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", ".."))
     made = subprocess.run(["bash", "-c", 'source "$1/scripts/lib/common.sh" && demo_clip', "bash", root],
                           capture_output=True, text=True, check=True).stdout.strip()
     check(os.path.abspath(made) == os.path.abspath(path), "the demo clip is made at %s, not %s" % (made, path))
