@@ -6,6 +6,7 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
+#include "MapImages.h"
 #include "MapRun.h"
 #include "OutputPlan.h"
 #include "MapScale.h"
@@ -343,13 +344,13 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
         if (!outputs.legend.isEmpty() && !Utils::saveImage(legendOf(image, options, items, scale), outputs.legend))
             return tr("Can't save image file '%1'").arg(outputs.legend);
     }
-    if (!outputs.background.isEmpty() && !Utils::saveImage(MapRun::backgroundImage(map.background()), outputs.background))
+    if (!outputs.background.isEmpty() && !Utils::saveImage(MapImages::backgroundImage(map.background()), outputs.background))
         return tr("Can't save image file '%1'").arg(outputs.background);
     if (!options.data)
         return {};
     cv::Mat events;
     map.sum().convertTo(events, CV_16UC1);  // saturates at 65535, as a single video's does
-    if (!Utils::saveImage(MapRun::eventsImage(events), outputs.events))
+    if (!Utils::saveImage(MapImages::eventsImage(events), outputs.events))
         return tr("Can't save image file '%1'").arg(outputs.events);
     std::vector<CombinedActivity::Source> sources;
     for (const Item& item : items) {

@@ -1,7 +1,7 @@
 #include "ManifestInput.h"
 
 #include "Manifest.h"
-#include "MapRun.h"
+#include "MapImages.h"
 
 #include <QBuffer>
 #include <QCoreApplication>
@@ -167,7 +167,7 @@ QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* bac
         const QImage backgroundImage = QImage::fromData(backgroundFile.bytes, "PNG");
         if (backgroundImage.size() != storage.size())
             return tr("The files of manifest '%1' are not its counts and background").arg(path);
-        *background = MapRun::matrixOf(backgroundImage, QImage::Format_RGB888, CV_8UC3);
+        *background = MapImages::matrixOf(backgroundImage, QImage::Format_RGB888, CV_8UC3);
     }
     *events = cv::Mat(storage.height(), storage.width(), CV_16UC1, storage.bits(),
                       static_cast<size_t>(storage.bytesPerLine()));

@@ -3,7 +3,7 @@
 #include "CombinedActivity.h"
 #include "ImageFile.h"
 #include "Legend.h"
-#include "MapRun.h"
+#include "MapImages.h"
 #include "OutputPlan.h"
 #include "MapScale.h"
 #include "MotionMap.h"
@@ -82,7 +82,7 @@ QString SliceSet::tempFile() const
 QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs)
 {
     const QString file = tempFile();
-    if (!Utils::saveImage(MapRun::eventsImage(events), file))
+    if (!Utils::saveImage(MapImages::eventsImage(events), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
     m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs});
@@ -93,7 +93,7 @@ QString SliceSet::addSource(int series, int source, const cv::Mat& background, d
                             double frameRate, const QString& lineClock)
 {
     const QString file = tempFile();
-    if (!Utils::saveImage(MapRun::backgroundImage(background), file))
+    if (!Utils::saveImage(MapImages::backgroundImage(background), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
     m_sources[source] = {file, from, to, frameRate};
@@ -149,7 +149,7 @@ cv::Mat SliceSet::sumOf(const std::vector<Piece>& pieces, QString& error) const
     for (const Piece& piece : pieces) {
         if (!m_sources.count(piece.source))
             continue;
-        const cv::Mat events = MapRun::matrixOf(QImage(piece.file), QImage::Format_Grayscale16, CV_16UC1);
+        const cv::Mat events = MapImages::matrixOf(QImage(piece.file), QImage::Format_Grayscale16, CV_16UC1);
         if (events.empty()) {
             error = tr("Can't read file '%1'").arg(piece.file);
             return {};
@@ -238,7 +238,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     if (!error.isEmpty())
         return error;
     const Source& source = m_sources.at(backgroundSource(slice, pieces));
-    const cv::Mat background = MapRun::matrixOf(QImage(source.background), QImage::Format_RGB888, CV_8UC3);
+    const cv::Mat background = MapImages::matrixOf(QImage(source.background), QImage::Format_RGB888, CV_8UC3);
     const QImage map = MotionMap::render(sum, background, scale);
     const QString label = labelOf(series, slice);
     const QString mapPath = series.pattern.arg(label);
@@ -290,7 +290,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
         cv::Mat events;
         sum.convertTo(events, CV_16UC1); // saturates at 65535, as a single video's does
         const QString path = companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
-        if (!Utils::saveImage(MapRun::eventsImage(events), path))
+        if (!Utils::saveImage(MapImages::eventsImage(events), path))
             return tr("Can't save image file '%1'").arg(path);
         written << path;
     }

@@ -5,6 +5,7 @@
 #include "CombinedActivity.h"
 #include "ImageFile.h"
 #include "Legend.h"
+#include "MapImages.h"
 #include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
@@ -32,7 +33,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <memory>
 
 namespace {
@@ -145,20 +145,6 @@ private:
     double m_lastPairTime = 0.0;
 };
 
-// A copy of `matrix`, which must be of `type`, as an image whose rows hold the same bytes.
-QImage imageOf(const cv::Mat& matrix, int type, QImage::Format format)
-{
-    if (matrix.empty() || matrix.type() != type)
-        return {};
-    QImage image(matrix.cols, matrix.rows, format);
-    if (image.isNull())
-        return {};
-    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
-    for (int y = 0; y < matrix.rows; ++y)
-        std::memcpy(image.scanLine(y), matrix.ptr(y), rowBytes);
-    return image;
-}
-
 // The events at the top of the map's colour scale, when --scale asks for one; 0 otherwise.
 double mapScaleOf(const MapToolOptions& options, const MotionPassFacts& facts)
 {
@@ -208,9 +194,9 @@ std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, cons
     return {
         {input.mapPath, map},
         {input.legendPath, input.legendPath.isEmpty() ? QImage() : legendOf(map, input, options, facts, mapScale)},
-        {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapRun::countsImage(motionCount)},
-        {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapRun::eventsImage(facts.exactCounts)},
-        {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapRun::backgroundImage(background)},
+        {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapImages::countsImage(motionCount)},
+        {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapImages::eventsImage(facts.exactCounts)},
+        {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapImages::backgroundImage(background)},
     };
 }
 
@@ -746,33 +732,6 @@ int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores)
 {
     const int atOnce = std::max({1, filesRunning, std::min(std::max(jobs, 1), filesToStart)});
     return std::max(1, cores / atOnce);
-}
-
-QImage countsImage(const cv::Mat& motionCount)
-{
-    return imageOf(motionCount, CV_8UC1, QImage::Format_Grayscale8);
-}
-
-QImage eventsImage(const cv::Mat& exactCounts)
-{
-    return imageOf(exactCounts, CV_16UC1, QImage::Format_Grayscale16);
-}
-
-QImage backgroundImage(const cv::Mat& background)
-{
-    return imageOf(background, CV_8UC3, QImage::Format_RGB888);
-}
-
-cv::Mat matrixOf(const QImage& image, QImage::Format format, int type)
-{
-    const QImage converted = image.convertToFormat(format);
-    if (converted.isNull())
-        return {};
-    cv::Mat matrix(converted.height(), converted.width(), type);
-    const size_t rowBytes = static_cast<size_t>(matrix.cols) * matrix.elemSize();
-    for (int y = 0; y < matrix.rows; ++y)
-        std::memcpy(matrix.ptr(y), converted.constScanLine(y), rowBytes);
-    return matrix;
 }
 
 } // namespace MapRun

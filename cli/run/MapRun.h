@@ -4,8 +4,6 @@
 #include "OutputPlan.h"
 #include "ReportPage.h"
 
-#include <QImage>
-
 #include <opencv2/core/mat.hpp>
 
 #include <atomic>
@@ -71,16 +69,5 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
 // those after it). So the last file of a run decodes with every core only once it runs alone.
 // Thread-safe.
 int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores);
-
-// The per-pixel event counts (8-bit, 1 channel) as a grey image: pixel value = count.
-QImage countsImage(const cv::Mat& motionCount);
-// The exact event counts (16-bit, 1 channel) as a 16-bit grey image: pixel value = count.
-QImage eventsImage(const cv::Mat& exactCounts);
-// The background (8-bit, 3 channels R,G,B) as an RGB888 image.
-QImage backgroundImage(const cv::Mat& background);
-// The other way: `image` converted to `format`, as a matrix of `type` whose rows hold the
-// same bytes; empty for a null image. The reader may hand a lossless file back in a wider
-// format than it was written in.
-cv::Mat matrixOf(const QImage& image, QImage::Format format, int type);
 
 } // namespace MapRun

@@ -67,8 +67,6 @@ private slots:
     void writeFailureIsReportedWithTheFileName();
     void cancelBeforeTheStartWritesNothingAndGivesSignalStatus();
     void quietRunPrintsNothingButErrors();
-    void countsImageHoldsTheCountsAndBackgroundImageTheColours();
-    void emptyMatricesGiveNoImages();
     void filesStartingTogetherShareTheCores();
     void theLastFileDecodesOnEveryCoreOnlyOnceItRunsAlone();
     void oneJobAtATimeDecodesOnEveryCore();
@@ -212,37 +210,6 @@ void MapRunTest::quietRunPrintsNothingButErrors()
     QCOMPARE(outcome.status, MapRun::kExitFailure);
     QCOMPARE(outcome.text, QStringLiteral("Can't open video file '%1'\n").arg(clip("missing.mkv")));
     QVERIFY(QFile::exists(out("first.png")));
-}
-
-void MapRunTest::countsImageHoldsTheCountsAndBackgroundImageTheColours()
-{
-    cv::Mat counts(3, 5, CV_8UC1);
-    cv::Mat background(3, 5, CV_8UC3);
-    for (int y = 0; y < 3; ++y) {
-        for (int x = 0; x < 5; ++x) {
-            counts.at<uchar>(y, x) = static_cast<uchar>(y * 5 + x + 250 * (x == 4));
-            background.at<cv::Vec3b>(y, x) = cv::Vec3b(static_cast<uchar>(x * 40), static_cast<uchar>(y * 90), 7);
-        }
-    }
-    const QImage countsImage = MapRun::countsImage(counts);
-    QCOMPARE(countsImage.format(), QImage::Format_Grayscale8);
-    const QImage backgroundImage = MapRun::backgroundImage(background);
-    QCOMPARE(backgroundImage.format(), QImage::Format_RGB888);
-    for (int y = 0; y < 3; ++y) {
-        for (int x = 0; x < 5; ++x) {
-            QCOMPARE(int(countsImage.constScanLine(y)[x]), int(counts.at<uchar>(y, x)));
-            const cv::Vec3b rgb = background.at<cv::Vec3b>(y, x);
-            QCOMPARE(backgroundImage.pixel(x, y), qRgb(rgb[0], rgb[1], rgb[2]));
-        }
-    }
-}
-
-void MapRunTest::emptyMatricesGiveNoImages()
-{
-    QVERIFY(MapRun::countsImage(cv::Mat()).isNull());
-    QVERIFY(MapRun::backgroundImage(cv::Mat()).isNull());
-    QVERIFY(MapRun::countsImage(cv::Mat(2, 2, CV_8UC3)).isNull());
-    QVERIFY(MapRun::backgroundImage(cv::Mat(2, 2, CV_8UC1)).isNull());
 }
 
 // Arguments: jobs, files still to start (this one included), files running (this one
