@@ -17,7 +17,7 @@ fail() {
 }
 
 [ "$(id -u)" -eq 0 ] || fail "installing a package needs root"
-for program in cpack dpkg-deb dpkg-shlibdeps lintian apt-get desktop-file-validate man ffmpeg python3; do
+for program in cpack dpkg-deb dpkg-shlibdeps lintian apt-get desktop-file-validate man ffmpeg /usr/bin/python3; do
   command -v "$program" >/dev/null || fail "$program is missing (scripts/test installs it)"
 done
 if dpkg-query -W -f='${Status}' tremora 2>/dev/null | grep -q 'installed'; then
@@ -83,14 +83,15 @@ done < <(awk '$1 == "W:" { print $3 }' "$work/lintian.txt" | sort -u)
   >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; fail "apt-get install failed"; }
 installed=yes
 dpkg -L tremora >"$work/files"
+grep -qx /usr/bin/tremora-map "$work/files" || fail "dpkg -L tremora does not list /usr/bin/tremora-map"
 
 [ "$(command -v tremora-map)" = /usr/bin/tremora-map ] || fail "tremora-map is not found as /usr/bin/tremora-map"
 /usr/bin/tremora-map --version | grep -q "$version" || fail "tremora-map --version: $(/usr/bin/tremora-map --version)"
 
 ffmpeg -hide_banner -loglevel error -nostdin -f lavfi -i "testsrc2=s=160x120:r=25:d=2" \
-  -c:v libx264 -pix_fmt yuv420p "$work/clip.mp4"
-/usr/bin/tremora-map --quiet --data --output-dir "$work/maps" "$work/clip.mp4" || fail "the installed tool's map failed"
-python3 - "$work/maps" /usr/share/tremora/manifest.schema.json <<'EOF' || fail "the installed tool's files are wrong"
+  -c:v ffv1 "$work/clip.mkv"
+/usr/bin/tremora-map --quiet --data --output-dir "$work/maps" "$work/clip.mkv" || fail "the installed tool's map failed"
+/usr/bin/python3 - "$work/maps" /usr/share/tremora/manifest.schema.json <<'EOF' || fail "the installed tool's files are wrong"
 import json, pathlib, sys
 import jsonschema
 from PIL import Image
