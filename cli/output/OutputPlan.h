@@ -26,6 +26,9 @@ struct PlannedInput {
     QString eventsPath;      // the next three empty unless --data
     QString activityPath;
     QString manifestPath;
+    // The manifest at manifestPath records an analysis that was canceled and names no file:
+    // the run writes its manifest over it even without --overwrite.
+    bool replacesCanceledManifest = false;
     QString error;           // non-empty: this input is not analysed; the text says why
 
     // The files of this input in the order they are written: map, legend, counts, events,
@@ -58,7 +61,8 @@ QString manifestFileName(const QString& video);
 QString outputFolder(const QString& video, const QString& outputDir);
 
 // Plans every input of `options` in order. An input gets an error, and is not analysed, when
-// one of its files exists and `options.overwrite` is off, or when an earlier planned input
+// one of its files exists and `options.overwrite` is off (a manifest of a canceled analysis,
+// which names no file, does not count), or when an earlier planned input
 // writes one of its files, or when one of its files would be one of the input videos.
 // Reads the file system; writes nothing.
 std::vector<PlannedInput> plan(const MapToolOptions& options);

@@ -266,7 +266,8 @@ void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPass
     job.manifest = Manifest::build(content);
     if (!toWrite)
         return;
-    const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest, options.overwrite);
+    const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest,
+                                                  options.overwrite || job.input.replacesCanceledManifest);
     if (error.isEmpty())
         error = manifestError;
 }

@@ -13,6 +13,8 @@ TREMORA_PACKAGES=(
   time
   python3 python3-jsonschema python3-numpy python3-pil
   chromium chromium-driver python3-selenium
+  slurmctld slurmd slurm-client munge
+  lintian desktop-file-utils man-db
 )
 
 # Installs whatever of the list is missing; prints nothing when everything is present.

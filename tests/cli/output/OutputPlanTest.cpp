@@ -13,6 +13,13 @@ bool touch(const QString& path, const QByteArray& content = "old")
     return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
+// The fields of a manifest that say how its analysis ended, as the tool writes them.
+QByteArray manifestRecording(const char* status)
+{
+    return QByteArray(R"({"format": "tremora-map data", "format_version": 1, "files": [], "outcome": {"status": ")")
+           + status + R"("}})";
+}
+
 MapToolOptions optionsFor(const QStringList& videos)
 {
     MapToolOptions options;
@@ -47,6 +54,8 @@ private slots:
     void planningWritesNothing();
     void dataPlansEventsBackgroundActivityAndManifestManifestLast();
     void anExistingManifestStopsTheInputWithoutOverwrite();
+    void aManifestOfACanceledAnalysisDoesNotStopTheInput();
+    void aManifestOfAFailedAnalysisStopsTheInput();
     void dataFilesOfTwoInputsCollideLikeMaps();
     void slicesReplaceTheMapOfTheWholeVideo();
 
@@ -169,6 +178,29 @@ void OutputPlanTest::anExistingManifestStopsTheInputWithoutOverwrite()
     QVERIFY(OutputPlan::plan(options).front().error.contains(path("a.json")));
     options.overwrite = true;
     QVERIFY(OutputPlan::plan(options).front().error.isEmpty());
+}
+
+void OutputPlanTest::aManifestOfACanceledAnalysisDoesNotStopTheInput()
+{
+    QVERIFY(touch(path("a.json"), manifestRecording("canceled")));
+    MapToolOptions options = optionsFor({path("a.mp4")});
+    options.data = true;
+    const PlannedInput planned = OutputPlan::plan(options).front();
+    QVERIFY2(planned.error.isEmpty(), qPrintable(planned.error));
+    QVERIFY(planned.replacesCanceledManifest);
+    // Only the manifest may be written over: a map beside it still stops the input.
+    QVERIFY(touch(path("a.png")));
+    QVERIFY(OutputPlan::plan(options).front().error.contains(path("a.png")));
+}
+
+void OutputPlanTest::aManifestOfAFailedAnalysisStopsTheInput()
+{
+    QVERIFY(touch(path("a.json"), manifestRecording("failed")));
+    MapToolOptions options = optionsFor({path("a.mp4")});
+    options.data = true;
+    const PlannedInput planned = OutputPlan::plan(options).front();
+    QVERIFY(planned.error.contains(path("a.json")));
+    QVERIFY(!planned.replacesCanceledManifest);
 }
 
 void OutputPlanTest::dataFilesOfTwoInputsCollideLikeMaps()
