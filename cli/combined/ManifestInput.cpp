@@ -39,7 +39,7 @@ Parsed parse(const QString& path)
     if (parseError.error != QJsonParseError::NoError || !document.isObject())
         return {{}, tr("Manifest '%1' is not JSON: %2").arg(path, parseError.errorString())};
     const QJsonObject root = document.object();
-    if (root["format"].toString() != QLatin1String("tremora-map data"))
+    if (root["format"].toString() != QLatin1String(Manifest::kFormatName))
         return {{}, tr("'%1' is not a manifest written by tremora-map --data").arg(path)};
     const int version = root["format_version"].toInt(0);
     if (version > Manifest::kFormatVersion)

@@ -174,7 +174,7 @@ QJsonObject build(const Content& content)
     if (content.outcome == Outcome::Failed)
         outcome.insert("error", content.error);
     return {
-        {"format", QStringLiteral("tremora-map data")},
+        {"format", QLatin1String(kFormatName)},
         {"format_version", kFormatVersion},
         {"tool", QStringLiteral("tremora-map")},
         {"tool_version", QString::fromLatin1(Version::version)},
@@ -199,6 +199,19 @@ QString write(const QString& path, const QJsonObject& manifest, bool overwrite)
         || !file.commit())
         return tr("Can't save file '%1'").arg(path);
     return {};
+}
+
+bool recordsCanceledAnalysis(const QString& path)
+{
+    // Far above any manifest the tool writes; a larger file is not read whole to find out.
+    constexpr qint64 largestManifest = 1 << 20;
+    QFile file(path);
+    if (file.size() > largestManifest || !file.open(QIODevice::ReadOnly))
+        return false;
+    const QJsonObject root = QJsonDocument::fromJson(file.readAll()).object();
+    return root["format"].toString() == QLatin1String(kFormatName)
+           && root["outcome"].toObject()["status"].toString() == outcomeName(Outcome::Canceled)
+           && root["files"].toArray().isEmpty();
 }
 
 } // namespace Manifest

@@ -17,6 +17,8 @@
 namespace Manifest {
 
 constexpr int kFormatVersion = 1;
+// What the manifest's "format" says, so that a reader knows the file for one.
+constexpr char kFormatName[] = "tremora-map data";
 
 enum class Outcome { Done, Failed, Canceled };
 
@@ -42,5 +44,10 @@ QJsonObject fileRecord(const QString& role, const QString& path);
 // Writes `manifest` to `path` under a temporary name renamed into place, replacing an
 // existing file only with `overwrite`. The error, empty on success. Reentrant.
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite);
+
+// Whether the file at `path` is a manifest that records a canceled analysis and names no
+// written file: a run stopped from outside (Ctrl+C, a scheduler canceling the task) leaves
+// one, and running the input again is how it gets finished. Reads the file. Reentrant.
+bool recordsCanceledAnalysis(const QString& path);
 
 } // namespace Manifest

@@ -1,13 +1,11 @@
 #include "OutputPlan.h"
 
+#include "Manifest.h"
+
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 namespace {
 
@@ -93,27 +91,12 @@ private:
     QHash<QString, QString> m_owners;
 };
 
-// A run stopped from outside (Ctrl+C, a scheduler cancelling the task) leaves a manifest that
-// says so and names no file. Running the input again is how it gets finished, so that
-// manifest is no result to protect; one of a failed analysis is, since the file itself failed.
-bool recordsCanceledAnalysis(const QString& path)
-{
-    constexpr qint64 largestManifest = 1 << 20;
-    QFile file(path);
-    if (file.size() > largestManifest || !file.open(QIODevice::ReadOnly))
-        return false;
-    const QJsonObject root = QJsonDocument::fromJson(file.readAll()).object();
-    return root["format"].toString() == QLatin1String("tremora-map data")
-           && root["outcome"].toObject()["status"].toString() == QLatin1String("canceled")
-           && root["files"].toArray().isEmpty();
-}
-
 QString existingOutputOf(PlannedInput& input)
 {
     for (const QString& path : input.outputs()) {
         if (!OutputPlan::existsOrDangles(path))
             continue;
-        if (path == input.manifestPath && QFileInfo(path).isFile() && recordsCanceledAnalysis(path)) {
+        if (path == input.manifestPath && QFileInfo(path).isFile() && Manifest::recordsCanceledAnalysis(path)) {
             input.replacesCanceledManifest = true;
             continue;
         }
