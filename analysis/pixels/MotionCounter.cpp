@@ -71,6 +71,20 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
     }
     if (m_exact)
         m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
+    if (m_detailed && detail.steadyLight)
+        setUpSteadyLight(size, detail.sceneChangeShare);
+}
+
+void MotionCounter::setUpSteadyLight(cv::Size size, double sceneChangeShare)
+{
+    m_steadyLight = true;
+    m_sceneChangeShare = sceneChangeShare;
+    if (m_blur)
+        LargePageMats::create(m_current, size, CV_8UC1, cv::Scalar(0));
+    m_analysedPixels = cv::countNonZero(m_mask);
+    m_lightTallies.resize(static_cast<size_t>(m_stripes));
+    m_stripeMoving.resize(static_cast<size_t>(m_stripes));
+    m_histograms.resize(static_cast<size_t>(m_stripes) * MotionKernels::kDifferenceBins);
 }
 
 void MotionCounter::setUpCells(cv::Size size, int cellSize)
@@ -102,6 +116,8 @@ void MotionCounter::start(const cv::Mat& firstFrame)
     m_pairs = 0;
     m_pairsUnfolded = 0;
     m_lastPair = {};
+    m_lastSceneChange = false;
+    m_lastShift = 0;
     if (!m_events.empty())
         m_events.setTo(cv::Scalar(0));
     m_quiet.setTo(cv::Scalar(MotionKernels::kQuietForNewEvent));
@@ -111,7 +127,9 @@ void MotionCounter::start(const cv::Mat& firstFrame)
 
 void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
 {
-    if (m_detailed) {
+    if (m_steadyLight) {
+        addFrameInSteadyLight(frame, motionCount);
+    } else if (m_detailed) {
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
             countRowsDetailed(frame, motionCount, stripe, firstRow, endRow, sums);
         });
@@ -210,6 +228,130 @@ void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount
                                                      events, mask, width, threshold)
             : MotionKernels::countRowDetailed(frame.ptr<std::uint8_t>(y), previous, quiet, counts, events, mask,
                                               width, threshold);
+        tally.movingPixels += row.moving;
+        tally.newEvents += row.newEvents;
+        if (quietBefore && row.newEvents > 0)
+            markNewEventCells(y, quietBefore, hits);
+    }
+}
+
+void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionCount)
+{
+    forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
+        smoothAndTallyRows(frame, stripe, firstRow, endRow, sums);
+    });
+    const cv::Mat& current = m_blur ? m_current : frame;
+    LightCounts light;
+    for (const LightCounts& tally : m_lightTallies) {
+        light.darker += tally.darker;
+        light.notBrighter += tally.notBrighter;
+        light.beyondThreshold += tally.beyondThreshold;
+    }
+    // The lower median is the difference at index k = floor((n - 1) / 2) in sorted order: it
+    // is 0 exactly when at most k differences are below 0 and more than k are at most 0, which
+    // is most pairs, where no histogram is needed.
+    const std::int64_t k = (m_analysedPixels - 1) / 2;
+    const bool lightUnchanged = m_analysedPixels == 0 || (light.darker <= k && light.notBrighter > k);
+    m_lastShift = lightUnchanged ? 0 : lightShift(current);
+    const std::int64_t moving = m_lastShift == 0 ? light.beyondThreshold : movingAfterShift(current, m_lastShift);
+    m_lastSceneChange = static_cast<double>(moving) > m_sceneChangeShare * static_cast<double>(m_analysedPixels);
+    if (m_lastSceneChange) {
+        // The counts and quiet pairs stay as they were; only the picture moves on.
+        current.copyTo(m_previous);
+        m_lastPair = {moving, 0};
+    } else {
+        forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
+            countShiftedRows(current, motionCount, stripe, firstRow, endRow);
+        });
+        m_lastPair = {};
+        for (const PairActivity& tally : m_stripeTallies) {
+            m_lastPair.movingPixels += tally.movingPixels;
+            m_lastPair.newEvents += tally.newEvents;
+        }
+        if (m_cellSize > 0 && m_lastPair.newEvents > 0)
+            mergeCellHits();
+    }
+    ++m_pairs;
+}
+
+void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow,
+                                       std::uint16_t* sums)
+{
+    LightCounts& tally = m_lightTallies[static_cast<size_t>(stripe)];
+    tally = {};
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    for (int y = firstRow; y < endRow; ++y) {
+        const std::uint8_t* current = frame.ptr<std::uint8_t>(y);
+        if (m_blur) {
+            std::uint8_t* smoothed = m_current.ptr<std::uint8_t>(y);
+            MotionKernels::meansOf49(columnSums(frame, y, firstRow, sums), smoothed, width);
+            current = smoothed;
+        }
+        const MotionKernels::LightTally row =
+            MotionKernels::tallyLight(current, m_previous.ptr<std::uint8_t>(y), m_mask.ptr<std::uint8_t>(y), width,
+                                      threshold);
+        tally.darker += row.darker;
+        tally.notBrighter += row.notBrighter;
+        tally.beyondThreshold += row.beyondThreshold;
+    }
+}
+
+int MotionCounter::lightShift(const cv::Mat& current)
+{
+    constexpr int bins = MotionKernels::kDifferenceBins;
+    std::fill(m_histograms.begin(), m_histograms.end(), 0u);
+    forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
+        std::uint32_t* histogram = m_histograms.data() + static_cast<size_t>(stripe) * bins;
+        for (int y = firstRow; y < endRow; ++y)
+            MotionKernels::addDifferences(current.ptr<std::uint8_t>(y), m_previous.ptr<std::uint8_t>(y),
+                                          m_mask.ptr<std::uint8_t>(y), m_previous.cols, histogram);
+    });
+    const std::int64_t k = (m_analysedPixels - 1) / 2;
+    std::int64_t seen = 0;
+    for (int bin = 0; bin < bins; ++bin) {
+        for (int stripe = 0; stripe < m_stripes; ++stripe)
+            seen += m_histograms[static_cast<size_t>(stripe) * bins + static_cast<size_t>(bin)];
+        if (seen > k)
+            return bin - 255;
+    }
+    return 0;
+}
+
+std::int64_t MotionCounter::movingAfterShift(const cv::Mat& current, int shift)
+{
+    forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
+        std::int64_t moving = 0;
+        for (int y = firstRow; y < endRow; ++y)
+            moving += MotionKernels::movingAfterShift(current.ptr<std::uint8_t>(y), m_previous.ptr<std::uint8_t>(y),
+                                                      m_mask.ptr<std::uint8_t>(y), m_previous.cols, shift,
+                                                      thresholdByte(m_threshold));
+        m_stripeMoving[static_cast<size_t>(stripe)] = moving;
+    });
+    std::int64_t moving = 0;
+    for (const std::int64_t stripeMoving : m_stripeMoving)
+        moving += stripeMoving;
+    return moving;
+}
+
+void MotionCounter::countShiftedRows(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow,
+                                     int endRow)
+{
+    PairActivity& tally = m_stripeTallies[static_cast<size_t>(stripe)];
+    const int width = m_previous.cols;
+    tally = {};
+    std::uint8_t* quietBefore = m_cellSize > 0 ? m_quietBefore.data() + static_cast<size_t>(stripe) * width : nullptr;
+    std::uint8_t* hits = m_cellSize > 0 ? m_stripeCells.data() + static_cast<size_t>(stripe) * m_lastCells.size() : nullptr;
+    if (hits)
+        std::fill(hits, hits + m_lastCells.size(), std::uint8_t{0});
+    for (int y = firstRow; y < endRow; ++y) {
+        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+        if (quietBefore)
+            std::memcpy(quietBefore, quiet, static_cast<size_t>(width));
+        const MotionKernels::RowTally row = MotionKernels::countRowShifted(
+            current.ptr<std::uint8_t>(y), m_previous.ptr<std::uint8_t>(y), quiet, motionCount.ptr<std::uint8_t>(y),
+            m_events.ptr<std::uint16_t>(y), m_mask.ptr<std::uint8_t>(y), width, thresholdByte(m_threshold),
+            m_lastShift);
         tally.movingPixels += row.moving;
         tally.newEvents += row.newEvents;
         if (quietBefore && row.newEvents > 0)

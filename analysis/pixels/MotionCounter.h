@@ -56,6 +56,14 @@ public:
         // square saw a new event in each pair (lastPairCells). Costs a copy of each row's
         // quiet counts and a look at the rows with new events.
         int cellSize = 0;
+        // With `enabled`: a change of light is not motion. In each pair the lower median m of
+        // the differences current - previous over the analysed pixels is taken out, so that a
+        // pixel moves where |current - previous - m| is above the threshold. A pair in which
+        // more than `sceneChangeShare` of the analysed pixels then move is a scene change: it
+        // starts no event and, for the quiet pairs a new event needs, is as if it were not
+        // there; it only becomes the picture the next frame is compared with.
+        bool steadyLight = false;
+        double sceneChangeShare = 0.5;
     };
 
     // `size` is the video's frame size; all working buffers are allocated here, once.
@@ -84,6 +92,10 @@ public:
     // the last addFrame() saw; zero otherwise.
     const cv::Mat& exactCounts() const;
     PairActivity lastPair() const { return m_lastPair; }
+    // With Detail::steadyLight: whether the last pair was a scene change, and the change of
+    // light (the lower median difference) taken out of it.
+    bool lastPairWasSceneChange() const { return m_lastSceneChange; }
+    int lastLightShift() const { return m_lastShift; }
     // With Detail::cellSize: one byte a cell of the grid (row by row, the last column and row
     // of cells possibly narrower), non-zero where a new event began in the last pair. Only
     // refreshed for pairs with new events: look at it when lastPair().newEvents > 0.
@@ -118,10 +130,23 @@ private:
     void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
                            std::uint16_t* sums);
     void setUpCells(cv::Size size, int cellSize);
+    void setUpSteadyLight(cv::Size size, double sceneChangeShare);
     // Flags, in the stripe's own `hits`, the cells of row `y` where a pixel's quiet count went
     // from kQuietForNewEvent (`quietBefore`) to 0: a new event.
     void markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const;
     void mergeCellHits();
+
+    // Steady light: the pair's pictures are compared twice, once to find the change of light
+    // and once to count, so the new picture is smoothed into a buffer of its own first.
+    void addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionCount);
+    // Smooths (with blur) the stripe's rows of `frame` into m_current and tallies them.
+    void smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow, std::uint16_t* sums);
+    // The change of light of the pair whose new picture is `current`: its lower median difference.
+    int lightShift(const cv::Mat& current);
+    std::int64_t movingAfterShift(const cv::Mat& current, int shift);
+    // Compares rows of the new picture with m_previous, as countRowsDetailed does, with the
+    // change of light `m_lastShift` taken out.
+    void countShiftedRows(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow, int endRow);
 
     bool m_blur;
     bool m_detailed;
@@ -153,4 +178,20 @@ private:
     std::vector<std::uint8_t> m_stripeCells;
     std::vector<std::uint8_t> m_quietBefore;
     std::vector<std::uint8_t> m_lastCells;
+    // Steady light only: the smoothed new picture, the analysed pixels, one tally and one
+    // histogram of differences a stripe, and what the last pair was.
+    bool m_steadyLight = false;
+    double m_sceneChangeShare = 0.5;
+    cv::Mat m_current;
+    std::int64_t m_analysedPixels = 0;
+    struct LightCounts {
+        std::int64_t darker = 0;
+        std::int64_t notBrighter = 0;
+        std::int64_t beyondThreshold = 0;
+    };
+    std::vector<LightCounts> m_lightTallies;
+    std::vector<std::uint32_t> m_histograms;
+    std::vector<std::int64_t> m_stripeMoving;
+    bool m_lastSceneChange = false;
+    int m_lastShift = 0;
 };

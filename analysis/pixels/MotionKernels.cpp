@@ -5,6 +5,7 @@
 namespace MotionKernels {
 namespace {
 
+using std::int16_t;
 using std::uint16_t;
 using std::uint32_t;
 using std::uint8_t;
@@ -51,6 +52,23 @@ inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& q
     const uint8_t low = current > before ? before : current;
     const uint8_t difference = static_cast<uint8_t>(high - low);
     const bool moved = (difference > threshold) & (mask != 0);
+    const uint8_t wasQuiet = quiet;
+    const uint8_t newEvent = static_cast<uint8_t>(moved & (wasQuiet == kQuietForNewEvent));
+    count = static_cast<uint8_t>(count + newEvent);
+    events = static_cast<uint16_t>(events + static_cast<uint16_t>(newEvent & (events != 0xFFFF)));
+    const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
+    quiet = moved ? uint8_t{0} : older;
+    previous = current;
+    return newEvent;
+}
+
+// countPixelDetailed on the difference with the change of light `shift` taken out.
+inline uint8_t countPixelShifted(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
+                                 uint16_t& events, uint8_t mask, uint8_t threshold, int16_t shift)
+{
+    const int16_t difference = static_cast<int16_t>(current - previous - shift);
+    const int16_t magnitude = difference < 0 ? static_cast<int16_t>(-difference) : difference;
+    const bool moved = (magnitude > threshold) & (mask != 0);
     const uint8_t wasQuiet = quiet;
     const uint8_t newEvent = static_cast<uint8_t>(moved & (wasQuiet == kQuietForNewEvent));
     count = static_cast<uint8_t>(count + newEvent);
@@ -180,6 +198,56 @@ TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* columnSums, uint8_t
     });
 }
 
+TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t* __restrict previous,
+                                const uint8_t* __restrict mask, int width, uint8_t threshold)
+{
+    uint32_t darker = 0;
+    uint32_t notBrighter = 0;
+    uint32_t beyond = 0;
+    for (int x = 0; x < width; ++x) {
+        const uint32_t analysed = mask[x] != 0 ? 1u : 0u;
+        const uint8_t high = current[x] > previous[x] ? current[x] : previous[x];
+        const uint8_t low = current[x] > previous[x] ? previous[x] : current[x];
+        darker += analysed & (current[x] < previous[x] ? 1u : 0u);
+        notBrighter += analysed & (current[x] <= previous[x] ? 1u : 0u);
+        beyond += analysed & (static_cast<uint8_t>(high - low) > threshold ? 1u : 0u);
+    }
+    return {darker, notBrighter, beyond};
+}
+
+TREMORA_KERNEL uint32_t movingShifted(const uint8_t* __restrict current, const uint8_t* __restrict previous,
+                                      const uint8_t* __restrict mask, int width, int16_t shift, uint8_t threshold)
+{
+    uint32_t moving = 0;
+    for (int x = 0; x < width; ++x) {
+        const int16_t difference = static_cast<int16_t>(current[x] - previous[x] - shift);
+        const int16_t magnitude = difference < 0 ? static_cast<int16_t>(-difference) : difference;
+        moving += (mask[x] != 0) & (magnitude > threshold) ? 1u : 0u;
+    }
+    return moving;
+}
+
+TREMORA_KERNEL void countShiftedBlock(const uint8_t* __restrict current, uint8_t* __restrict previous,
+                                      uint8_t* __restrict quiet, uint8_t* __restrict counts,
+                                      uint16_t* __restrict events, const uint8_t* __restrict mask,
+                                      uint8_t* __restrict fresh, int width, uint8_t threshold, int16_t shift)
+{
+    TREMORA_ROWS_APART
+    for (int x = 0; x < width; ++x)
+        fresh[x] = countPixelShifted(current[x], previous[x], quiet[x], counts[x], events[x], mask[x], threshold,
+                                     shift);
+}
+
+TREMORA_KERNEL RowTally countShifted(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
+                                     uint16_t* events, const uint8_t* mask, int width, uint8_t threshold,
+                                     int16_t shift)
+{
+    return tallyBlocks(quiet, width, [&](int offset, int block, uint8_t* fresh) {
+        countShiftedBlock(current + offset, previous + offset, quiet + offset, counts + offset, events + offset,
+                          mask + offset, fresh, block, threshold, shift);
+    });
+}
+
 #undef TREMORA_ROWS_APART
 #undef TREMORA_KERNEL
 
@@ -226,6 +294,26 @@ __attribute__((target("avx2"))) RowTally countBlurredDetailedAvx2(const uint16_t
                                                                  const uint8_t* mask, int width, uint8_t threshold)
 {
     return countBlurredDetailed(columnSums, previous, quiet, counts, events, mask, width, threshold);
+}
+
+__attribute__((target("avx2"))) LightTally lightAvx2(const uint8_t* current, const uint8_t* previous,
+                                                     const uint8_t* mask, int width, uint8_t threshold)
+{
+    return light(current, previous, mask, width, threshold);
+}
+
+__attribute__((target("avx2"))) uint32_t movingShiftedAvx2(const uint8_t* current, const uint8_t* previous,
+                                                          const uint8_t* mask, int width, int16_t shift,
+                                                          uint8_t threshold)
+{
+    return movingShifted(current, previous, mask, width, shift, threshold);
+}
+
+__attribute__((target("avx2"))) RowTally countShiftedAvx2(const uint8_t* current, uint8_t* previous, uint8_t* quiet,
+                                                         uint8_t* counts, uint16_t* events, const uint8_t* mask,
+                                                         int width, uint8_t threshold, int16_t shift)
+{
+    return countShifted(current, previous, quiet, counts, events, mask, width, threshold, shift);
 }
 
 const bool hasAvx2 = __builtin_cpu_supports("avx2");
@@ -307,6 +395,50 @@ RowTally countBlurredRowDetailed(const uint16_t* columnSums, uint8_t* previous, 
         return countBlurredDetailedAvx2(columnSums, previous, quiet, counts, events, mask, width, threshold);
 #endif
     return countBlurredDetailed(columnSums, previous, quiet, counts, events, mask, width, threshold);
+}
+
+LightTally tallyLight(const uint8_t* current, const uint8_t* previous, const uint8_t* mask, int width,
+                      uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return lightAvx2(current, previous, mask, width, threshold);
+#endif
+    return light(current, previous, mask, width, threshold);
+}
+
+// Only pairs in which the light changed come here, so a plain loop does.
+void addDifferences(const uint8_t* current, const uint8_t* previous, const uint8_t* mask, int width,
+                    uint32_t* histogram)
+{
+    for (int x = 0; x < width; ++x) {
+        if (mask[x] != 0)
+            ++histogram[current[x] - previous[x] + 255];
+    }
+}
+
+uint32_t movingAfterShift(const uint8_t* current, const uint8_t* previous, const uint8_t* mask, int width, int shift,
+                          uint8_t threshold)
+{
+    const int16_t shift16 = static_cast<int16_t>(shift);
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return movingShiftedAvx2(current, previous, mask, width, shift16, threshold);
+#endif
+    return movingShifted(current, previous, mask, width, shift16, threshold);
+}
+
+RowTally countRowShifted(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t* counts,
+                         uint16_t* events, const uint8_t* mask, int width, uint8_t threshold, int shift)
+{
+    if (shift == 0)
+        return countRowDetailed(current, previous, quiet, counts, events, mask, width, threshold);
+    const int16_t shift16 = static_cast<int16_t>(shift);
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countShiftedAvx2(current, previous, quiet, counts, events, mask, width, threshold, shift16);
+#endif
+    return countShifted(current, previous, quiet, counts, events, mask, width, threshold, shift16);
 }
 
 } // namespace MotionKernels

@@ -61,4 +61,34 @@ RowTally countBlurredRowDetailed(const std::uint16_t* columnSums, std::uint8_t* 
                                  std::uint8_t* count, std::uint16_t* events, const std::uint8_t* mask, int width,
                                  std::uint8_t threshold);
 
+// What one row of a pair shows before a change of light is taken out, over its analysed
+// pixels (`mask` non-zero): how many got darker (current < previous), how many did not get
+// brighter (current <= previous), and how many differ by more than `threshold`. The first two
+// tell whether the lower median of the differences is 0; the last is then the row's moving
+// pixels.
+struct LightTally {
+    std::uint32_t darker = 0;
+    std::uint32_t notBrighter = 0;
+    std::uint32_t beyondThreshold = 0;
+};
+LightTally tallyLight(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* mask, int width,
+                      std::uint8_t threshold);
+
+// Bins of a histogram of differences current - previous: bin d + 255 for d in [-255, 255].
+constexpr int kDifferenceBins = 511;
+
+// Adds the differences current - previous of the row's analysed pixels to `histogram`.
+void addDifferences(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* mask, int width,
+                    std::uint32_t* histogram);
+
+// The row's analysed pixels where |current - previous - shift| > threshold.
+std::uint32_t movingAfterShift(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* mask,
+                               int width, int shift, std::uint8_t threshold);
+
+// countRowDetailed with `shift` taken out of every difference first: a pixel moved where
+// |current - previous - shift| > threshold. With shift 0 the same as countRowDetailed.
+RowTally countRowShifted(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet,
+                         std::uint8_t* count, std::uint16_t* events, const std::uint8_t* mask, int width,
+                         std::uint8_t threshold, int shift);
+
 } // namespace MotionKernels

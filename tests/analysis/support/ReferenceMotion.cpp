@@ -37,15 +37,6 @@ cv::Mat boxBlur7(const cv::Mat& grey)
     return out;
 }
 
-cv::Mat thresholdedDifference(const cv::Mat& a, const cv::Mat& b, double threshold)
-{
-    cv::Mat out(a.size(), CV_8UC1);
-    for (int y = 0; y < a.rows; ++y)
-        for (int x = 0; x < a.cols; ++x)
-            out.at<uchar>(y, x) = std::abs(a.at<uchar>(y, x) - b.at<uchar>(y, x)) > threshold ? 255 : 0;
-    return out;
-}
-
 Analysis::Analysis(int width, int height, bool blur, const cv::Mat& mask)
     : m_blur(blur)
     , m_mask(mask)
@@ -55,6 +46,37 @@ Analysis::Analysis(int width, int height, bool blur, const cv::Mat& mask)
 {
 }
 
+void Analysis::setSteadyLight(double sceneChangeShare)
+{
+    m_steadyLight = true;
+    m_sceneChangeShare = sceneChangeShare;
+}
+
+namespace {
+
+bool analysed(const cv::Mat& mask, int x, int y)
+{
+    return mask.empty() || mask.at<uchar>(y, x) != 0;
+}
+
+// The difference at index floor((n - 1) / 2) of the analysed pixels' differences, sorted.
+int lowerMedianDifference(const cv::Mat& previous, const cv::Mat& frame, const cv::Mat& mask)
+{
+    std::vector<int> differences;
+    for (int y = 0; y < frame.rows; ++y) {
+        for (int x = 0; x < frame.cols; ++x) {
+            if (analysed(mask, x, y))
+                differences.push_back(int(frame.at<uchar>(y, x)) - int(previous.at<uchar>(y, x)));
+        }
+    }
+    if (differences.empty())
+        return 0;
+    std::sort(differences.begin(), differences.end());
+    return differences[(differences.size() - 1) / 2];
+}
+
+} // namespace
+
 void Analysis::addFrame(const cv::Mat& grey)
 {
     const cv::Mat frame = m_blur ? boxBlur7(grey) : grey.clone();
@@ -62,28 +84,45 @@ void Analysis::addFrame(const cv::Mat& grey)
         m_previous = frame;
         return;
     }
-    const cv::Mat moved = thresholdedDifference(m_previous, frame, m_blur ? 20.0 : 40.0);
+    const double threshold = m_blur ? 20.0 : 40.0;
     Pair pair;
-    std::vector<cv::Point> fresh;
+    pair.lightShift = m_steadyLight ? lowerMedianDifference(m_previous, frame, m_mask) : 0;
+    long long analysedPixels = 0;
+    cv::Mat moved(frame.size(), CV_8UC1, cv::Scalar(0));
     for (int y = 0; y < frame.rows; ++y) {
         for (int x = 0; x < frame.cols; ++x) {
-            if (moved.at<uchar>(y, x) == 0 || (!m_mask.empty() && m_mask.at<uchar>(y, x) == 0))
+            if (!analysed(m_mask, x, y))
                 continue;
-            ++pair.moving;
+            ++analysedPixels;
+            const int difference = int(frame.at<uchar>(y, x)) - int(m_previous.at<uchar>(y, x)) - pair.lightShift;
+            if (std::abs(difference) > threshold) {
+                moved.at<uchar>(y, x) = 1;
+                ++pair.moving;
+            }
+        }
+    }
+    pair.sceneChange = m_steadyLight && double(pair.moving) > m_sceneChangeShare * double(analysedPixels);
+    std::vector<cv::Point> fresh;
+    for (int y = 0; y < frame.rows && !pair.sceneChange; ++y) {
+        for (int x = 0; x < frame.cols; ++x) {
+            if (moved.at<uchar>(y, x) == 0)
+                continue;
             int& last = m_lastMotion[static_cast<size_t>(y) * static_cast<size_t>(frame.cols) + static_cast<size_t>(x)];
-            if (m_pairs - last >= 51) {
+            if (m_countedPairs - last >= 51) {
                 m_counts.at<uchar>(y, x) = static_cast<uchar>((m_counts.at<uchar>(y, x) + 1) % 256);
                 ++m_exactCounts.at<int>(y, x);
                 ++pair.newEvents;
                 fresh.emplace_back(x, y);
             }
-            last = m_pairs;
+            last = m_countedPairs;
         }
     }
     m_activity.push_back(pair);
     m_newEventPixels.push_back(fresh);
     m_previous = frame;
     ++m_pairs;
+    if (!pair.sceneChange)
+        ++m_countedPairs;
 }
 
 cv::Mat nearestMask(const cv::Mat& mask, cv::Size size)

@@ -13,9 +13,6 @@ namespace Reference {
 // 7 x 7 mean with reflect-101 borders, rounded to the nearest integer.
 cv::Mat boxBlur7(const cv::Mat& grey);
 
-// 255 where |a - b| > threshold, 0 elsewhere.
-cv::Mat thresholdedDifference(const cv::Mat& a, const cv::Mat& b, double threshold);
-
 // The counting of separate motion events, fed one grey frame (8-bit, 1 channel) at a time.
 class Analysis {
 public:
@@ -23,10 +20,16 @@ public:
     struct Pair {
         long long moving = 0;
         long long newEvents = 0;
+        bool sceneChange = false;
+        int lightShift = 0;
     };
 
     // `mask` (8-bit, the frames' size; empty for none): pixels where it is 0 never move.
     Analysis(int width, int height, bool blur, const cv::Mat& mask = {});
+    // From now on a change of light is not motion: each pair's lower median difference is
+    // taken out, and a pair where more than `sceneChangeShare` of the analysed pixels still
+    // move is a scene change, which starts nothing and is skipped for the quiet gap.
+    void setSteadyLight(double sceneChangeShare);
     void addFrame(const cv::Mat& grey);
     // 8-bit, wrapping after 255 as the map's count does.
     cv::Mat counts() const { return m_counts; }
@@ -47,6 +50,10 @@ private:
     std::vector<Pair> m_activity;
     std::vector<std::vector<cv::Point>> m_newEventPixels;
     int m_pairs = 0;
+    bool m_steadyLight = false;
+    double m_sceneChangeShare = 0.0;
+    // Pairs that were not scene changes: the clock of the quiet gap.
+    int m_countedPairs = 0;
 };
 
 // The mask pixel under the centre of each pixel of a picture of `size`.
