@@ -126,7 +126,9 @@ bool keepsExactCounts(const MotionPassSettings& settings)
 MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size size)
 {
     MotionCounter::Detail detail;
-    detail.enabled = settings.detailed || !settings.mask.empty();
+    detail.enabled = settings.detailed || !settings.mask.empty() || settings.steadyLight;
+    detail.steadyLight = settings.steadyLight;
+    detail.sceneChangeShare = settings.sceneChangeShare;
     detail.exactCounts = settings.exactCounts;
     if (settings.detailed)
         detail.cellSize = std::max(settings.eventCellSize, 0);
@@ -217,7 +219,8 @@ private:
         m_hooks.pairAnalysed();
         if (m_reportPairs) {
             const MotionCounter::PairActivity activity = m_counter.lastPair();
-            m_hooks.pairCounted({pairIndex, time, activity.movingPixels, activity.newEvents});
+            m_hooks.pairCounted(
+                {pairIndex, time, activity.movingPixels, activity.newEvents, m_counter.lastPairWasSceneChange()});
             if (!m_eventTimes.empty() && activity.newEvents > 0)
                 m_eventTimes.record(static_cast<std::int64_t>(std::floor(time)), m_counter.lastPairCells());
         }

@@ -48,6 +48,8 @@ public:
         double time = 0.0;
         std::int64_t movingPixels = 0;
         std::int64_t newEvents = 0;
+        // With MotionPassSettings::steadyLight: the pair was a scene change (no new events).
+        bool sceneChange = false;
     };
     virtual void pairCounted(const PairRecord&) {}
     // With MotionPassSettings::sliceSeconds: slice `slice`, the seconds from
@@ -106,6 +108,12 @@ struct MotionPassSettings {
     // `windowEnd`, as at the end of the video.
     double windowStart = 0.0;
     double windowEnd = std::numeric_limits<double>::infinity();
+    // A change of light is not motion: each pair's lower median difference is taken out
+    // before the threshold, and a pair in which more than `sceneChangeShare` of the analysed
+    // pixels still move is a scene change, which starts no event and is skipped for the quiet
+    // pairs a new event needs (see MotionCounter::Detail). Costs the slower counting loop.
+    bool steadyLight = false;
+    double sceneChangeShare = 0.5;
 };
 
 // What a pass learnt about its video besides the counts and the background.

@@ -717,6 +717,42 @@ private slots:
         }
     }
 
+    void steadyLightTakesOutALightStepAndSkipsSceneChangesAsTheReferenceDoes()
+    {
+        // Noise with a step of light at frame 60 and half the picture turned over at frame
+        // 110: the step is taken out, the turn-over is a scene change.
+        std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 47);
+        for (size_t i = 60; i < frames.size(); ++i)
+            frames[i] += cv::Scalar(30);
+        for (size_t i = 110; i < frames.size(); ++i) {
+            frames[i](cv::Rect(0, 0, 40, 10)) += cv::Scalar(90);
+            frames[i](cv::Rect(0, 10, 40, 10)) -= cv::Scalar(90);
+        }
+        const QString path = clip("steady-light.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        for (const bool blur : {true, false}) {
+            MotionPassSettings settings;
+            settings.blur = blur;
+            settings.steadyLight = true;
+            const DetailedPass pass = runDetailedPass(path, settings);
+            QCOMPARE(pass.outcome, MotionPassOutcome::Finished);
+            Reference::Analysis reference(40, 30, blur);
+            reference.setSteadyLight(0.5);
+            for (const cv::Mat& frame : frames)
+                reference.addFrame(frame);
+            QVERIFY(equal(pass.counts, reference.counts()));
+            QVERIFY(equal(as32Bit(pass.facts.exactCounts), reference.exactCounts()));
+            QVERIFY(sameActivity(pass.records, reference.activity()));
+            int sceneChanges = 0;
+            for (size_t p = 0; p < pass.records.size(); ++p) {
+                QCOMPARE(pass.records[p].sceneChange, reference.activity()[p].sceneChange);
+                sceneChanges += pass.records[p].sceneChange ? 1 : 0;
+            }
+            QCOMPARE(sceneChanges, 1);
+            QVERIFY(pass.records[109].sceneChange);
+        }
+    }
+
     void exactCountsAloneAreTheDetailedPassesWithoutItsActivity()
     {
         const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 41);
