@@ -26,10 +26,10 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-// The pattern of a slice's other files: "clip.slice-%1.png" -> "clip.slice-%1.legend.png".
-QString companionPattern(const QString& mapPattern, const QString& suffix)
+// A slice's other files: "clip.slice-%1.png" -> "clip.slice-00h01m00s.legend.png".
+QString companionPath(const QString& mapPattern, const QString& suffix, const QString& label)
 {
-    return mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix;
+    return OutputPlan::slicePath(mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix, label);
 }
 
 // "HHhMMmSSs": `seconds` from the time line's start, or the clock time (UTC) then when the
@@ -177,13 +177,13 @@ QString SliceSet::checkNames(const Series& series, const std::vector<int>& slice
         // not replace the earlier, --overwrite or not, which is about files of earlier runs.
         if (labels.contains(label))
             return tr("Two slices would both be saved as '%1' (a day apart); none written")
-                .arg(series.pattern.arg(label));
+                .arg(OutputPlan::slicePath(series.pattern, label));
         labels.insert(label);
-        QStringList paths{series.pattern.arg(label)};
+        QStringList paths{OutputPlan::slicePath(series.pattern, label)};
         if (m_settings.legends)
-            paths << companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label);
+            paths << companionPath(series.pattern, QStringLiteral(".legend.png"), label);
         if (m_settings.events)
-            paths << companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+            paths << companionPath(series.pattern, QStringLiteral(".events.png"), label);
         for (const QString& path : paths) {
             if (!m_settings.overwrite && OutputPlan::existsOrDangles(path))
                 return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
@@ -241,7 +241,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     const cv::Mat background = MapImages::matrixOf(QImage(source.background), QImage::Format_RGB888, CV_8UC3);
     const QImage map = MotionMap::render(sum, background, scale);
     const QString label = labelOf(series, slice);
-    const QString mapPath = series.pattern.arg(label);
+    const QString mapPath = OutputPlan::slicePath(series.pattern, label);
     if (!Utils::saveImage(map, mapPath))
         return tr("Can't save image file '%1'").arg(mapPath);
     written << mapPath;
@@ -278,7 +278,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
         content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
         content.mask = m_settings.maskName;
         const QString path = m_settings.legends
-            ? companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label)
+            ? companionPath(series.pattern, QStringLiteral(".legend.png"), label)
             : tempFile();
         if (!Utils::saveImage(Legend::render(map, content), path))
             return tr("Can't save image file '%1'").arg(path);
@@ -289,7 +289,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     if (m_settings.events) {
         cv::Mat events;
         sum.convertTo(events, CV_16UC1); // saturates at 65535, as a single video's does
-        const QString path = companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+        const QString path = companionPath(series.pattern, QStringLiteral(".events.png"), label);
         if (!Utils::saveImage(MapImages::eventsImage(events), path))
             return tr("Can't save image file '%1'").arg(path);
         written << path;

@@ -7,6 +7,8 @@
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <cmath>
@@ -129,6 +131,33 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     return {};
 }
 
+// A path as two spellings of one folder share it: absolute, clean, links resolved as far as
+// the folders exist.
+QString folderIdentity(const QString& path)
+{
+    const QString clean = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    const QString canonical = QFileInfo(clean).canonicalFilePath();
+    if (!canonical.isEmpty())
+        return canonical;
+    const QFileInfo info(clean);
+    const QString parent = QFileInfo(info.absolutePath()).canonicalFilePath();
+    return parent.isEmpty() ? clean : QDir(parent).filePath(info.fileName());
+}
+
+// A report takes its folder's place when it is done: the maps' folder, or one inside the
+// report's, would be replaced with everything written there.
+QString checkReportBesideMaps(const MapToolOptions& options)
+{
+    if (options.reportDir.isEmpty() || options.outputDir.isEmpty())
+        return {};
+    const QString report = folderIdentity(options.reportDir);
+    const QString maps = folderIdentity(options.outputDir);
+    if (maps != report && !maps.startsWith(report + QLatin1Char('/')))
+        return {};
+    return tr("--report '%1' would replace the folder the maps go to ('%2'); give the report a folder of its own.")
+        .arg(options.reportDir, options.outputDir);
+}
+
 // A manifest holds a video's counts as a whole, not when they happened, so it cannot be cut
 // into slices.
 QString checkSlicedInputs(const MapToolOptions& options)
@@ -181,6 +210,9 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
         && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
         return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
                               .arg(parser.value(o.scale)));
+    const QString besideError = checkReportBesideMaps(options);
+    if (!besideError.isEmpty())
+        return usageError(besideError);
     const QString combineError = readCombine(parser, o, options);
     if (!combineError.isEmpty())
         return usageError(combineError);

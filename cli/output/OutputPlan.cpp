@@ -129,6 +129,15 @@ QString sliceFileName(const QString& video, const QString& extension)
     return QFileInfo(video).baseName() + QStringLiteral(".slice-%1.") + extension;
 }
 
+QString slicePath(const QString& pattern, const QString& label)
+{
+    const QLatin1String marker("%1");
+    const int at = pattern.lastIndexOf(marker);
+    if (at < 0)
+        return pattern;
+    return pattern.left(at) + label + pattern.mid(at + marker.size());
+}
+
 QString countsFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".counts.png");

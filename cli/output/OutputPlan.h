@@ -45,6 +45,11 @@ QString mapFileName(const QString& video, const QString& extension);
 // With --slice: "clip.slice-%1.png", where %1 stands for the slice's start as "HHhMMmSSs".
 QString sliceFileName(const QString& video, const QString& extension);
 
+// A slice's path: `pattern` (a path ending in a name from sliceFileName) with its last "%1"
+// replaced by `label`. The folder and the video's name are taken as they are, whatever they
+// hold ("%1", "%%", "{}"), unlike QString::arg, which would fill the first marker it finds.
+QString slicePath(const QString& pattern, const QString& label);
+
 // The per-pixel counts and the background beside the map: "clip.counts.png",
 // "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).
 QString countsFileName(const QString& video);

@@ -28,12 +28,13 @@ bool isEmptyFolder(const QDir& folder)
 
 QString ReportFolder::refusal(const QString& folder, bool overwrite)
 {
-    const QFileInfo info(folder);
+    // "file/." names the file itself once cleaned, as the report would be published.
+    const QFileInfo info(QDir::cleanPath(QFileInfo(folder).absoluteFilePath()));
     if (!info.exists() && !info.isSymLink())
         return {};
     if (!info.isDir())
         return tr("Report folder '%1' is a file; not replaced").arg(folder);
-    const QDir dir(folder);
+    const QDir dir(info.filePath());
     if (isEmptyFolder(dir))
         return {};
     if (!holdsReport(dir))

@@ -3,6 +3,7 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
+#include "MapScale.h"
 #include "MotionMap.h"
 
 #include <QCoreApplication>
@@ -10,6 +11,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QSaveFile>
 
 #include <opencv2/core.hpp>
@@ -57,6 +59,14 @@ QJsonObject readJson(const QString& path)
     return QJsonDocument::fromJson(file.readAll()).object();
 }
 
+// Where the analysis the manifest records began, in seconds from its video's start: 0 for
+// the whole video.
+double windowStartOf(const QJsonObject& manifest)
+{
+    return manifest.value(QLatin1String("parameters")).toObject().value(QLatin1String("window")).toObject()
+        .value(QLatin1String("start_s")).toDouble(0.0);
+}
+
 } // namespace
 
 namespace ReportStaging {
@@ -98,8 +108,22 @@ QString copy(const QString& staging, const QString& source, const QString& file)
     return QFile::copy(source, target) ? QString() : saveError(target);
 }
 
-QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,
-                           QJsonObject* manifest)
+QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapColours& colours, double* top)
+{
+    if (!colours.exact) {
+        // The window's count wraps at 256 events where the exact one goes on.
+        cv::Mat wrapped;
+        cv::bitwise_and(events, cv::Scalar(255), wrapped);
+        wrapped.convertTo(wrapped, CV_8UC1);
+        *top = MotionMap::kDefaultScale;
+        return MotionMap::render(wrapped, background);
+    }
+    *top = colours.automatic ? MapScale::automatic({events}) : colours.scale;
+    return MotionMap::render(events, background, *top);
+}
+
+QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath,
+                           const MapColours& colours, QJsonObject* manifest)
 {
     const ManifestInput::Header header = ManifestInput::readHeader(manifestPath);
     if (!header.error.isEmpty())
@@ -110,15 +134,16 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     QString error = ManifestInput::load(manifestPath, storage, &events, &background);
     if (!error.isEmpty())
         return error;
-    const double top = scale > 0.0 ? scale : MotionMap::kDefaultScale;
-    const QImage map = MotionMap::render(events, background, top);
+    double top = MotionMap::kDefaultScale;
+    const QImage map = mapOfEvents(events, background, colours, &top);
     QString mapFile;
     error = writeMap(staging, key, map, &mapFile);
     if (!error.isEmpty())
         return error;
+    *manifest = readJson(manifestPath);
     Legend::Content content;
     content.name = QFileInfo(header.videoPath).fileName();
-    content.timeSpan = Legend::timeSpan(header.creationTime, 0.0, header.footageSeconds);
+    content.timeSpan = Legend::timeSpan(header.creationTime, windowStartOf(*manifest), header.footageSeconds);
     content.scale = top;
     content.footageHours = header.footageSeconds > 0.0 ? header.footageSeconds / 3600.0 : 0.0;
     content.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
@@ -131,7 +156,6 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
         if (!error.isEmpty())
             return error;
     }
-    *manifest = readJson(manifestPath);
     return {};
 }
 

@@ -280,7 +280,8 @@ bool writeFile(const QString& path, const QByteArray& bytes)
 
 // Pool thread. An input of a sink that needs no pass; `reportStaging`, when not empty,
 // receives its card's files.
-void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const QString& reportStaging, double scale)
+void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const QString& reportStaging,
+          const ReportStaging::MapColours& colours)
 {
     if (cancel.load(std::memory_order_relaxed) != 0) {
         job.finish(FileState::Canceled);
@@ -289,7 +290,7 @@ void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const 
     job.state.store(FileState::Running, std::memory_order_release);
     QString error = sink.take(job.index);
     if (error.isEmpty() && !reportStaging.isEmpty()) {
-        error = ReportStaging::writeManifestInput(reportStaging, job.key, job.input.video, scale, &job.manifest);
+        error = ReportStaging::writeManifestInput(reportStaging, job.key, job.input.video, colours, &job.manifest);
         job.reportMapFile = QStringLiteral("maps/%1.png").arg(job.key);
     }
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
@@ -358,7 +359,7 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
     const MapToolOptions& options = context.options;
     if (context.sink && context.sink->takesWithoutPass(job.index)) {
         take(job, *context.sink, context.cancel, context.reportStaging,
-             options.scaleGiven && !options.scaleAuto ? options.scale : 0.0);
+             {options.scaleGiven, options.scaleAuto, options.scale});
         return;
     }
     std::unique_ptr<ActivityCsv> activity;
@@ -521,8 +522,9 @@ private:
     {
         switch (state) {
         case FileState::Done:
-            m_output.done(job.input.video, job.input.mapPath.isEmpty() ? job.input.slicePattern.arg(QStringLiteral("*"))
-                                                                       : job.input.mapPath);
+            m_output.done(job.input.video, job.input.mapPath.isEmpty()
+                                               ? OutputPlan::slicePath(job.input.slicePattern, QStringLiteral("*"))
+                                               : job.input.mapPath);
             break;
         case FileState::Failed:
             m_output.error(job.error);
