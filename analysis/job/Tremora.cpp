@@ -130,6 +130,7 @@ void Tremora::run()
     settings.decoderThreads = decoderThreadsFor(running.count(), QThread::idealThreadCount());
     switch (MotionPass::run(m_path.toUtf8(), settings, m_motionCount, m_background, hooks)) {
     case MotionPassOutcome::OpenFailed:
+    case MotionPassOutcome::TimeOutOfRange: // not asked for: the window neither slices nor records times
         update(Failed);
         break;
     case MotionPassOutcome::Canceled:

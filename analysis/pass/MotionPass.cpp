@@ -175,6 +175,8 @@ public:
             FramePtr current = readNextFrame(time);
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
+                if (!placeable(time))
+                    return;
                 if (m_sliceSeconds > 0.0)
                     enterSliceOf(time);
                 analysePair(std::move(current), pairIndex, time);
@@ -189,6 +191,9 @@ public:
     }
 
     int pairs() const { return m_counter.pairs(); }
+    // Whether the loop stopped at a pair it could not place, and that pair's time.
+    bool stoppedAtUnplaceableTime() const { return m_stoppedAtUnplaceableTime; }
+    double unplaceableTime() const { return m_unplaceableTime; }
     const cv::Mat& exactCounts() const { return m_counter.exactCounts(); }
     CellEventTimes takeEventTimes() { return std::move(m_eventTimes); }
 
@@ -221,6 +226,22 @@ private:
             if (!m_eventTimes.empty() && activity.newEvents > 0)
                 m_eventTimes.record(static_cast<std::int64_t>(std::floor(time)), m_counter.lastPairCells());
         }
+    }
+
+    // Slices are numbered in an int and event times in whole seconds: a time that neither
+    // holds ends the loop before anything of its pair is counted.
+    bool placeable(double time)
+    {
+        const double onLine = time + m_sliceOffset;
+        const bool fits = (m_sliceSeconds <= 0.0
+                           || (std::abs(onLine) < MotionPass::kLatestTime
+                               && onLine / m_sliceSeconds < static_cast<double>(std::numeric_limits<int>::max())))
+            && (m_eventTimes.empty() || std::abs(time) < MotionPass::kLatestTime);
+        if (!fits) {
+            m_stoppedAtUnplaceableTime = true;
+            m_unplaceableTime = m_sliceSeconds > 0.0 ? onLine : time;
+        }
+        return fits;
     }
 
     // A pair whose time lies before its slice's start (timestamps going back) stays in the
@@ -274,6 +295,8 @@ private:
     const double m_sliceSeconds;
     const double m_sliceOffset;
     int m_slice = -1;
+    bool m_stoppedAtUnplaceableTime = false;
+    double m_unplaceableTime = 0.0;
     cv::Mat m_sliceStartCounts;
     cv::Mat m_sliceCounts;
     cv::Mat& m_motionCount;
@@ -360,6 +383,8 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
         if (keepsExactCounts(settings))
             facts.exactCounts = pairs.exactCounts();
         facts.eventTimes = pairs.takeEventTimes();
+        facts.stoppedAtUnplaceableTime = pairs.stoppedAtUnplaceableTime();
+        facts.unplaceableTime = pairs.unplaceableTime();
     };
     if (decoderThreads > 1)
         runBelowDecoder(loop);
@@ -450,5 +475,7 @@ MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSe
     }
     analyse(reader, std::move(firstFrame), size, running.count(), settings, motionCount, background, hooks, found);
     closeLocked(reader);
+    if (found.stoppedAtUnplaceableTime)
+        return MotionPassOutcome::TimeOutOfRange;
     return hooks.cancelRequested() ? MotionPassOutcome::Canceled : MotionPassOutcome::Finished;
 }

@@ -2,6 +2,7 @@
 
 #include "CombinedActivity.h"
 #include "MotionMap.h"
+#include "MotionPass.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -106,7 +107,8 @@ namespace Legend {
 
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds)
 {
-    if (!(seconds >= 0.0) || !std::isfinite(seconds))
+    // Beyond any recording the times would not convert to whole milliseconds or seconds.
+    if (!(seconds >= 0.0) || !(seconds < MotionPass::kLatestTime) || !(std::abs(fromSeconds) < MotionPass::kLatestTime))
         return {};
     const QDateTime clock = CombinedActivity::readCreationTime(creationTime);
     if (clock.isValid()) {
@@ -132,6 +134,8 @@ QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& 
     double footage = 0.0;
     bool clock = creationTimes.size() == seconds.size() && !seconds.isEmpty();
     for (int i = 0; i < seconds.size(); ++i) {
+        if (!(seconds[i] < MotionPass::kLatestTime))
+            return {};
         footage += std::max(seconds[i], 0.0);
         const QDateTime start = i < creationTimes.size() ? CombinedActivity::readCreationTime(creationTimes[i])
                                                          : QDateTime();
@@ -147,6 +151,8 @@ QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& 
     }
     if (clock)
         return timeSpan(earliest.toUTC().toString(Qt::ISODateWithMs), 0.0, earliest.msecsTo(latest) / 1000.0);
+    if (!(footage < MotionPass::kLatestTime))
+        return {};
     const auto total = static_cast<long long>(footage);
     return tr("%1 files, %2:%3:%4 of footage")
         .arg(seconds.size())

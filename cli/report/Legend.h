@@ -20,12 +20,13 @@ struct Content {
 
 // What a map covers: "2024-05-01 10:00:00 – 10:15:00 UTC" from `creationTime` (as
 // containers record it) plus `fromSeconds`, lasting `seconds`; without a readable creation
-// time "0:00:00 – 0:15:00 of the video". Empty when `seconds` is not known (below 0).
+// time "0:00:00 – 0:15:00 of the video". Empty when `seconds` is not known (below 0), or
+// when either lies beyond any recording (MotionPass::kLatestTime).
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds);
 
 // What a combined map covers: from the earliest start to the latest end when every input has
 // a creation time (`creationTimes` and `seconds` side by side), else the number of files and
-// the footage they hold. Reentrant.
+// the footage they hold. Empty when a length lies beyond any recording. Reentrant.
 QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& seconds);
 
 // The text size of the strip under a map `mapWidth` pixels wide: legible from 320 pixels

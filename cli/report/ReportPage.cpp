@@ -1,5 +1,7 @@
 #include "ReportPage.h"
 
+#include "MotionPass.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -196,6 +198,9 @@ QString percentText(double share)
 
 QString clockText(double seconds)
 {
+    // A damaged file may record a length no whole number of seconds holds.
+    if (!(seconds < MotionPass::kLatestTime))
+        return tr("unknown");
     const long long whole = static_cast<long long>(std::floor(std::max(seconds, 0.0)));
     const long long h = whole / 3600;
     const long long m = whole / 60 % 60;

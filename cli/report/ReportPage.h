@@ -54,7 +54,7 @@ QString relativeHref(const QString& folder, const QString& file);
 // Whether a current browser plays a video of this container and codec (as the manifest names
 // them) in its own video element.
 bool browserPlays(const QString& container, const QString& codec);
-// Seconds as "1:02:03", "2:03" or "0:07".
+// Seconds as "1:02:03", "2:03" or "0:07"; "unknown" beyond any recording (MotionPass::kLatestTime).
 QString clockText(double seconds);
 // A share (0 to 1) as "12.5%", with more digits for a share that would show as 0.0%.
 QString percentText(double share);

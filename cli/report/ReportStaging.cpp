@@ -16,6 +16,8 @@
 
 #include <opencv2/core.hpp>
 
+#include <cmath>
+
 namespace {
 
 QString tr(const char* text)
@@ -35,8 +37,9 @@ QString saveError(const QString& path)
 }
 
 // An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
-// it does not read.
-bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds)
+// it does not read. A time beyond any recording, which no second can number, fails the
+// table with `error`.
+bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QString* error)
 {
     QFile table(path);
     if (!table.open(QIODevice::ReadOnly))
@@ -46,7 +49,14 @@ bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds)
         const QList<QByteArray> fields = table.readLine().trimmed().split(',');
         if (fields.size() != 4)
             continue;
-        seconds.add({fields[0].toInt(), fields[1].toDouble(), fields[2].toLongLong(), fields[3].toLongLong()});
+        const double time = fields[1].toDouble();
+        if (!(std::abs(time) < MotionPass::kLatestTime)) {
+            *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
+                        "its report data can't be placed")
+                         .arg(path, QString::fromLatin1(fields[1]));
+            return false;
+        }
+        seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong()});
     }
     return true;
 }
@@ -151,12 +161,12 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     if (!error.isEmpty())
         return error;
     ReportData::ActivityBySecond seconds;
-    if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds)) {
+    if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds, &error)) {
         error = writeData(staging, key, seconds.seconds(), CellEventTimes(), events.cols, events.rows);
         if (!error.isEmpty())
             return error;
     }
-    return {};
+    return error;
 }
 
 ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet::Written& slice,

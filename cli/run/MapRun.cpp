@@ -353,6 +353,19 @@ QString stageReport(FileJob& job, const RunContext& context, const MotionPassFac
     return ReportStaging::writeLegendStrip(staging, job.key, legend, map.height());
 }
 
+QString unplaceableTimeError(const PlannedInput& input, const MotionPassFacts& facts)
+{
+    const QString seconds = QString::number(facts.unplaceableTime, 'g', 12);
+    // On a line of several inputs, the input before may be what lies about its length.
+    if (input.sliceOffset != 0.0)
+        return tr("'%1' has a frame %2 seconds into the time line of the inputs, beyond any real recording "
+                  "(a damaged file?): its slices can't be placed")
+            .arg(input.video, seconds);
+    return tr("'%1' has a frame %2 seconds from its start, beyond any real recording (a damaged file?): "
+              "its slices and report data can't be placed")
+        .arg(input.video, seconds);
+}
+
 // Pool thread.
 void analyse(FileJob& job, const RunContext& context, int decoderThreads)
 {
@@ -384,8 +397,9 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
     const std::int64_t pairsWithMotion = activity ? activity->pairsWithMotion() : 0;
     QString error;
     QStringList written;
-    if (outcome == MotionPassOutcome::OpenFailed) {
-        error = tr("Can't open video file '%1'").arg(job.input.video);
+    if (outcome == MotionPassOutcome::OpenFailed || outcome == MotionPassOutcome::TimeOutOfRange) {
+        error = outcome == MotionPassOutcome::OpenFailed ? tr("Can't open video file '%1'").arg(job.input.video)
+                                                         : unplaceableTimeError(job.input, facts);
         writeManifest(job, options, facts, Manifest::Outcome::Failed, written, pairsWithMotion, error);
         job.finish(FileState::Failed, error);
         return;
