@@ -426,6 +426,17 @@ int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
     return std::max(cores / std::max(runningPasses, 1), 1);
 }
 
+VideoInfo MotionPass::probe(const QByteArray& utf8Path)
+{
+    MpegReader reader;
+    VideoInfo info;
+    if (openLocked(reader, utf8Path))
+        info = reader.info();
+    // A failed open leaves a half-open reader, released under the lock as well.
+    closeLocked(reader);
+    return info;
+}
+
 cv::Mat MotionPass::maskAt(const cv::Mat& mask, cv::Size size)
 {
     cv::Mat scaled(size, CV_8UC1, cv::Scalar(255));

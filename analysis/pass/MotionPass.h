@@ -173,6 +173,11 @@ MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& sett
                       cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,
                       MotionPassFacts* facts = nullptr);
 
+// What the container of the video at `utf8Path` records (size, frame rate, duration, creation
+// time), read without decoding a picture, under ffmpegMutex; empty when it does not open.
+// Reentrant.
+VideoInfo probe(const QByteArray& utf8Path);
+
 // `mask` (see MotionPassSettings::mask) at `size`: each pixel takes the mask pixel under its
 // centre, as 255 where it is analysed and 0 where it is ignored. Reentrant.
 cv::Mat maskAt(const cv::Mat& mask, cv::Size size);

@@ -2,7 +2,6 @@
 
 #include "CombinedActivity.h"
 #include "CombinedMap.h"
-#include "FfmpegMutex.h"
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
@@ -13,11 +12,11 @@
 #include "Manifest.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
-#include "MpegReader.h"
 #include "ProgressOutput.h"
 #include "ReportFolder.h"
 #include "ReportPage.h"
 #include "ReportStaging.h"
+#include "SliceSet.h"
 #include "Version.h"
 
 #include <QCoreApplication>
@@ -26,7 +25,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QMutexLocker>
 #include <QTemporaryDir>
 
 #include <opencv2/core.hpp>
@@ -113,17 +111,6 @@ struct Item {
     QString error;
 };
 
-VideoInfo probe(const QString& video)
-{
-    MpegReader reader;
-    QMutexLocker lock(&ffmpegMutex);
-    if (!reader.open(QFile::encodeName(video).constData()))
-        return {};
-    const VideoInfo info = reader.info();
-    reader.close();
-    return info;
-}
-
 QString sizeText(cv::Size size)
 {
     return QStringLiteral("%1x%2").arg(size.width).arg(size.height);
@@ -148,7 +135,7 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.activity = header.activityPath;
             item.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
         } else {
-            const VideoInfo info = probe(given);
+            const VideoInfo info = MotionPass::probe(QFile::encodeName(given));
             item.size = cv::Size(info.width, info.height);
             item.creationTime = QString::fromStdString(info.creationTime);
             item.duration = info.duration;
@@ -240,6 +227,24 @@ void placeOnTimeLine(std::vector<Item>& items, std::vector<PlannedInput>& planne
             unknownLength = &items[i];
         lineEnd += windowedLength(items[i].duration, options);
     }
+}
+
+// Why the slices of the line cannot all be written, as far as the lengths the containers
+// record tell before the analysis; empty when they can.
+QString sliceClashOf(const std::vector<Item>& items, const std::vector<PlannedInput>& planned,
+                     const MapToolOptions& options, const Outputs& outputs)
+{
+    std::vector<SliceSet::Span> spans;
+    QString lineClock;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (!planned[i].error.isEmpty() || items[i].manifest || items[i].duration < 0.0)
+            continue;
+        // The pairs' times run through the window, shifted onto the line.
+        const double offset = planned[i].sliceOffset;
+        spans.push_back({offset + options.start, offset + std::min(items[i].duration, options.end)});
+        lineClock = planned[i].sliceLineClock;
+    }
+    return SliceSet::clashBefore(options, outputs.slicePattern, lineClock, spans, tr("nothing is combined"));
 }
 
 double scaleOf(const MapToolOptions& options, const cv::Mat& sum)
@@ -528,8 +533,14 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
     std::vector<Item> items = itemsOf(options, tables.path());
     const cv::Size size = sizeOf(items);
     std::vector<PlannedInput> planned = planOf(items, size, outputs, options.combineName);
-    if (options.sliceSeconds > 0.0)
+    if (options.sliceSeconds > 0.0) {
         placeOnTimeLine(items, planned, options);
+        const QString clash = sliceClashOf(items, planned, options, outputs);
+        if (!clash.isEmpty()) {
+            output.error(clash);
+            return MapRun::kExitFailure;
+        }
+    }
     if (size.empty()) {
         for (const PlannedInput& input : planned)
             output.error(input.error.isEmpty() ? tr("Can't open video file '%1'").arg(input.video) : input.error);

@@ -7,6 +7,7 @@
 #include "OutputPlan.h"
 #include "MapScale.h"
 #include "MotionMap.h"
+#include "MotionPass.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
 namespace {
 
@@ -168,35 +170,65 @@ QString SliceSet::labelOf(const Series& series, int slice) const
 
 // Every name is checked before the first is written, so that a series is written whole or
 // not at all.
-QString SliceSet::checkNames(const Series& series, const std::vector<int>& slices) const
+QString SliceSet::namesError(const Settings& settings, const QString& pattern, const QString& lineClock,
+                             const std::vector<int>& slices, bool planning, const QString& subject)
 {
+    const QDateTime clock = CombinedActivity::readCreationTime(lineClock);
     QSet<QString> labels;
     for (const int slice : slices) {
-        const QString label = labelOf(series, slice);
+        const QString label = ::labelOf(slice * settings.sliceSeconds, clock);
         // Slices named by their clock time a whole day apart share a name: the later one must
         // not replace the earlier, --overwrite or not, which is about files of earlier runs.
+        if (labels.contains(label) && planning)
+            return tr("Two slices would both be saved as '%1' (a day apart); %2")
+                .arg(OutputPlan::slicePath(pattern, label), subject);
         if (labels.contains(label))
             return tr("Two slices would both be saved as '%1' (a day apart); none written")
-                .arg(OutputPlan::slicePath(series.pattern, label));
+                .arg(OutputPlan::slicePath(pattern, label));
         labels.insert(label);
-        QStringList paths{OutputPlan::slicePath(series.pattern, label)};
-        if (m_settings.legends)
-            paths << companionPath(series.pattern, QStringLiteral(".legend.png"), label);
-        if (m_settings.events)
-            paths << companionPath(series.pattern, QStringLiteral(".events.png"), label);
+        QStringList paths{OutputPlan::slicePath(pattern, label)};
+        if (settings.legends)
+            paths << companionPath(pattern, QStringLiteral(".legend.png"), label);
+        if (settings.events)
+            paths << companionPath(pattern, QStringLiteral(".events.png"), label);
         for (const QString& path : paths) {
-            if (!m_settings.overwrite && OutputPlan::existsOrDangles(path))
-                return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+            if (settings.overwrite || !OutputPlan::existsOrDangles(path))
+                continue;
+            if (planning)
+                return tr("File '%1' exists; %2 (--overwrite replaces it)").arg(path, subject);
+            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
         }
     }
     return {};
+}
+
+QString SliceSet::clashBefore(const MapToolOptions& options, const QString& pattern, const QString& lineClock,
+                              const std::vector<Span>& spans, const QString& subject)
+{
+    Settings settings;
+    settings.sliceSeconds = options.sliceSeconds;
+    settings.legends = options.legend;
+    settings.events = options.data;
+    settings.overwrite = options.overwrite;
+    std::set<int> slices;
+    for (const Span& span : spans) {
+        // A line no slice number holds fails its pass instead; an empty span has no pair.
+        if (!(std::abs(span.from) < MotionPass::kLatestTime) || !(std::abs(span.to) < MotionPass::kLatestTime)
+            || !(span.to > span.from))
+            continue;
+        const double first = std::max(std::floor(span.from / settings.sliceSeconds), 0.0);
+        const double last = std::max(std::ceil(span.to / settings.sliceSeconds) - 1.0, first);
+        for (double slice = first; slice <= last && slices.size() < kSlicesLookedAt; ++slice)
+            slices.insert(static_cast<int>(slice));
+    }
+    return namesError(settings, pattern, lineClock, std::vector<int>(slices.begin(), slices.end()), true, subject);
 }
 
 QString SliceSet::writeSeries(int index, double scale, QStringList& written, std::vector<Written>* slices) const
 {
     const Series& series = m_series[static_cast<size_t>(index)];
     const std::vector<int> toWrite = writtenSlices(series);
-    const QString error = checkNames(series, toWrite);
+    const QString error = namesError(m_settings, series.pattern, series.lineClock, toWrite, false, {});
     if (!error.isEmpty())
         return error;
     for (const int slice : toWrite) {

@@ -1,11 +1,16 @@
 #include "OutputPlan.h"
 
 #include "Manifest.h"
+#include "MotionPass.h"
+#include "SliceSet.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHash>
+
+#include <algorithm>
 
 namespace {
 
@@ -105,6 +110,19 @@ QString existingOutputOf(PlannedInput& input)
     return {};
 }
 
+// With --slice: why the slices of `input` cannot all be written, as far as the length its
+// container records tells before the analysis; empty when they can, or when it records none.
+QString sliceClashOf(const PlannedInput& input, const MapToolOptions& options)
+{
+    const VideoInfo info = MotionPass::probe(QFile::encodeName(input.video));
+    if (info.duration < 0.0)
+        return {};
+    // The pairs lie in the time window, on the video's own line.
+    return SliceSet::clashBefore(options, input.slicePattern, QString::fromStdString(info.creationTime),
+                                 {{options.start, std::min(info.duration, options.end)}},
+                                 tr("'%1' is not analysed").arg(input.video));
+}
+
 } // namespace
 
 QStringList PlannedInput::outputs() const
@@ -183,6 +201,8 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
         const QString existing = options.overwrite ? QString() : existingOutputOf(input);
         if (input.error.isEmpty() && !existing.isEmpty())
             input.error = tr("File '%1' exists; '%2' is not analysed (--overwrite replaces it)").arg(existing, video);
+        if (input.error.isEmpty() && !input.slicePattern.isEmpty())
+            input.error = sliceClashOf(input, options);
         if (input.error.isEmpty())
             claims.claim(input);
         inputs.push_back(input);

@@ -68,8 +68,9 @@ QString outputFolder(const QString& video, const QString& outputDir);
 // Plans every input of `options` in order. An input gets an error, and is not analysed, when
 // one of its files exists and `options.overwrite` is off (a manifest of a canceled analysis,
 // which names no file, does not count), or when an earlier planned input
-// writes one of its files, or when one of its files would be one of the input videos.
-// Reads the file system; writes nothing.
+// writes one of its files, or when one of its files would be one of the input videos, or,
+// with --slice, when the length its container records tells that its slices would clash or
+// replace files (SliceSet::clashBefore). Reads the file system; writes nothing.
 std::vector<PlannedInput> plan(const MapToolOptions& options);
 
 // Whether `path` names a file, or a link whose target is missing: either way, writing there
