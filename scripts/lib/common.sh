@@ -10,6 +10,7 @@ TREMORA_PACKAGES=(
   libopencv-dev
   ffmpeg
   fonts-dejavu-core
+  tesseract-ocr tesseract-ocr-eng
   time
   python3 python3-jsonschema python3-numpy python3-pil
   chromium chromium-driver python3-selenium
