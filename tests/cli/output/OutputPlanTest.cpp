@@ -38,6 +38,8 @@ private slots:
     void mapNameIsTheBaseNameUpToTheFirstDot_data();
     void mapNameIsTheBaseNameUpToTheFirstDot();
     void countsAndBackgroundAreNamedAfterTheBaseName();
+    void aSlicePathTakesFolderAndNameAsTheyAre_data();
+    void aSlicePathTakesFolderAndNameAsTheyAre();
     void mapsGoBesideEachVideoByDefault();
     void relativeVideoMapsGoIntoItsOwnFolder();
     void outputDirReceivesEveryFile();
@@ -100,6 +102,27 @@ void OutputPlanTest::countsAndBackgroundAreNamedAfterTheBaseName()
 {
     QCOMPARE(OutputPlan::countsFileName(QStringLiteral("/v/clip.part1.mp4")), QStringLiteral("clip.counts.png"));
     QCOMPARE(OutputPlan::backgroundFileName(QStringLiteral("/v/clip.part1.mp4")), QStringLiteral("clip.background.png"));
+}
+
+void OutputPlanTest::aSlicePathTakesFolderAndNameAsTheyAre_data()
+{
+    QTest::addColumn<QString>("video");
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("plain") << "clip.mp4" << "/maps" << "/maps/clip.slice-09h00m00s.png";
+    QTest::newRow("%1 in the name") << "cam%1.avi" << "/maps" << "/maps/cam%1.slice-09h00m00s.png";
+    QTest::newRow("%0 in the name") << "x%0.avi" << "/maps" << "/maps/x%0.slice-09h00m00s.png";
+    QTest::newRow("%% and {}") << "y%%{}.avi" << "/m%1" << "/m%1/y%%{}.slice-09h00m00s.png";
+    QTest::newRow("%99 in the folder") << "clip.mp4" << "/a%99" << "/a%99/clip.slice-09h00m00s.png";
+}
+
+void OutputPlanTest::aSlicePathTakesFolderAndNameAsTheyAre()
+{
+    QFETCH(QString, video);
+    QFETCH(QString, folder);
+    QFETCH(QString, expected);
+    const QString pattern = folder + QLatin1Char('/') + OutputPlan::sliceFileName(video, QStringLiteral("png"));
+    QCOMPARE(OutputPlan::slicePath(pattern, QStringLiteral("09h00m00s")), expected);
 }
 
 void OutputPlanTest::mapsGoBesideEachVideoByDefault()

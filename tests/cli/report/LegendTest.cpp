@@ -3,6 +3,8 @@
 
 #include <QtTest>
 
+#include <limits>
+
 namespace {
 
 QImage mapOf(int width, int height)
@@ -117,6 +119,19 @@ private slots:
                  QStringLiteral("2024-05-01 23:30:00 – 2024-05-02 00:30:00 UTC"));
         QCOMPARE(Legend::timeSpan("", 90.0, 3725.0), QStringLiteral("0:01:30 – 1:03:35 of the video"));
         QVERIFY(Legend::timeSpan("", 0.0, -1.0).isEmpty());
+    }
+
+    // A damaged file may record lengths no whole number of milliseconds holds.
+    void spansBeyondAnyRecordingAreLeftUnsaid()
+    {
+        QVERIFY(Legend::timeSpan("2024-05-01T10:00:00Z", 0.0, 1e300).isEmpty());
+        QVERIFY(Legend::timeSpan("2024-05-01T10:00:00Z", 1e19, 10.0).isEmpty());
+        QVERIFY(Legend::timeSpan("", -1e19, 10.0).isEmpty());
+        QVERIFY(Legend::timeSpan("", 0.0, std::numeric_limits<double>::infinity()).isEmpty());
+        QVERIFY(Legend::combinedTimeSpan({"", ""}, {10.0, 1e300}).isEmpty());
+        QVERIFY(Legend::combinedTimeSpan({"2024-05-01T10:00:00Z"}, {1e18}).isEmpty());
+        // Just inside: 300 years of footage still reads.
+        QCOMPARE(Legend::timeSpan("", 0.0, 300.0 * 365 * 86400), QStringLiteral("0:00:00 – 2628000:00:00 of the video"));
     }
 
     void combinedSpansRunFromTheEarliestStartToTheLatestEnd()

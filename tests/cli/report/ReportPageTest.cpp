@@ -5,6 +5,8 @@
 #include <QJsonObject>
 #include <QUrl>
 
+#include <limits>
+
 class ReportPageTest : public QObject {
     Q_OBJECT
 
@@ -55,6 +57,10 @@ private slots:
         QCOMPARE(ReportPage::clockText(123), QStringLiteral("2:03"));
         QCOMPARE(ReportPage::clockText(3723), QStringLiteral("1:02:03"));
         QCOMPARE(ReportPage::clockText(-4), QStringLiteral("0:00"));
+        // A length a damaged file records beyond any recording is not converted.
+        QCOMPARE(ReportPage::clockText(1e300), QStringLiteral("unknown"));
+        QCOMPARE(ReportPage::clockText(std::numeric_limits<double>::infinity()), QStringLiteral("unknown"));
+        QCOMPARE(ReportPage::clockText(1e9), QStringLiteral("277777:46:40"));
     }
 
     void cardsAreSortedByNameAndTheirTextEscaped()
