@@ -35,6 +35,13 @@ bool makeClip(const QString& path, int frames, const QString& size, const QStrin
                                    "-frames:v", QString::number(frames), "-c:v", "ffv1", path});
 }
 
+bool makeFarTimestampClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=96x64:rate=25", "-frames:v", "60", "-vf",
+                                   "setpts='PTS+if(gte(N,30),1e12/TB,0)'", "-fps_mode", "passthrough", "-c:v", "ffv1",
+                                   path});
+}
+
 QByteArray readAll(const QString& path)
 {
     QFile file(path);

@@ -30,6 +30,10 @@ Result run(const QStringList& arguments, int timeoutMs = 60000);
 bool makeClip(const QString& path, int frames, const QString& size = QStringLiteral("96x64"),
               const QString& filter = QString());
 
+// A testsrc clip (96 x 64, FFV1) of 60 frames whose last 30 lie 10^12 seconds after the
+// first 30: far beyond any recording, as only a damaged or crafted file holds.
+bool makeFarTimestampClip(const QString& path);
+
 QByteArray readAll(const QString& path);
 
 // What `folder` holds, hidden and system entries (a dangling link) included, sorted by name.

@@ -33,14 +33,6 @@ bool makeWrappingClip(const QString& path)
                                    "-frames:v", "15540", "-c:v", "ffv1", path});
 }
 
-// 60 frames whose last 30 lie 10^12 seconds after the first: far beyond any recording.
-bool makeFarTimestampClip(const QString& path)
-{
-    return TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=96x64:rate=25", "-frames:v", "60", "-vf",
-                                   "setpts='PTS+if(gte(N,30),1e12/TB,0)'", "-fps_mode", "passthrough", "-c:v",
-                                   "ffv1", path});
-}
-
 QImage rgb(const QString& path)
 {
     return QImage(path).convertToFormat(QImage::Format_RGB888);
@@ -309,7 +301,7 @@ private slots:
 
     void aVideoWithTimesBeyondAnyRecordingFailsAloneAndTheReportShowsWhy()
     {
-        QVERIFY(makeFarTimestampClip(clip("far.mkv")));
+        QVERIFY(ToolRunning::makeFarTimestampClip(clip("far.mkv")));
         const ToolRunning::Result result = toolIntoMaps({"--report", out("report"), clip("far.mkv"), clip("a.mkv")});
         QCOMPARE(result.exitCode, 1);
         QCOMPARE(result.err.count('\n'), 1);
@@ -325,7 +317,7 @@ private slots:
 
     void aManifestWhoseTimesLieBeyondAnyRecordingFailsItsCard()
     {
-        QVERIFY(makeFarTimestampClip(clip("far.mkv")));
+        QVERIFY(ToolRunning::makeFarTimestampClip(clip("far.mkv")));
         QVERIFY(QDir(out("data")).mkpath("."));
         // Without slices or a report nothing numbers its seconds, so its data are written.
         QCOMPARE(ToolRunning::run({"--quiet", "--data", "-o", out("data"), clip("far.mkv")}).exitCode, 0);
