@@ -1,6 +1,6 @@
 #include "MapToolOptions.h"
 
-#include "ManifestInput.h"
+#include "Manifest.h"
 
 #include "Version.h"
 
@@ -136,7 +136,7 @@ QString checkSlicedInputs(const MapToolOptions& options)
     if (options.sliceSeconds <= 0.0)
         return {};
     for (const QString& input : options.videos) {
-        if (ManifestInput::isManifest(input))
+        if (Manifest::namesManifest(input))
             return tr("--slice needs the videos: '%1' is a manifest, whose counts do not say when they happened.")
                 .arg(input);
     }

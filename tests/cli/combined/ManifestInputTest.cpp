@@ -47,14 +47,6 @@ private:
     }
 
 private slots:
-    void jsonNamesAreManifests()
-    {
-        QVERIFY(ManifestInput::isManifest("maps/a.json"));
-        QVERIFY(ManifestInput::isManifest("A.JSON"));
-        QVERIFY(!ManifestInput::isManifest("a.json.mkv"));
-        QVERIFY(!ManifestInput::isManifest("a.mkv"));
-    }
-
     void aFinishedManifestGivesSizeVideoAndFilesBesideIt()
     {
         const ManifestInput::Header header = headerOf(QJsonDocument(manifest(1, "done")).toJson());
