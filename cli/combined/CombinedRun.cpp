@@ -194,8 +194,8 @@ const Item* firstKnown(const std::vector<Item>& items)
 }
 
 // An earlier input still to be combined that is `item` again, the same file or the same video
-// under a manifest; null when there is none.
-const Item* earlierSameInput(const std::vector<Item>& items, const Item& item)
+// under a manifest; null when there is none. `sameFile` tells which.
+const Item* earlierSameInput(const std::vector<Item>& items, const Item& item, bool* sameFile)
 {
     for (const Item& earlier : items) {
         if (&earlier == &item)
@@ -203,8 +203,10 @@ const Item* earlierSameInput(const std::vector<Item>& items, const Item& item)
         if (!earlier.error.isEmpty())
             continue;
         for (const QString& identity : item.identities) {
-            if (earlier.identities.contains(identity))
+            if (earlier.identities.contains(identity)) {
+                *sameFile = earlier.identities.front() == item.identities.front();
                 return &earlier;
+            }
         }
     }
     return nullptr;
@@ -218,9 +220,10 @@ QString mismatchOf(const std::vector<Item>& items, const Item& item, const Item&
     if (item.size != first.size)
         return tr("'%1' is %2, not %3 as the first input; left out of '%4'")
             .arg(item.given, sizeText(item.size), sizeText(first.size), name);
-    if (const Item* earlier = earlierSameInput(items, item))
-        return tr("'%1' is the same input as '%2', given before it; counted once, '%1' is left out of '%3'")
-            .arg(item.given, earlier->given, name);
+    bool sameFile = false;
+    if (const Item* earlier = earlierSameInput(items, item, &sameFile))
+        return tr("'%1' is the same input as '%2', given before it (%3); counted once, '%1' is left out of '%4'")
+            .arg(item.given, earlier->given, sameFile ? tr("the same file") : tr("the same video"), name);
     const QStringList differences = Manifest::parameterDifferences(item.parameters, first.parameters);
     if (differences.isEmpty())
         return {};
