@@ -15,6 +15,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <limits>
 #include <memory>
 
 namespace {
@@ -104,6 +105,15 @@ QString readChecked(const QString& manifest, const QJsonObject& recorded, Checke
     return {};
 }
 
+// Whether a video could have this size: FFmpeg refuses any picture whose (width + 128) x
+// (height + 128) pixels at 8 bytes each reach 2 GiB. The size a manifest records decides the
+// memory of every picture read for it and of the sums, so it is held to what was decodable.
+bool decodableSize(int width, int height)
+{
+    constexpr qint64 kLargestPadded = std::numeric_limits<int>::max() / 8;
+    return width > 0 && height > 0 && (qint64(width) + 128) * (qint64(height) + 128) < kLargestPadded;
+}
+
 // Whether the picture `reader` is about to decode has the size its manifest records, from its
 // header alone; the error naming both sizes otherwise.
 QString checkPictureSize(const QString& manifest, const CheckedFile& picture, QImageReader& reader, QSize recorded)
@@ -137,6 +147,13 @@ Header readHeader(const QString& path)
     header.videoPath = parsed.root["input"].toObject()["path"].toString();
     header.width = video["width"].toInt();
     header.height = video["height"].toInt();
+    if (!decodableSize(header.width, header.height)) {
+        header.error = tr("Manifest '%1' records a picture of %2x%3, which no video has")
+                           .arg(path)
+                           .arg(header.width)
+                           .arg(header.height);
+        return header;
+    }
     header.creationTime = video["creation_time"].toString();
     header.parameters = parsed.root["parameters"].toObject();
     header.maskPath = header.parameters["mask"].toString();

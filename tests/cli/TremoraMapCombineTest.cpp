@@ -103,6 +103,18 @@ private:
         return folder;
     }
 
+    // A copy of the manifests where b.json records `key` as `value` among its parameters; the
+    // copy's folder, empty when it could not be written.
+    QString copyWithParameterOfB(const QString& key, const QJsonValue& value)
+    {
+        const QString copy = copyOfData();
+        QJsonObject manifest = readJson(copy + "/b.json");
+        QJsonObject parameters = manifest["parameters"].toObject();
+        parameters[key] = value;
+        manifest["parameters"] = parameters;
+        return writeFile(copy + "/b.json", QJsonDocument(manifest).toJson()) ? copy : QString();
+    }
+
 private slots:
     void initTestCase()
     {
@@ -409,12 +421,8 @@ private slots:
 
     void aParameterAddedAfterAManifestWasWrittenIsComparedToo()
     {
-        const QString copy = copyOfData();
-        QJsonObject manifest = readJson(copy + "/b.json");
-        QJsonObject parameters = manifest["parameters"].toObject();
-        parameters["stabilise"] = true;
-        manifest["parameters"] = parameters;
-        QVERIFY(writeFile(copy + "/b.json", QJsonDocument(manifest).toJson()));
+        const QString copy = copyWithParameterOfB("stabilise", true);
+        QVERIFY(!copy.isEmpty());
         const ToolRunning::Result result = tool({"--combine", "day", copy + "/a.json", copy + "/b.json"});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("b.json") && result.err.contains("stabilise true, not none"),
@@ -423,12 +431,8 @@ private slots:
 
     void manifestsDrawnOnAnotherScaleAreStillCombined()
     {
-        const QString copy = copyOfData();
-        QJsonObject manifest = readJson(copy + "/b.json");
-        QJsonObject parameters = manifest["parameters"].toObject();
-        parameters["scale"] = QJsonObject{{"events_at_top", 20}, {"auto", false}};
-        manifest["parameters"] = parameters;
-        QVERIFY(writeFile(copy + "/b.json", QJsonDocument(manifest).toJson()));
+        const QString copy = copyWithParameterOfB("scale", QJsonObject{{"events_at_top", 20}, {"auto", false}});
+        QVERIFY(!copy.isEmpty());
         const ToolRunning::Result result = tool({"--data", "--combine", "day", copy + "/a.json", copy + "/b.json"});
         QCOMPARE(result.exitCode, 0);
         QVERIFY(equal(readEvents(out("day.events.png")),

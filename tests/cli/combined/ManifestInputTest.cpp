@@ -186,6 +186,12 @@ private slots:
         QTest::newRow("failed analysis") << QJsonDocument(manifest(1, "failed")).toJson() << "did not finish";
         QTest::newRow("not json") << QByteArray("{ nope") << "not JSON";
         QTest::newRow("other json") << QByteArray("{\"a\": 1}") << "not a manifest";
+        QJsonObject huge = manifest(1, "done");
+        huge["video"] = QJsonObject{{"width", 40000}, {"height", 40000}};
+        QTest::newRow("size no video has") << QJsonDocument(huge).toJson() << "40000x40000";
+        QJsonObject sizeless = manifest(1, "done");
+        sizeless["video"] = QJsonObject{};
+        QTest::newRow("no size") << QJsonDocument(sizeless).toJson() << "0x0";
         QJsonObject withoutFiles = manifest(1, "done");
         withoutFiles.remove("files");
         QTest::newRow("no files") << QJsonDocument(withoutFiles).toJson() << "no exact counts";
