@@ -111,7 +111,7 @@ struct Item {
     double duration = -1.0; // as the container records it; -1 when unknown
     QString mask;           // the mask's file name; empty when none
     QString activity;       // the input's activity table
-    // What makes two inputs one: the files it is (FileIdentity), a manifest's video among them.
+    // What makes two inputs one: the files it is (fileIdentity), a manifest's video among them.
     QStringList identities;
     QJsonObject parameters; // of the analysis, as a manifest records them
     bool combined = false;
