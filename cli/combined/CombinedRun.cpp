@@ -33,6 +33,8 @@
 #include <cmath>
 #include <optional>
 
+#include <sys/stat.h>
+
 namespace {
 
 QString tr(const char* text)
@@ -107,9 +109,22 @@ struct Item {
     double duration = -1.0; // as the container records it; -1 when unknown
     QString mask;           // the mask's file name; empty when none
     QString activity;       // the input's activity table
+    // What makes two inputs one: the files it is (fileIdentity), a manifest's video among them.
+    QStringList identities;
+    QJsonObject parameters; // of the analysis, as a manifest records them
     bool combined = false;
     QString error;
 };
+
+// The file at `path` as the system knows it, whatever path reaches it (a link, "..", another
+// mount of a bind): its device and inode; the clean absolute path of a file that is not there.
+QString fileIdentity(const QString& path)
+{
+    struct stat status {};
+    if (::stat(QFile::encodeName(path).constData(), &status) == 0)
+        return QStringLiteral("inode %1:%2").arg(status.st_dev).arg(status.st_ino);
+    return QStringLiteral("path ") + QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
 
 QString sizeText(cv::Size size)
 {
@@ -124,9 +139,13 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
     for (const QString& given : options.videos) {
         Item item;
         item.given = given;
-        item.manifest = ManifestInput::isManifest(given);
+        item.manifest = Manifest::namesManifest(given);
+        item.identities << fileIdentity(given);
         if (item.manifest) {
             const ManifestInput::Header header = ManifestInput::readHeader(given);
+            item.parameters = header.parameters;
+            if (!header.videoPath.isEmpty())
+                item.identities << fileIdentity(header.videoPath);
             item.error = header.error;
             item.size = cv::Size(header.width, header.height);
             item.video = header.videoPath;
@@ -140,6 +159,7 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.creationTime = QString::fromStdString(info.creationTime);
             item.duration = info.duration;
             item.video = QFileInfo(given).absoluteFilePath();
+            item.parameters = Manifest::parameters(options, 0.0);
             item.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
             if (options.data)
                 item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
@@ -149,24 +169,65 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
     return items;
 }
 
-// The map's size: the first input's whose size is known.
-cv::Size sizeOf(const std::vector<Item>& items)
+// The input whose size and parameters every other must share: the first whose size is
+// known; null when none is.
+const Item* firstKnown(const std::vector<Item>& items)
 {
     for (const Item& item : items) {
         if (item.error.isEmpty() && !item.size.empty())
-            return item.size;
+            return &item;
     }
-    return {};
+    return nullptr;
 }
 
-std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const Outputs& outputs,
+// An earlier input still to be combined that is `item` again, the same file or the same video
+// under a manifest; null when there is none. `sameFile` tells which.
+const Item* earlierSameInput(const std::vector<Item>& items, const Item& item, bool* sameFile)
+{
+    for (const Item& earlier : items) {
+        if (&earlier == &item)
+            return nullptr;
+        if (!earlier.error.isEmpty())
+            continue;
+        for (const QString& identity : item.identities) {
+            if (earlier.identities.contains(identity)) {
+                *sameFile = earlier.identities.front() == item.identities.front();
+                return &earlier;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// Why `item` cannot be added to the combination of `first`; empty when it can.
+QString mismatchOf(const std::vector<Item>& items, const Item& item, const Item& first, const QString& name)
+{
+    if (item.size.empty())
+        return {};
+    if (item.size != first.size)
+        return tr("'%1' is %2, not %3 as the first input; left out of '%4'")
+            .arg(item.given, sizeText(item.size), sizeText(first.size), name);
+    bool sameFile = false;
+    if (const Item* earlier = earlierSameInput(items, item, &sameFile))
+        return tr("'%1' is the same input as '%2', given before it (%3); counted once, '%1' is left out of '%4'")
+            .arg(item.given, earlier->given, sameFile ? tr("the same file") : tr("the same video"), name);
+    const QStringList differences = Manifest::parameterDifferences(item.parameters, first.parameters);
+    if (differences.isEmpty())
+        return {};
+    const QString text = item.manifest ? tr("'%1' was analysed with other parameters than the first input '%2' (%3); "
+                                            "left out of '%4'")
+                                       : tr("'%1' would be analysed with other parameters than the first input '%2' "
+                                            "(%3); left out of '%4'");
+    return text.arg(item.given, first.given, differences.join(QStringLiteral("; ")), name);
+}
+
+std::vector<PlannedInput> planOf(std::vector<Item>& items, const Item* first, const Outputs& outputs,
                                  const QString& name)
 {
     std::vector<PlannedInput> planned;
     for (Item& item : items) {
-        if (item.error.isEmpty() && !item.size.empty() && item.size != size)
-            item.error = tr("'%1' is %2, not %3 as the first input; left out of '%4'")
-                             .arg(item.given, sizeText(item.size), sizeText(size), name);
+        if (item.error.isEmpty() && first)
+            item.error = mismatchOf(items, item, *first, name);
         PlannedInput input;
         input.video = item.given;
         input.mapPath = outputs.map;
@@ -176,6 +237,27 @@ std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const 
         planned.push_back(input);
     }
     return planned;
+}
+
+// The options of the run that only the videos it analyses follow, said once when manifests,
+// which keep the parameters they were analysed with, are among the inputs.
+QString noticeForManifests(const MapToolOptions& options, const std::vector<Item>& items)
+{
+    if (std::none_of(items.begin(), items.end(), [](const Item& item) { return item.manifest; }))
+        return {};
+    QStringList given;
+    if (!options.maskPath.isEmpty())
+        given << QStringLiteral("--mask");
+    if (options.hasStart)
+        given << QStringLiteral("--start");
+    if (options.hasEnd)
+        given << QStringLiteral("--end");
+    if (!options.blur)
+        given << QStringLiteral("--no-blur");
+    if (given.isEmpty())
+        return {};
+    return tr("%1: not applied to the manifest inputs, which keep the parameters they were analysed with")
+        .arg(given.join(QStringLiteral(", ")));
 }
 
 // The seconds of analysed video an input adds to a time line of inputs back to back: from
@@ -531,8 +613,12 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         return MapRun::kExitFailure;
     }
     std::vector<Item> items = itemsOf(options, tables.path());
-    const cv::Size size = sizeOf(items);
-    std::vector<PlannedInput> planned = planOf(items, size, outputs, options.combineName);
+    const QString notice = noticeForManifests(options, items);
+    if (!notice.isEmpty())
+        output.error(notice);
+    const Item* first = firstKnown(items);
+    const cv::Size size = first ? first->size : cv::Size();
+    std::vector<PlannedInput> planned = planOf(items, first, outputs, options.combineName);
     if (options.sliceSeconds > 0.0) {
         placeOnTimeLine(items, planned, options);
         const QString clash = sliceClashOf(items, planned, options, outputs);

@@ -33,6 +33,20 @@ struct Content {
     double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
 };
 
+// True for an input that is a manifest rather than a video: its name ends in ".json" (any
+// case). Reentrant.
+bool namesManifest(const QString& path);
+
+// The analysis parameters a run with `options` records under "parameters": those that decide
+// the counts (blur, threshold, gap, learning pairs, mask, window) and, with --scale, the scale
+// the map was drawn with (`mapScale`, 0 when not known). Reentrant.
+QJsonObject parameters(const MapToolOptions& options, double mapScale);
+
+// Every parameter that decides the counts and differs between two "parameters" objects, one
+// line each ("blur false, not true", nested ones as "window.start_s"); the scale, which only
+// draws the map, is not compared. A parameter one object lacks counts as none. Reentrant.
+QStringList parameterDifferences(const QJsonObject& recorded, const QJsonObject& reference);
+
 // The manifest as JSON. Reads the input video's and the written files' attributes, and the
 // written files themselves for their checksums. Reentrant.
 QJsonObject build(const Content& content);

@@ -197,6 +197,12 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
     Claims claims(options.videos);
     for (const QString& video : options.videos) {
         PlannedInput input = targetsOf(video, options);
+        // A manifest claims no file: its outputs are no one's to clash with.
+        if (Manifest::namesManifest(video)) {
+            input.error = tr("'%1' is a manifest; manifests are read with --combine NAME").arg(video);
+            inputs.push_back(input);
+            continue;
+        }
         input.error = claims.conflictOf(input);
         const QString existing = options.overwrite ? QString() : existingOutputOf(input);
         if (input.error.isEmpty() && !existing.isEmpty())

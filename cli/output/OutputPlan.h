@@ -66,6 +66,7 @@ QString manifestFileName(const QString& video);
 QString outputFolder(const QString& video, const QString& outputDir);
 
 // Plans every input of `options` in order. An input gets an error, and is not analysed, when
+// it is a manifest (read by --combine only; it claims no file), when
 // one of its files exists and `options.overwrite` is off (a manifest of a canceled analysis,
 // which names no file, does not count), or when an earlier planned input
 // writes one of its files, or when one of its files would be one of the input videos, or,

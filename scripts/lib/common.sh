@@ -7,7 +7,7 @@ TREMORA_PACKAGES=(
   build-essential cmake pkg-config
   qtbase5-dev qtbase5-dev-tools
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev
-  libopencv-dev
+  libopencv-dev zlib1g-dev
   ffmpeg
   fonts-dejavu-core
   tesseract-ocr tesseract-ocr-eng

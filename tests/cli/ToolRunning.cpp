@@ -10,10 +10,17 @@
 
 namespace ToolRunning {
 
-Result run(const QStringList& arguments, int timeoutMs)
+Result run(const QStringList& arguments, int timeoutMs, long* peakResidentKb)
 {
     QProcess process;
-    process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), arguments);
+    QTemporaryDir measures;
+    const QString peakFile = measures.filePath(QStringLiteral("peak"));
+    // GNU time's figure is the tool's own, where the test's rusage would mix in every child.
+    if (peakResidentKb)
+        process.start(QStringLiteral("/usr/bin/time"),
+                      QStringList{"-f", "%M", "-o", peakFile, QStringLiteral(TREMORA_MAP_EXECUTABLE)} + arguments);
+    else
+        process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), arguments);
     Result result;
     if (!process.waitForStarted())
         return result;
@@ -26,6 +33,13 @@ Result run(const QStringList& arguments, int timeoutMs)
     result.exitCode = process.exitCode();
     result.out = process.readAllStandardOutput();
     result.err = process.readAllStandardError();
+    if (peakResidentKb) {
+        bool read = false;
+        // After "Command exited with non-zero status N" when it did.
+        *peakResidentKb = readAll(peakFile).trimmed().split('\n').last().toLong(&read);
+        if (!read)
+            *peakResidentKb = -1;
+    }
     return result;
 }
 

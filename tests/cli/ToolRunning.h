@@ -23,7 +23,9 @@ struct Result {
 };
 
 // Starts tremora-map with `arguments`, waits up to `timeoutMs` and collects both streams.
-Result run(const QStringList& arguments, int timeoutMs = 60000);
+// With `peakResidentKb`, runs it under /usr/bin/time and sets the most memory it held
+// resident at once, in kilobytes (-1 when that could not be measured).
+Result run(const QStringList& arguments, int timeoutMs = 60000, long* peakResidentKb = nullptr);
 
 // A testsrc clip (moving colour bars and a counter), lossless FFV1, `frames` frames at 25/s;
 // `filter` is appended to the source's filter chain when given (for example ",noise=...").

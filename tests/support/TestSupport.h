@@ -25,6 +25,15 @@ bool writeRawClip(const QString& path, int width, int height,
 // A grey frame of one value, the building block of exact-count clips.
 QByteArray grayFrame(int width, int height, unsigned char value);
 
+// A PNG of `width` x `height` grey pixels of `bitDepth` bits (8 or 16), all black, with valid
+// checksums and deflated as far as zlib goes: 40000 x 40000 at 16 bits holds 3.2 GB of
+// pixels in about 3 MB, the picture whose header alone must be enough to refuse it.
+// Empty on failure.
+QByteArray blackGreyPng(int width, int height, int bitDepth);
+
+// The most memory this process has held resident at once so far, in kilobytes.
+long peakResidentKilobytes();
+
 // True once process `pid` has handlers for all of `signalNumbers`, i.e. its start-up got that
 // far: a signal sent earlier would end it the default way and prove nothing.
 bool catchesSignals(qint64 pid, const std::vector<int>& signalNumbers);

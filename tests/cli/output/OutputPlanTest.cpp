@@ -60,6 +60,7 @@ private slots:
     void aManifestOfAFailedAnalysisStopsTheInput();
     void dataFilesOfTwoInputsCollideLikeMaps();
     void slicesReplaceTheMapOfTheWholeVideo();
+    void aManifestIsNotPlannedAndClaimsNoFile();
 
 private:
     QTemporaryDir m_dir;
@@ -333,8 +334,6 @@ void OutputPlanTest::planningWritesNothing()
     QVERIFY(QDir(m_dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
 }
 
-QTEST_GUILESS_MAIN(OutputPlanTest)
-#include "OutputPlanTest.moc"
 
 void OutputPlanTest::slicesReplaceTheMapOfTheWholeVideo()
 {
@@ -351,3 +350,17 @@ void OutputPlanTest::slicesReplaceTheMapOfTheWholeVideo()
     QVERIFY(plan[2].error.isEmpty());
     QVERIFY(OutputPlan::plan(optionsFor({path("a.mp4")})).front().slicePattern.isEmpty());
 }
+
+// Manifests are read by --combine only; the video beside one still writes the map the
+// manifest would have been planned to write.
+void OutputPlanTest::aManifestIsNotPlannedAndClaimsNoFile()
+{
+    const std::vector<PlannedInput> plan = OutputPlan::plan(optionsFor({path("a.json"), path("a.mp4")}));
+    QVERIFY2(plan[0].error.contains(path("a.json")) && plan[0].error.contains("--combine"),
+             qPrintable(plan[0].error));
+    QCOMPARE(plan[1].error, QString());
+    QCOMPARE(plan[1].mapPath, path("a.png"));
+}
+
+QTEST_GUILESS_MAIN(OutputPlanTest)
+#include "OutputPlanTest.moc"
