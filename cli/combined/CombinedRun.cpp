@@ -8,6 +8,7 @@
 #include "ManifestInput.h"
 #include "MapImages.h"
 #include "MapRun.h"
+#include "OutputFile.h"
 #include "OutputPlan.h"
 #include "MapScale.h"
 #include "Manifest.h"
@@ -91,7 +92,7 @@ QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
                 || (QFileInfo::exists(path) && QFileInfo(input).canonicalFilePath() == QFileInfo(path).canonicalFilePath()))
                 return tr("'%1' would replace the input '%2'; nothing is combined").arg(path, input);
         }
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
             return tr("File '%1' exists; nothing is combined (--overwrite replaces it)").arg(path);
     }
     return {};
@@ -334,8 +335,8 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
+            return OutputFile::notReplacedError(path);
     }
     if (!outputs.map.isEmpty()) {
         const QImage image = MotionMap::render(map.sum(), map.background(), scale);

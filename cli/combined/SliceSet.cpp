@@ -4,7 +4,7 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapImages.h"
-#include "OutputPlan.h"
+#include "OutputFile.h"
 #include "MapScale.h"
 #include "MotionMap.h"
 
@@ -185,8 +185,8 @@ QString SliceSet::checkNames(const Series& series, const std::vector<int>& slice
         if (m_settings.events)
             paths << companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
         for (const QString& path : paths) {
-            if (!m_settings.overwrite && OutputPlan::existsOrDangles(path))
-                return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+            if (!m_settings.overwrite && OutputFile::existsOrDangles(path))
+                return OutputFile::notReplacedError(path);
         }
     }
     return {};

@@ -1,27 +1,21 @@
 #include "Manifest.h"
 
 #include "MotionCounter.h"
+#include "OutputFile.h"
 #include "Version.h"
 
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <opencv2/core.hpp>
 
 #include <cmath>
 
 namespace {
-
-QString tr(const char* text)
-{
-    return QCoreApplication::translate("MapTool", text);
-}
 
 // Times of files in UTC with milliseconds, as ISO 8601.
 QString isoTime(const QDateTime& time)
@@ -191,14 +185,7 @@ QJsonObject build(const Content& content)
 
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite)
 {
-    const QFileInfo target(path);
-    if (!overwrite && (target.exists() || target.isSymLink()))
-        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(manifest).toJson(QJsonDocument::Indented)) < 0
-        || !file.commit())
-        return tr("Can't save file '%1'").arg(path);
-    return {};
+    return OutputFile::write(path, QJsonDocument(manifest).toJson(QJsonDocument::Indented), overwrite);
 }
 
 bool recordsCanceledAnalysis(const QString& path)

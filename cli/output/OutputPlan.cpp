@@ -1,6 +1,7 @@
 #include "OutputPlan.h"
 
 #include "Manifest.h"
+#include "OutputFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -94,7 +95,7 @@ private:
 QString existingOutputOf(PlannedInput& input)
 {
     for (const QString& path : input.outputs()) {
-        if (!OutputPlan::existsOrDangles(path))
+        if (!OutputFile::existsOrDangles(path))
             continue;
         if (path == input.manifestPath && QFileInfo(path).isFile() && Manifest::recordsCanceledAnalysis(path)) {
             input.replacesCanceledManifest = true;
@@ -179,12 +180,6 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
         inputs.push_back(input);
     }
     return inputs;
-}
-
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
 }
 
 } // namespace OutputPlan

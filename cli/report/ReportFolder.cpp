@@ -1,5 +1,7 @@
 #include "ReportFolder.h"
 
+#include "OutputFile.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -28,9 +30,9 @@ bool isEmptyFolder(const QDir& folder)
 
 QString ReportFolder::refusal(const QString& folder, bool overwrite)
 {
-    const QFileInfo info(folder);
-    if (!info.exists() && !info.isSymLink())
+    if (!OutputFile::existsOrDangles(folder))
         return {};
+    const QFileInfo info(folder);
     if (!info.isDir())
         return tr("Report folder '%1' is a file; not replaced").arg(folder);
     const QDir dir(folder);

@@ -4,13 +4,13 @@
 #include "Legend.h"
 #include "ManifestInput.h"
 #include "MotionMap.h"
+#include "OutputFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <opencv2/core.hpp>
 
@@ -19,17 +19,6 @@ namespace {
 QString tr(const char* text)
 {
     return QCoreApplication::translate("MapTool", text);
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
-}
-
-QString saveError(const QString& path)
-{
-    return tr("Can't save file '%1'").arg(path);
 }
 
 // An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
@@ -67,20 +56,21 @@ QString writeData(const QString& staging, const QString& key, const std::vector<
     const QDir data(staging + QStringLiteral("/data"));
     const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
     const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
-    if (!writeFile(activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds))))
-        return saveError(activity);
-    if (!eventTimes.empty()
-        && !writeFile(cells, ReportData::script(key + QStringLiteral(".cells"),
-                                                ReportData::cellsJson(eventTimes, width, height))))
-        return saveError(cells);
-    return {};
+    // The staging folder is the run's own: nothing there is a user's to keep.
+    const QString error = OutputFile::write(
+        activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds)), true);
+    if (!error.isEmpty() || eventTimes.empty())
+        return error;
+    return OutputFile::write(
+        cells, ReportData::script(key + QStringLiteral(".cells"), ReportData::cellsJson(eventTimes, width, height)),
+        true);
 }
 
 QString writeMap(const QString& staging, const QString& key, const QImage& map, QString* file)
 {
     const QString name = QStringLiteral("maps/%1.png").arg(key);
     if (!Utils::saveImage(map, staging + QLatin1Char('/') + name))
-        return saveError(staging + QLatin1Char('/') + name);
+        return OutputFile::saveError(staging + QLatin1Char('/') + name);
     *file = name;
     return {};
 }
@@ -89,13 +79,13 @@ QString writeLegendStrip(const QString& staging, const QString& key, const QImag
 {
     const QImage strip = legend.copy(0, mapHeight, legend.width(), legend.height() - mapHeight);
     const QString path = staging + QStringLiteral("/maps/") + key + QStringLiteral(".legend.png");
-    return Utils::saveImage(strip, path) ? QString() : saveError(path);
+    return Utils::saveImage(strip, path) ? QString() : OutputFile::saveError(path);
 }
 
 QString copy(const QString& staging, const QString& source, const QString& file)
 {
     const QString target = staging + QLatin1Char('/') + file;
-    return QFile::copy(source, target) ? QString() : saveError(target);
+    return QFile::copy(source, target) ? QString() : OutputFile::saveError(target);
 }
 
 QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,

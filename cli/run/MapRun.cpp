@@ -8,6 +8,7 @@
 #include "MapImages.h"
 #include "MapScale.h"
 #include "Manifest.h"
+#include "OutputFile.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "ProgressOutput.h"
@@ -24,7 +25,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <QSet>
 #include <QThread>
 #include <QThreadPool>
@@ -208,8 +208,8 @@ QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool 
     for (const auto& [path, image] : images) {
         if (path.isEmpty())
             continue;
-        if (!overwrite && OutputPlan::existsOrDangles(path))
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+        if (!overwrite && OutputFile::existsOrDangles(path))
+            return OutputFile::notReplacedError(path);
     }
     for (const auto& [path, image] : images) {
         if (path.isEmpty())
@@ -270,12 +270,6 @@ void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPass
                                                   options.overwrite || job.input.replacesCanceledManifest);
     if (error.isEmpty())
         error = manifestError;
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
 }
 
 // Pool thread. An input of a sink that needs no pass; `reportStaging`, when not empty,
@@ -683,10 +677,10 @@ private:
     {
         const QString staging = m_report->stagingPath();
         const QByteArray page = ReportPage::render(tr("Tremora report"), cards);
-        if (page.isEmpty() || !writeFile(staging + QStringLiteral("/index.html"), page))
+        if (page.isEmpty() || !OutputFile::write(staging + QStringLiteral("/index.html"), page, true).isEmpty())
             return tr("Can't write report folder '%1'").arg(m_report->finalPath());
         for (const auto& [name, bytes] : ReportPage::assets()) {
-            if (bytes.isEmpty() || !writeFile(staging + QLatin1Char('/') + name, bytes))
+            if (bytes.isEmpty() || !OutputFile::write(staging + QLatin1Char('/') + name, bytes, true).isEmpty())
                 return tr("Can't write report folder '%1'").arg(m_report->finalPath());
         }
         return m_report->publish();
