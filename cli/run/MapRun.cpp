@@ -3,6 +3,7 @@
 #include "ActivityCsv.h"
 #include "AtomicCounter.h"
 #include "CombinedActivity.h"
+#include "DecoderThreads.h"
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapImages.h"
@@ -726,7 +727,7 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
 int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores)
 {
     const int atOnce = std::max({1, filesRunning, std::min(std::max(jobs, 1), filesToStart)});
-    return std::max(1, cores / atOnce);
+    return DecoderThreads::forPass(atOnce, cores, DecoderThreads::Sharing::SplitCores);
 }
 
 } // namespace MapRun
