@@ -313,20 +313,14 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
         if (!item.combined)
             continue;
         // Manifests bring the masks their videos were analysed with.
-        if (!item.mask.isEmpty() && !masks.contains(item.mask))
-            masks << item.mask;
+        masks << item.mask;
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
-    Legend::Content content;
-    content.name = options.combineName;
-    content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
-    content.scale = scale;
-    content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = masks.join(QStringLiteral(", "));
-    return Legend::render(map, content);
+    return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
+                                                 scale, footageKnown ? footage : 0.0, masks));
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.

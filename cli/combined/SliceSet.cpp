@@ -270,13 +270,9 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
     outcome.footageSeconds = footageKnown ? footage : -1.0;
     if (m_settings.legends || m_settings.reportLegends) {
-        Legend::Content content;
-        content.name = series.name;
-        content.timeSpan = Legend::timeSpan(series.lineClock, start,
-                                            std::clamp(end - start, 0.0, m_settings.sliceSeconds));
-        content.scale = scale;
-        content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-        content.mask = m_settings.maskName;
+        const Legend::Content content = Legend::contentOf(
+            series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),
+            scale, footageKnown ? footage : 0.0, {m_settings.maskName});
         const QString path = m_settings.legends
             ? companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label)
             : tempFile();

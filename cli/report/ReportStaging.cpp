@@ -106,12 +106,9 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     error = writeMap(staging, key, map, &mapFile);
     if (!error.isEmpty())
         return error;
-    Legend::Content content;
-    content.name = QFileInfo(header.videoPath).fileName();
-    content.timeSpan = Legend::timeSpan(header.creationTime, 0.0, header.footageSeconds);
-    content.scale = top;
-    content.footageHours = header.footageSeconds > 0.0 ? header.footageSeconds / 3600.0 : 0.0;
-    content.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
+    const Legend::Content content = Legend::contentOf(QFileInfo(header.videoPath).fileName(),
+                                                      Legend::timeSpan(header.creationTime, 0.0, header.footageSeconds),
+                                                      top, header.footageSeconds, {header.maskPath});
     error = writeLegendStrip(staging, key, Legend::render(map, content), map.height());
     if (!error.isEmpty())
         return error;

@@ -171,15 +171,12 @@ double footageOf(const MotionPassFacts& facts)
 QImage legendOf(const QImage& map, const PlannedInput& input, const MapToolOptions& options,
                 const MotionPassFacts& facts, double mapScale)
 {
-    Legend::Content content;
-    content.name = QFileInfo(input.video).fileName();
     const double footage = footageOf(facts);
-    content.timeSpan = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
-                                        options.hasStart ? options.start : 0.0, footage);
-    content.scale = mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale;
-    content.footageHours = footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
-    return Legend::render(map, content);
+    const QString span = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
+                                          options.hasStart ? options.start : 0.0, footage);
+    return Legend::render(map, Legend::contentOf(QFileInfo(input.video).fileName(), span,
+                                                 mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale, footage,
+                                                 {options.maskPath}));
 }
 
 // The input's images in the order they are written: map, legend, counts, exact counts,
