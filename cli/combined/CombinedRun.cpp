@@ -490,14 +490,11 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
     double largest = 0.0;
     cv::minMaxLoc(m_map.sum(), nullptr, &largest);
     const double pixels = static_cast<double>(m_map.sum().total());
-    card.figures = {
-        {tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
-                                    : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
-        {tr("Footage"), ReportPage::clockText(footage)},
-        {tr("Events"), QString::number(cv::sum(m_map.sum())[0], 'f', 0)},
-        {tr("Most at a pixel"), QString::number(largest, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(cv::countNonZero(m_map.sum()) / pixels)},
-    };
+    card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
+                                                     : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
+                         ReportPage::footageFigure(footage)});
     return card;
 }
 

@@ -147,13 +147,11 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
-    card.figures = {
-        {tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ") + ReportPage::clockText(slice.to)},
-        {tr("Footage"), slice.footageSeconds >= 0.0 ? ReportPage::clockText(slice.footageSeconds) : tr("unknown")},
-        {tr("Events"), QString::number(slice.eventsTotal, 'f', 0)},
-        {tr("Most at a pixel"), QString::number(slice.maxEvents, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(slice.pixelsWithEventsShare)},
-    };
+    card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ")
+                                          + ReportPage::clockText(slice.to)},
+                         ReportPage::footageFigure(slice.footageSeconds)});
     return card;
 }
 
