@@ -1,23 +1,13 @@
 #include "OutputFile.h"
 
+#include "TestSupport.h"
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
-
-bool put(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 QStringList entries(const QString& folder)
 {
@@ -64,7 +54,7 @@ void OutputFileTest::nothingThereNeitherExistsNorDangles()
 
 void OutputFileTest::aFileExists()
 {
-    QVERIFY(put(path("map.png"), "old"));
+    QVERIFY(TestSupport::writeFile(path("map.png"), "old"));
     QVERIFY(OutputFile::existsOrDangles(path("map.png")));
 }
 
@@ -76,7 +66,7 @@ void OutputFileTest::aFolderExists()
 
 void OutputFileTest::aLinkToAFileExists()
 {
-    QVERIFY(put(path("target.png"), "old"));
+    QVERIFY(TestSupport::writeFile(path("target.png"), "old"));
     QVERIFY(QFile::link(path("target.png"), path("map.png")));
     QVERIFY(OutputFile::existsOrDangles(path("map.png")));
 }
@@ -91,7 +81,7 @@ void OutputFileTest::aLinkToNothingDangles()
 void OutputFileTest::writesTheBytesWhereNothingWas()
 {
     QCOMPARE(OutputFile::write(path("table.csv"), "a,b\n1,2\n", false), QString());
-    QCOMPARE(readAll(path("table.csv")), QByteArray("a,b\n1,2\n"));
+    QCOMPARE(TestSupport::readFile(path("table.csv")), QByteArray("a,b\n1,2\n"));
     QCOMPARE(entries(m_dir->path()), QStringList{"table.csv"});
 }
 
@@ -104,10 +94,10 @@ void OutputFileTest::writesAnEmptyFile()
 
 void OutputFileTest::keepsAnExistingFileUnlessAskedToReplaceIt()
 {
-    QVERIFY(put(path("clip.json"), "precious"));
+    QVERIFY(TestSupport::writeFile(path("clip.json"), "precious"));
     QCOMPARE(OutputFile::write(path("clip.json"), "new", false),
              QStringLiteral("File '%1' exists; not replaced (--overwrite replaces it)").arg(path("clip.json")));
-    QCOMPARE(readAll(path("clip.json")), QByteArray("precious"));
+    QCOMPARE(TestSupport::readFile(path("clip.json")), QByteArray("precious"));
     QCOMPARE(entries(m_dir->path()), QStringList{"clip.json"});
 }
 
@@ -123,9 +113,9 @@ void OutputFileTest::keepsADanglingLinkUnlessAskedToReplaceIt()
 
 void OutputFileTest::replacesAnExistingFileWhenAsked()
 {
-    QVERIFY(put(path("clip.json"), "an older and longer file"));
+    QVERIFY(TestSupport::writeFile(path("clip.json"), "an older and longer file"));
     QCOMPARE(OutputFile::write(path("clip.json"), "new", true), QString());
-    QCOMPARE(readAll(path("clip.json")), QByteArray("new"));
+    QCOMPARE(TestSupport::readFile(path("clip.json")), QByteArray("new"));
     QCOMPARE(entries(m_dir->path()), QStringList{"clip.json"});
 }
 
@@ -141,11 +131,11 @@ void OutputFileTest::aFailedReplacementLeavesTheOldFileAndNoTemporaryFile()
     // A folder in the way cannot be renamed over: the write fails only at the very end, once
     // every byte is in the temporary file.
     QVERIFY(QDir(m_dir->path()).mkpath("clip.json"));
-    QVERIFY(put(path("clip.json/inside"), "kept"));
+    QVERIFY(TestSupport::writeFile(path("clip.json/inside"), "kept"));
     QCOMPARE(OutputFile::write(path("clip.json"), "new", true),
              QStringLiteral("Can't save file '%1'").arg(path("clip.json")));
     QVERIFY(QFileInfo(path("clip.json")).isDir());
-    QCOMPARE(readAll(path("clip.json/inside")), QByteArray("kept"));
+    QCOMPARE(TestSupport::readFile(path("clip.json/inside")), QByteArray("kept"));
     QCOMPARE(entries(m_dir->path()), QStringList{"clip.json"});
 }
 
