@@ -25,7 +25,6 @@ void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
     row += '\n';
     if (m_file.isOpen())
         m_file.write(row);
-    m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
 }
 
 QString ActivityCsv::commit(bool overwrite)
