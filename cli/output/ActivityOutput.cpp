@@ -16,6 +16,11 @@ void ActivityOutput::pairCounted(const MotionPassHooks::PairRecord& record)
     m_table.add(record);
 }
 
+QString ActivityOutput::role() const
+{
+    return QStringLiteral("activity");
+}
+
 QString ActivityOutput::write(FinishedInput&)
 {
     return m_table.commit(replaces());

@@ -14,6 +14,7 @@ public:
 
     ActivityOutput(const QString& path, bool replaces);
     void pairCounted(const MotionPassHooks::PairRecord& record) override;
+    QString role() const override;
     QString write(FinishedInput& finished) override;
 
 private:

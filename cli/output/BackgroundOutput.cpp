@@ -7,6 +7,11 @@ std::unique_ptr<InputOutput> BackgroundOutput::make(const PlannedInput& input, c
     return plannedOutput<BackgroundOutput>(input.backgroundPath, options.overwrite);
 }
 
+QString BackgroundOutput::role() const
+{
+    return QStringLiteral("background");
+}
+
 QString BackgroundOutput::write(FinishedInput& finished)
 {
     return saveImage(MapImages::backgroundImage(finished.background));

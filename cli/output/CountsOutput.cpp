@@ -7,6 +7,11 @@ std::unique_ptr<InputOutput> CountsOutput::make(const PlannedInput& input, const
     return plannedOutput<CountsOutput>(input.countsPath, options.overwrite);
 }
 
+QString CountsOutput::role() const
+{
+    return QStringLiteral("counts");
+}
+
 QString CountsOutput::write(FinishedInput& finished)
 {
     return saveImage(MapImages::countsImage(finished.motionCount));

@@ -11,5 +11,6 @@ public:
     static std::unique_ptr<InputOutput> make(const PlannedInput& input, const MapToolOptions& options);
 
     using InputOutput::InputOutput;
+    QString role() const override;
     QString write(FinishedInput& finished) override;
 };

@@ -8,12 +8,12 @@
 #include <QImage>
 #include <QJsonObject>
 #include <QString>
-#include <QStringList>
 
 #include <opencv2/core/mat.hpp>
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 // One input whose pass has ended, as its outputs see it: what the pass found, how the input
 // has ended so far and which of its files are in place. The images are rendered once, for
@@ -40,7 +40,7 @@ struct FinishedInput {
     double mapScale = 0.0;         // the events at the top of the map's scale with --scale; else 0
     Manifest::Outcome outcome = Manifest::Outcome::Done;
     QString error;                 // why the input failed, with Outcome::Failed
-    QStringList written;           // the files of this input in place, in the order written
+    std::vector<Manifest::WrittenFile> written; // the files of this input in place, in order
     std::int64_t pairsWithMotion = 0;
     QJsonObject manifest;          // the manifest, once made
 
@@ -60,6 +60,9 @@ public:
     virtual ~InputOutput() = default;
 
     const QString& path() const { return m_path; }
+
+    // What the file is to a reader of the manifest: "map", "legend", "activity".
+    virtual QString role() const = 0;
 
     // Why the file may not be written: one is there and is not to be replaced. Empty when it
     // may; the file system is read again on every call, as files may appear during a pass.

@@ -71,7 +71,7 @@ void writeAll(InputOutputList& outputs, FinishedInput& finished)
             continue;
         const QString error = output->write(finished);
         if (error.isEmpty())
-            finished.written << output->path();
+            finished.written.push_back({output->role(), output->path()});
         else if (finished.error.isEmpty())
             finished.fail(error);
     }

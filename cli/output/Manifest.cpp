@@ -93,21 +93,6 @@ QJsonObject parametersOf(const MapToolOptions& options, double mapScale)
     return parameters;
 }
 
-QString roleOf(const PlannedInput& input, const QString& path)
-{
-    if (path == input.mapPath)
-        return QStringLiteral("map");
-    if (path == input.legendPath)
-        return QStringLiteral("legend");
-    if (path == input.countsPath)
-        return QStringLiteral("counts");
-    if (path == input.eventsPath)
-        return QStringLiteral("events");
-    if (path == input.backgroundPath)
-        return QStringLiteral("background");
-    return QStringLiteral("activity");
-}
-
 QString sha256Of(const QString& path)
 {
     QFile file(path);
@@ -119,11 +104,11 @@ QString sha256Of(const QString& path)
 
 // Named relative to the manifest, which lies beside them, so that a folder of results can be
 // moved as a whole.
-QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
+QJsonArray filesOf(const std::vector<Manifest::WrittenFile>& written)
 {
     QJsonArray files;
-    for (const QString& path : written)
-        files.append(Manifest::fileRecord(roleOf(input, path), path));
+    for (const Manifest::WrittenFile& file : written)
+        files.append(Manifest::fileRecord(file.role, file.path));
     return files;
 }
 
@@ -178,7 +163,7 @@ QJsonObject build(const Content& content)
         {"pairs_analysed", facts.pairsAnalysed},
         {"parameters", parametersOf(*content.options, content.mapScale)},
         {"outcome", outcome},
-        {"files", filesOf(*content.input, content.written)},
+        {"files", filesOf(content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},
     };
 }

@@ -10,6 +10,11 @@ bool ManifestOutput::recordsEveryOutcome() const
     return true;
 }
 
+QString ManifestOutput::role() const
+{
+    return QStringLiteral("manifest");
+}
+
 QString ManifestOutput::write(FinishedInput& finished)
 {
     finished.manifest = Manifest::build(finished.manifestContent());

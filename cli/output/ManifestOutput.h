@@ -14,6 +14,7 @@ public:
 
     using InputOutput::InputOutput;
     bool recordsEveryOutcome() const override;
+    QString role() const override;
     // Also keeps the manifest in `finished`, for the report.
     QString write(FinishedInput& finished) override;
 };

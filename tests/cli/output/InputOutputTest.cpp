@@ -40,6 +40,7 @@ struct PassResults {
 class Recorder final : public InputOutput {
 public:
     using InputOutput::InputOutput;
+    QString role() const override { return QStringLiteral("recorder"); }
     QString write(FinishedInput&) override { return {}; }
 };
 
@@ -121,7 +122,7 @@ void InputOutputTest::theManifestRecordsTheInputAsItStands()
     FinishedInput finished(input, options, pass.facts, pass.motionCount, pass.background);
     finished.outcome = Manifest::Outcome::Failed;
     finished.error = QStringLiteral("Can't save file 'x'");
-    finished.written = QStringList{QStringLiteral("/out/clip.png")};
+    finished.written = {{QStringLiteral("map"), QStringLiteral("/out/clip.png")}};
     finished.pairsWithMotion = 12;
     finished.mapScale = 3.5;
     const Manifest::Content content = finished.manifestContent();
@@ -130,7 +131,9 @@ void InputOutputTest::theManifestRecordsTheInputAsItStands()
     QCOMPARE(content.facts, &pass.facts);
     QVERIFY(content.outcome == Manifest::Outcome::Failed);
     QCOMPARE(content.error, finished.error);
-    QCOMPARE(content.written, finished.written);
+    QCOMPARE(content.written.size(), size_t(1));
+    QCOMPARE(content.written.front().role, QStringLiteral("map"));
+    QCOMPARE(content.written.front().path, QStringLiteral("/out/clip.png"));
     QCOMPARE(content.pairsWithMotion, std::int64_t(12));
     QCOMPARE(content.mapScale, 3.5);
 }

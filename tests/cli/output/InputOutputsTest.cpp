@@ -10,7 +10,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -30,9 +32,13 @@ public:
     }
 
     bool recordsEveryOutcome() const override { return m_records; }
+    QString role() const override { return QStringLiteral("probe ") + QFileInfo(path()).fileName(); }
     QString write(FinishedInput& finished) override
     {
-        m_log << QFileInfo(path()).fileName() + QStringLiteral(" after ") + finished.written.join(QLatin1Char('+'));
+        QStringList before;
+        for (const Manifest::WrittenFile& file : finished.written)
+            before << file.path;
+        m_log << QFileInfo(path()).fileName() + QStringLiteral(" after ") + before.join(QLatin1Char('+'));
         return m_failure;
     }
 
@@ -90,6 +96,23 @@ QStringList pathsOf(const InputOutputList& outputs)
     for (const auto& output : outputs)
         paths << output->path();
     return paths;
+}
+
+QStringList rolesOf(const InputOutputList& outputs)
+{
+    QStringList roles;
+    for (const auto& output : outputs)
+        roles << output->role();
+    return roles;
+}
+
+// The files written, as "role path".
+QStringList recordOf(const std::vector<Manifest::WrittenFile>& written)
+{
+    QStringList files;
+    for (const Manifest::WrittenFile& file : written)
+        files << file.role + QLatin1Char(' ') + file.path;
+    return files;
 }
 
 } // namespace
@@ -153,8 +176,11 @@ void InputOutputsTest::everyFileAskedForIsWrittenInThePlansOrderManifestLast()
     const QStringList expected{path("clip.png"),        path("clip.legend.png"),   path("clip.counts.png"),
                                path("clip.events.png"), path("clip.background.png"), path("clip.activity.csv"),
                                path("clip.json")};
-    QCOMPARE(pathsOf(InputOutputs::of(input, options)), expected);
+    const InputOutputList outputs = InputOutputs::of(input, options);
+    QCOMPARE(pathsOf(outputs), expected);
     QCOMPARE(input.outputs(), expected);
+    QCOMPARE(rolesOf(outputs),
+             (QStringList{"map", "legend", "counts", "events", "background", "activity", "manifest"}));
 }
 
 void InputOutputsTest::slicesWriteNoMapOfTheWholeVideo()
@@ -222,7 +248,8 @@ void InputOutputsTest::eachOutputIsWrittenInTurnAndRecordedAsWritten()
              (QStringList{"a after ", "b after " + path("a"), "record after " + path("a") + "+" + path("b")}));
     QVERIFY(writing.finished.outcome == Manifest::Outcome::Done);
     QVERIFY(writing.finished.error.isEmpty());
-    QCOMPARE(writing.finished.written, (QStringList{path("a"), path("b"), path("record")}));
+    QCOMPARE(recordOf(writing.finished.written),
+             (QStringList{"probe a " + path("a"), "probe b " + path("b"), "probe record " + path("record")}));
 }
 
 void InputOutputsTest::aFileThatAppearedStopsEveryOutputBeforeAnyIsWritten()
@@ -238,7 +265,7 @@ void InputOutputsTest::aFileThatAppearedStopsEveryOutputBeforeAnyIsWritten()
     QVERIFY(writing.finished.outcome == Manifest::Outcome::Failed);
     QCOMPARE(writing.finished.error,
              QStringLiteral("File '%1' exists; not replaced (--overwrite replaces it)").arg(path("c")));
-    QCOMPARE(writing.finished.written, QStringList{path("record")});
+    QCOMPARE(recordOf(writing.finished.written), QStringList{"probe record " + path("record")});
 }
 
 void InputOutputsTest::aFileThatAppearedIsReplacedWhenAllowed()
@@ -270,7 +297,7 @@ void InputOutputsTest::aRecordsErrorCountsOnlyWhenThereWasNoneBefore()
     alone.add(path("record"), QStringLiteral("no room"), true);
     alone.writeAll();
     QCOMPARE(alone.finished.error, QStringLiteral("no room"));
-    QVERIFY(alone.finished.written.isEmpty());
+    QVERIFY(alone.finished.written.empty());
 
     Writing afterAFailure;
     afterAFailure.add(path("a"), QStringLiteral("disk full"));
@@ -330,8 +357,12 @@ void InputOutputsTest::theFilesWrittenAreTheMapsImagesTableAndManifest()
     const QJsonObject manifest = QJsonDocument::fromJson(TestSupport::readFile(path("clip.json"))).object();
     QCOMPARE(manifest, finished.manifest);
     QCOMPARE(manifest["outcome"].toObject()["status"].toString(), QStringLiteral("done"));
-    QCOMPARE(manifest["files"].toArray().size(), 6);
-    QCOMPARE(manifest["files"].toArray().last().toObject()["name"].toString(), QStringLiteral("clip.activity.csv"));
+    QStringList files;
+    for (const QJsonValue file : manifest["files"].toArray())
+        files << file["role"].toString() + QLatin1Char(' ') + file["name"].toString();
+    QCOMPARE(files, (QStringList{"map clip.png", "legend clip.legend.png", "counts clip.counts.png",
+                                 "events clip.events.png", "background clip.background.png",
+                                 "activity clip.activity.csv"}));
     QCOMPARE(manifest["summary"].toObject()["pairs_with_motion_share"].toDouble(), 1.0 / 3.0);
 }
 
