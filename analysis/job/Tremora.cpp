@@ -1,5 +1,6 @@
 #include "Tremora.h"
 
+#include "DecoderThreads.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "Utils.h"
@@ -9,8 +10,6 @@
 #include <QMutexLocker>
 #include <QPixmap>
 #include <QThread>
-
-#include <algorithm>
 
 AtomicCounter Tremora::globalCounter;
 
@@ -117,7 +116,7 @@ QImage Tremora::getResult()
 
 int Tremora::decoderThreadsFor(int runningJobs, int cores)
 {
-    return runningJobs <= 1 ? std::max(cores, 1) : 1;
+    return DecoderThreads::forPass(runningJobs, cores, DecoderThreads::Sharing::OneEach);
 }
 
 void Tremora::run()

@@ -1,6 +1,7 @@
 #include "MotionPass.h"
 
 #include "AsyncBackgroundLearner.h"
+#include "DecoderThreads.h"
 #include "FfmpegMutex.h"
 #include "FrameClock.h"
 #include "FrameSource.h"
@@ -423,7 +424,7 @@ int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
 {
     if (requested > 0)
         return requested;
-    return std::max(cores / std::max(runningPasses, 1), 1);
+    return DecoderThreads::forPass(runningPasses, cores, DecoderThreads::Sharing::SplitCores);
 }
 
 VideoInfo MotionPass::probe(const QByteArray& utf8Path)

@@ -147,7 +147,9 @@ constexpr int kLearningPairs = 100;
 constexpr double kLatestTime = 1e10;
 
 // The decoder threads a pass given `requested` (MotionPassSettings::decoderThreads) uses
-// while `runningPasses` passes (itself included) run on a machine of `cores` cores.
+// while `runningPasses` passes (itself included) run on a machine of `cores` cores: as many
+// as requested, or with none requested, the cores split among the passes
+// (DecoderThreads::Sharing::SplitCores).
 int decoderThreadsFor(int requested, int runningPasses, int cores);
 
 // The frames a pass over pictures of `size` reads ahead with several decoder threads while

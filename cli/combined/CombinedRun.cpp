@@ -7,6 +7,7 @@
 #include "ManifestInput.h"
 #include "MapImages.h"
 #include "MapRun.h"
+#include "OutputFile.h"
 #include "OutputPlan.h"
 #include "MapScale.h"
 #include "Manifest.h"
@@ -91,7 +92,7 @@ QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
                 || (QFileInfo::exists(path) && QFileInfo(input).canonicalFilePath() == QFileInfo(path).canonicalFilePath()))
                 return tr("'%1' would replace the input '%2'; nothing is combined").arg(path, input);
         }
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
             return tr("File '%1' exists; nothing is combined (--overwrite replaces it)").arg(path);
     }
     return {};
@@ -399,20 +400,14 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
         if (!item.combined)
             continue;
         // Manifests bring the masks their videos were analysed with.
-        if (!item.mask.isEmpty() && !masks.contains(item.mask))
-            masks << item.mask;
+        masks << item.mask;
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
-    Legend::Content content;
-    content.name = options.combineName;
-    content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
-    content.scale = scale;
-    content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = masks.join(QStringLiteral(", "));
-    return Legend::render(map, content);
+    return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
+                                                 scale, footageKnown ? footage : 0.0, masks));
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.
@@ -421,8 +416,8 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
+            return OutputFile::notReplacedError(path);
     }
     if (!outputs.map.isEmpty()) {
         const QImage image = MotionMap::render(map.sum(), map.background(), scale);
@@ -582,14 +577,11 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
     double largest = 0.0;
     cv::minMaxLoc(m_map.sum(), nullptr, &largest);
     const double pixels = static_cast<double>(m_map.sum().total());
-    card.figures = {
-        {tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
-                                    : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
-        {tr("Footage"), ReportPage::clockText(footage)},
-        {tr("Events"), QString::number(cv::sum(m_map.sum())[0], 'f', 0)},
-        {tr("Most at a pixel"), QString::number(largest, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(cv::countNonZero(m_map.sum()) / pixels)},
-    };
+    card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
+                                                     : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
+                         ReportPage::footageFigure(footage)});
     return card;
 }
 

@@ -45,9 +45,7 @@ Parsed parse(const QString& path)
     const int version = root["format_version"].toInt(0);
     if (version > Manifest::kFormatVersion)
         return {{}, tr("Manifest '%1' has format version %2; this tremora-map reads up to %3")
-                        .arg(path)
-                        .arg(version)
-                        .arg(Manifest::kFormatVersion)};
+                        .arg(path, QString::number(version), QString::number(Manifest::kFormatVersion))};
     if (version < 1)
         return {{}, tr("Manifest '%1' has no format version").arg(path)};
     const QString status = root["outcome"].toObject()["status"].toString();
@@ -122,12 +120,8 @@ QString checkPictureSize(const QString& manifest, const CheckedFile& picture, QI
     if (declared == recorded && !recorded.isEmpty())
         return {};
     return tr("Manifest '%1' records %2x%3, but its picture '%4' declares %5x%6; not decoded")
-        .arg(manifest)
-        .arg(recorded.width())
-        .arg(recorded.height())
-        .arg(picture.path)
-        .arg(declared.width())
-        .arg(declared.height());
+        .arg(manifest, QString::number(recorded.width()), QString::number(recorded.height()), picture.path,
+             QString::number(declared.width()), QString::number(declared.height()));
 }
 
 } // namespace
@@ -149,9 +143,7 @@ Header readHeader(const QString& path)
     header.height = video["height"].toInt();
     if (!decodableSize(header.width, header.height)) {
         header.error = tr("Manifest '%1' records a picture of %2x%3, which no video has")
-                           .arg(path)
-                           .arg(header.width)
-                           .arg(header.height);
+                           .arg(path, QString::number(header.width), QString::number(header.height));
         return header;
     }
     header.creationTime = video["creation_time"].toString();

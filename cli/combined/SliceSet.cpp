@@ -4,10 +4,10 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapImages.h"
-#include "OutputPlan.h"
 #include "MapScale.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
+#include "OutputFile.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -192,11 +192,11 @@ QString SliceSet::namesError(const Settings& settings, const QString& pattern, c
         if (settings.events)
             paths << companionPath(pattern, QStringLiteral(".events.png"), label);
         for (const QString& path : paths) {
-            if (settings.overwrite || !OutputPlan::existsOrDangles(path))
+            if (settings.overwrite || !OutputFile::existsOrDangles(path))
                 continue;
             if (planning)
                 return tr("File '%1' exists; %2 (--overwrite replaces it)").arg(path, subject);
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+            return OutputFile::notReplacedError(path);
         }
     }
     return {};
@@ -302,13 +302,9 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
     outcome.footageSeconds = footageKnown ? footage : -1.0;
     if (m_settings.legends || m_settings.reportLegends) {
-        Legend::Content content;
-        content.name = series.name;
-        content.timeSpan = Legend::timeSpan(series.lineClock, start,
-                                            std::clamp(end - start, 0.0, m_settings.sliceSeconds));
-        content.scale = scale;
-        content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-        content.mask = m_settings.maskName;
+        const Legend::Content content = Legend::contentOf(
+            series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),
+            scale, footageKnown ? footage : 0.0, {m_settings.maskName});
         const QString path = m_settings.legends
             ? companionPath(series.pattern, QStringLiteral(".legend.png"), label)
             : tempFile();

@@ -1,27 +1,21 @@
 #include "Manifest.h"
 
 #include "MotionCounter.h"
+#include "OutputFile.h"
 #include "Version.h"
 
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <opencv2/core.hpp>
 
 #include <cmath>
 
 namespace {
-
-QString tr(const char* text)
-{
-    return QCoreApplication::translate("MapTool", text);
-}
 
 // Times of files in UTC with milliseconds, as ISO 8601.
 QString isoTime(const QDateTime& time)
@@ -75,21 +69,6 @@ QJsonObject videoOf(const VideoInfo& info)
     };
 }
 
-QString roleOf(const PlannedInput& input, const QString& path)
-{
-    if (path == input.mapPath)
-        return QStringLiteral("map");
-    if (path == input.legendPath)
-        return QStringLiteral("legend");
-    if (path == input.countsPath)
-        return QStringLiteral("counts");
-    if (path == input.eventsPath)
-        return QStringLiteral("events");
-    if (path == input.backgroundPath)
-        return QStringLiteral("background");
-    return QStringLiteral("activity");
-}
-
 QString sha256Of(const QString& path)
 {
     QFile file(path);
@@ -101,11 +80,11 @@ QString sha256Of(const QString& path)
 
 // Named relative to the manifest, which lies beside them, so that a folder of results can be
 // moved as a whole.
-QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
+QJsonArray filesOf(const std::vector<Manifest::WrittenFile>& written)
 {
     QJsonArray files;
-    for (const QString& path : written)
-        files.append(Manifest::fileRecord(roleOf(input, path), path));
+    for (const Manifest::WrittenFile& file : written)
+        files.append(Manifest::fileRecord(file.role, file.path));
     return files;
 }
 
@@ -230,21 +209,14 @@ QJsonObject build(const Content& content)
         {"pairs_analysed", facts.pairsAnalysed},
         {"parameters", parameters(*content.options, content.mapScale)},
         {"outcome", outcome},
-        {"files", filesOf(*content.input, content.written)},
+        {"files", filesOf(content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},
     };
 }
 
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite)
 {
-    const QFileInfo target(path);
-    if (!overwrite && (target.exists() || target.isSymLink()))
-        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(manifest).toJson(QJsonDocument::Indented)) < 0
-        || !file.commit())
-        return tr("Can't save file '%1'").arg(path);
-    return {};
+    return OutputFile::write(path, QJsonDocument(manifest).toJson(QJsonDocument::Indented), overwrite);
 }
 
 bool recordsCanceledAnalysis(const QString& path)

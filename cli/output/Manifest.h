@@ -6,9 +6,9 @@
 
 #include <QJsonObject>
 #include <QString>
-#include <QStringList>
 
 #include <cstdint>
+#include <vector>
 
 // NAME.json: what another program needs to rely on the files of one video written with
 // --data: the input, the video, the parameters, the outcome, the files with their sizes and
@@ -22,13 +22,19 @@ constexpr char kFormatName[] = "tremora-map data";
 
 enum class Outcome { Done, Failed, Canceled };
 
+// A file of the input that is in place, and the role the manifest gives it ("map", "legend").
+struct WrittenFile {
+    QString role;
+    QString path;
+};
+
 struct Content {
     const PlannedInput* input = nullptr;
     const MapToolOptions* options = nullptr;
     const MotionPassFacts* facts = nullptr;
     Outcome outcome = Outcome::Done;
     QString error;            // with Outcome::Failed
-    QStringList written;      // the files of this input that are in place, in the order written
+    std::vector<WrittenFile> written; // the files of this input in place, in the order written
     std::int64_t pairsWithMotion = 0;
     double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
 };

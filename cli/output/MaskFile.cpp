@@ -33,10 +33,8 @@ cv::Mat load(const QString& path, QString* error)
     const QSize declared = reader.size();
     if (declared.width() > kLargestSide || declared.height() > kLargestSide) {
         *error = tr("Mask '%1' is %2x%3: larger than %4 pixels on a side.")
-                     .arg(path)
-                     .arg(declared.width())
-                     .arg(declared.height())
-                     .arg(kLargestSide);
+                     .arg(path, QString::number(declared.width()), QString::number(declared.height()),
+                          QString::number(kLargestSide));
         return {};
     }
     const QImage picture = reader.read();

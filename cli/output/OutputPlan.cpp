@@ -2,6 +2,7 @@
 
 #include "Manifest.h"
 #include "MotionPass.h"
+#include "OutputFile.h"
 #include "SliceSet.h"
 
 #include <QCoreApplication>
@@ -99,7 +100,7 @@ private:
 QString existingOutputOf(PlannedInput& input)
 {
     for (const QString& path : input.outputs()) {
-        if (!OutputPlan::existsOrDangles(path))
+        if (!OutputFile::existsOrDangles(path))
             continue;
         if (path == input.manifestPath && QFileInfo(path).isFile() && Manifest::recordsCanceledAnalysis(path)) {
             input.replacesCanceledManifest = true;
@@ -214,12 +215,6 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
         inputs.push_back(input);
     }
     return inputs;
-}
-
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
 }
 
 } // namespace OutputPlan

@@ -74,8 +74,4 @@ QString outputFolder(const QString& video, const QString& outputDir);
 // replace files (SliceSet::clashBefore). Reads the file system; writes nothing.
 std::vector<PlannedInput> plan(const MapToolOptions& options);
 
-// Whether `path` names a file, or a link whose target is missing: either way, writing there
-// would replace something a user has. Any thread.
-bool existsOrDangles(const QString& path);
-
 } // namespace OutputPlan

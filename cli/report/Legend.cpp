@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QFileInfo>
 #include <QFont>
 #include <QFontMetrics>
 #include <QPainter>
@@ -104,6 +105,24 @@ Layout layoutFor(int width, bool perHour)
 } // namespace
 
 namespace Legend {
+
+Content contentOf(const QString& name, const QString& timeSpan, double scale, double footageSeconds,
+                  const QStringList& maskPaths)
+{
+    QStringList masks;
+    for (const QString& path : maskPaths) {
+        const QString mask = QFileInfo(path).fileName();
+        if (!mask.isEmpty() && !masks.contains(mask))
+            masks << mask;
+    }
+    Content content;
+    content.name = name;
+    content.timeSpan = timeSpan;
+    content.scale = scale;
+    content.footageHours = footageSeconds > 0.0 ? footageSeconds / 3600.0 : 0.0;
+    content.mask = masks.join(QStringLiteral(", "));
+    return content;
+}
 
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds)
 {

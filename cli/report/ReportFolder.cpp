@@ -1,5 +1,7 @@
 #include "ReportFolder.h"
 
+#include "OutputFile.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -29,9 +31,10 @@ bool isEmptyFolder(const QDir& folder)
 QString ReportFolder::refusal(const QString& folder, bool overwrite)
 {
     // "file/." names the file itself once cleaned, as the report would be published.
-    const QFileInfo info(QDir::cleanPath(QFileInfo(folder).absoluteFilePath()));
-    if (!info.exists() && !info.isSymLink())
+    const QString cleaned = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
+    if (!OutputFile::existsOrDangles(cleaned))
         return {};
+    const QFileInfo info(cleaned);
     if (!info.isDir())
         return tr("Report folder '%1' is a file; not replaced").arg(folder);
     const QDir dir(info.filePath());

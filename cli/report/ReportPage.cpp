@@ -211,6 +211,21 @@ QString clockText(double seconds)
     return QStringLiteral("%1:%2").arg(m).arg(tail);
 }
 
+std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
+                                                      double pixelsWithEventsShare)
+{
+    return {
+        {tr("Events"), QString::number(eventsTotal, 'f', 0)},
+        {tr("Most at a pixel"), QString::number(maxEvents, 'f', 0)},
+        {tr("Pixels with motion"), percentText(pixelsWithEventsShare)},
+    };
+}
+
+std::pair<QString, QString> footageFigure(double seconds)
+{
+    return {tr("Footage"), seconds >= 0.0 ? clockText(seconds) : tr("unknown")};
+}
+
 ReportCard inputCard(const QString& key, const QString& video, const QJsonObject& manifest, const QString& planError,
                      const QString& mapFile, const QString& reportFolder)
 {
@@ -243,11 +258,13 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
         {tr("Frames"), QString::number(manifest.value(QLatin1String("frames_decoded")).toDouble(), 'f', 0)},
         {tr("Size"), QStringLiteral("%1 × %2").arg(card.width).arg(card.height)},
         {tr("Recorded"), card.creationTime.isEmpty() ? tr("unknown") : card.creationTime},
-        {tr("Events"), QString::number(summary.value(QLatin1String("events_total")).toDouble(), 'f', 0)},
-        {tr("Most at a pixel"), QString::number(summary.value(QLatin1String("max_events")).toDouble(), 'f', 0)},
-        {tr("Pixels with motion"), percentText(summary.value(QLatin1String("pixels_with_events_share")).toDouble())},
-        {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())},
     };
+    const auto counts = countFigures(summary.value(QLatin1String("events_total")).toDouble(),
+                                     summary.value(QLatin1String("max_events")).toDouble(),
+                                     summary.value(QLatin1String("pixels_with_events_share")).toDouble());
+    card.figures.insert(card.figures.end(), counts.begin(), counts.end());
+    card.figures.push_back(
+        {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())});
     return card;
 }
 

@@ -59,6 +59,13 @@ QString clockText(double seconds);
 // A share (0 to 1) as "12.5%", with more digits for a share that would show as 0.0%.
 QString percentText(double share);
 
+// The figures under every map about the counts it draws, after the card's own figures: the
+// events in all, the most at one pixel and the share of pixels with motion.
+std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
+                                                      double pixelsWithEventsShare);
+// The footage a card's map was made from as a clock; "unknown" below 0.
+std::pair<QString, QString> footageFigure(double seconds);
+
 // The card of one input from its manifest (see Manifest::build); `mapFile` as in ReportCard,
 // `reportFolder` the folder the page ends up in (absolute), for the link to the video.
 // `planError`, when set, is why the input was not analysed at all (no manifest).

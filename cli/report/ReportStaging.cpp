@@ -5,6 +5,7 @@
 #include "ManifestInput.h"
 #include "MapScale.h"
 #include "MotionMap.h"
+#include "OutputFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -12,7 +13,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 
 #include <opencv2/core.hpp>
 
@@ -23,17 +23,6 @@ namespace {
 QString tr(const char* text)
 {
     return QCoreApplication::translate("MapTool", text);
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
-}
-
-QString saveError(const QString& path)
-{
-    return tr("Can't save file '%1'").arg(path);
 }
 
 // An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
@@ -87,20 +76,21 @@ QString writeData(const QString& staging, const QString& key, const std::vector<
     const QDir data(staging + QStringLiteral("/data"));
     const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
     const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
-    if (!writeFile(activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds))))
-        return saveError(activity);
-    if (!eventTimes.empty()
-        && !writeFile(cells, ReportData::script(key + QStringLiteral(".cells"),
-                                                ReportData::cellsJson(eventTimes, width, height))))
-        return saveError(cells);
-    return {};
+    // The staging folder is the run's own: nothing there is a user's to keep.
+    const QString error = OutputFile::write(
+        activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds)), true);
+    if (!error.isEmpty() || eventTimes.empty())
+        return error;
+    return OutputFile::write(
+        cells, ReportData::script(key + QStringLiteral(".cells"), ReportData::cellsJson(eventTimes, width, height)),
+        true);
 }
 
 QString writeMap(const QString& staging, const QString& key, const QImage& map, QString* file)
 {
     const QString name = QStringLiteral("maps/%1.png").arg(key);
     if (!Utils::saveImage(map, staging + QLatin1Char('/') + name))
-        return saveError(staging + QLatin1Char('/') + name);
+        return OutputFile::saveError(staging + QLatin1Char('/') + name);
     *file = name;
     return {};
 }
@@ -109,13 +99,13 @@ QString writeLegendStrip(const QString& staging, const QString& key, const QImag
 {
     const QImage strip = legend.copy(0, mapHeight, legend.width(), legend.height() - mapHeight);
     const QString path = staging + QStringLiteral("/maps/") + key + QStringLiteral(".legend.png");
-    return Utils::saveImage(strip, path) ? QString() : saveError(path);
+    return Utils::saveImage(strip, path) ? QString() : OutputFile::saveError(path);
 }
 
 QString copy(const QString& staging, const QString& source, const QString& file)
 {
     const QString target = staging + QLatin1Char('/') + file;
-    return QFile::copy(source, target) ? QString() : saveError(target);
+    return QFile::copy(source, target) ? QString() : OutputFile::saveError(target);
 }
 
 QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapColours& colours, double* top)
@@ -151,12 +141,10 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     if (!error.isEmpty())
         return error;
     *manifest = readJson(manifestPath);
-    Legend::Content content;
-    content.name = QFileInfo(header.videoPath).fileName();
-    content.timeSpan = Legend::timeSpan(header.creationTime, windowStartOf(*manifest), header.footageSeconds);
-    content.scale = top;
-    content.footageHours = header.footageSeconds > 0.0 ? header.footageSeconds / 3600.0 : 0.0;
-    content.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
+    const Legend::Content content =
+        Legend::contentOf(QFileInfo(header.videoPath).fileName(),
+                          Legend::timeSpan(header.creationTime, windowStartOf(*manifest), header.footageSeconds), top,
+                          header.footageSeconds, {header.maskPath});
     error = writeLegendStrip(staging, key, Legend::render(map, content), map.height());
     if (!error.isEmpty())
         return error;
@@ -194,13 +182,11 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
-    card.figures = {
-        {tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ") + ReportPage::clockText(slice.to)},
-        {tr("Footage"), slice.footageSeconds >= 0.0 ? ReportPage::clockText(slice.footageSeconds) : tr("unknown")},
-        {tr("Events"), QString::number(slice.eventsTotal, 'f', 0)},
-        {tr("Most at a pixel"), QString::number(slice.maxEvents, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(slice.pixelsWithEventsShare)},
-    };
+    card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ")
+                                          + ReportPage::clockText(slice.to)},
+                         ReportPage::footageFigure(slice.footageSeconds)});
     return card;
 }
 

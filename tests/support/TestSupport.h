@@ -22,6 +22,12 @@ bool writeRawClip(const QString& path, int width, int height,
                   const QStringList& outputArgs = {"-c:v", "ffv1"},
                   const QString& inputPixelFormat = QStringLiteral("gray"), int fps = 25);
 
+// The bytes of the file at `path`; empty when it cannot be read.
+QByteArray readFile(const QString& path);
+
+// Writes `content` to `path` directly (not under a temporary name); true when all of it was.
+bool writeFile(const QString& path, const QByteArray& content);
+
 // A grey frame of one value, the building block of exact-count clips.
 QByteArray grayFrame(int width, int height, unsigned char value);
 

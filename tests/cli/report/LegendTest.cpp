@@ -141,6 +141,40 @@ private slots:
         QCOMPARE(Legend::combinedTimeSpan({"2024-05-01T10:10:00Z", ""}, {600.0, 300.0}),
                  QStringLiteral("2 files, 0:15:00 of footage"));
     }
+
+    void contentCarriesNameSpanAndScaleAsGiven()
+    {
+        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {});
+        QCOMPARE(made.name, QStringLiteral("clip.mp4"));
+        QCOMPARE(made.timeSpan, QStringLiteral("0:00:00 – 0:15:00 of the video"));
+        QCOMPARE(made.scale, 12.5);
+    }
+
+    void contentCountsFootageInHours()
+    {
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}).footageHours, 1.5);
+    }
+
+    void unknownFootageGivesNoHours_data()
+    {
+        QTest::addColumn<double>("footageSeconds");
+        QTest::newRow("unknown") << -1.0;
+        QTest::newRow("none") << 0.0;
+    }
+
+    void unknownFootageGivesNoHours()
+    {
+        QFETCH(double, footageSeconds);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}).footageHours, 0.0);
+    }
+
+    void masksAreNamedByFileOnceEachAndEmptyOnesLeftOut()
+    {
+        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}).mask,
+                 QStringLiteral("mask.png, door.png"));
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}).mask.isEmpty());
+    }
 };
 
 QTEST_MAIN(LegendTest)

@@ -117,6 +117,20 @@ private slots:
         QCOMPARE(c.figures, expected);
     }
 
+    void countFiguresSayEventsMostAtAPixelAndPixelsWithMotion()
+    {
+        const std::vector<std::pair<QString, QString>> expected = {
+            {"Events", "123457"}, {"Most at a pixel", "65535"}, {"Pixels with motion", "0.050%"}};
+        QCOMPARE(ReportPage::countFigures(123456.6, 65535.0, 0.0005), expected);
+    }
+
+    void footageIsAClockOrUnknown()
+    {
+        QCOMPARE(ReportPage::footageFigure(3723.9), (std::pair<QString, QString>{"Footage", "1:02:03"}));
+        QCOMPARE(ReportPage::footageFigure(0.0), (std::pair<QString, QString>{"Footage", "0:00"}));
+        QCOMPARE(ReportPage::footageFigure(-1.0), (std::pair<QString, QString>{"Footage", "unknown"}));
+    }
+
     void thePagesFilesAreBuiltIntoTheTool()
     {
         const auto assets = ReportPage::assets();
