@@ -8,6 +8,7 @@
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "OutputFile.h"
+#include "OutputPlan.h"
 
 #include <QCoreApplication>
 #include <QDateTime>

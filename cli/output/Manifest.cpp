@@ -4,6 +4,7 @@
 #include "OutputFile.h"
 #include "Version.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
@@ -16,6 +17,11 @@
 #include <cmath>
 
 namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("MapTool", text);
+}
 
 // Times of files in UTC with milliseconds, as ISO 8601.
 QString isoTime(const QDateTime& time)
