@@ -139,6 +139,9 @@ void analyse(const QByteArray& path)
         require(sameSizeMaps(motionCount, background), "maps of different sizes at the end");
         require(hooks.pairs() <= kMaxPairs, "pairs past the cancel");
         break;
+    case MotionPassOutcome::TimeOutOfRange:
+        require(false, "a time refused by a pass that neither slices nor records event times");
+        break;
     }
     renderAndCheck(motionCount, background);
 }

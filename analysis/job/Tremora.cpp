@@ -1,5 +1,6 @@
 #include "Tremora.h"
 
+#include "DecoderThreads.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
 #include "Utils.h"
@@ -9,8 +10,6 @@
 #include <QMutexLocker>
 #include <QPixmap>
 #include <QThread>
-
-#include <algorithm>
 
 AtomicCounter Tremora::globalCounter;
 
@@ -117,7 +116,7 @@ QImage Tremora::getResult()
 
 int Tremora::decoderThreadsFor(int runningJobs, int cores)
 {
-    return runningJobs <= 1 ? std::max(cores, 1) : 1;
+    return DecoderThreads::forPass(runningJobs, cores, DecoderThreads::Sharing::OneEach);
 }
 
 void Tremora::run()
@@ -130,6 +129,7 @@ void Tremora::run()
     settings.decoderThreads = decoderThreadsFor(running.count(), QThread::idealThreadCount());
     switch (MotionPass::run(m_path.toUtf8(), settings, m_motionCount, m_background, hooks)) {
     case MotionPassOutcome::OpenFailed:
+    case MotionPassOutcome::TimeOutOfRange: // not asked for: the window neither slices nor records times
         update(Failed);
         break;
     case MotionPassOutcome::Canceled:

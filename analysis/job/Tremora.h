@@ -50,7 +50,8 @@ public:
 
     // Decoder threads for a job that starts while `runningJobs` jobs (itself included) run
     // on `cores` cores: alone, it decodes on every core, which the pool's other thread leaves
-    // idle; beside another, on one thread, as each pass keeps a core of its own. Any thread.
+    // idle; beside another, on one thread, as each pass keeps a core of its own
+    // (DecoderThreads::Sharing::OneEach). Any thread.
     static int decoderThreadsFor(int runningJobs, int cores);
 
     QSize m_iconSize;

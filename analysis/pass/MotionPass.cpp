@@ -1,6 +1,7 @@
 #include "MotionPass.h"
 
 #include "AsyncBackgroundLearner.h"
+#include "DecoderThreads.h"
 #include "FfmpegMutex.h"
 #include "FrameClock.h"
 #include "FrameSource.h"
@@ -177,6 +178,8 @@ public:
             FramePtr current = readNextFrame(time);
             const bool endOfVideo = current == nullptr;
             if (!endOfVideo) {
+                if (!placeable(time))
+                    return;
                 if (m_sliceSeconds > 0.0)
                     enterSliceOf(time);
                 analysePair(std::move(current), pairIndex, time);
@@ -191,6 +194,9 @@ public:
     }
 
     int pairs() const { return m_counter.pairs(); }
+    // Whether the loop stopped at a pair it could not place, and that pair's time.
+    bool stoppedAtUnplaceableTime() const { return m_stoppedAtUnplaceableTime; }
+    double unplaceableTime() const { return m_unplaceableTime; }
     const cv::Mat& exactCounts() const { return m_counter.exactCounts(); }
     CellEventTimes takeEventTimes() { return std::move(m_eventTimes); }
 
@@ -224,6 +230,22 @@ private:
             if (!m_eventTimes.empty() && activity.newEvents > 0)
                 m_eventTimes.record(static_cast<std::int64_t>(std::floor(time)), m_counter.lastPairCells());
         }
+    }
+
+    // Slices are numbered in an int and event times in whole seconds: a time that neither
+    // holds ends the loop before anything of its pair is counted.
+    bool placeable(double time)
+    {
+        const double onLine = time + m_sliceOffset;
+        const bool fits = (m_sliceSeconds <= 0.0
+                           || (std::abs(onLine) < MotionPass::kLatestTime
+                               && onLine / m_sliceSeconds < static_cast<double>(std::numeric_limits<int>::max())))
+            && (m_eventTimes.empty() || std::abs(time) < MotionPass::kLatestTime);
+        if (!fits) {
+            m_stoppedAtUnplaceableTime = true;
+            m_unplaceableTime = m_sliceSeconds > 0.0 ? onLine : time;
+        }
+        return fits;
     }
 
     // A pair whose time lies before its slice's start (timestamps going back) stays in the
@@ -277,6 +299,8 @@ private:
     const double m_sliceSeconds;
     const double m_sliceOffset;
     int m_slice = -1;
+    bool m_stoppedAtUnplaceableTime = false;
+    double m_unplaceableTime = 0.0;
     cv::Mat m_sliceStartCounts;
     cv::Mat m_sliceCounts;
     cv::Mat& m_motionCount;
@@ -363,6 +387,8 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
         if (keepsExactCounts(settings))
             facts.exactCounts = pairs.exactCounts();
         facts.eventTimes = pairs.takeEventTimes();
+        facts.stoppedAtUnplaceableTime = pairs.stoppedAtUnplaceableTime();
+        facts.unplaceableTime = pairs.unplaceableTime();
     };
     if (decoderThreads > 1)
         runBelowDecoder(loop);
@@ -401,7 +427,18 @@ int MotionPass::decoderThreadsFor(int requested, int runningPasses, int cores)
 {
     if (requested > 0)
         return requested;
-    return std::max(cores / std::max(runningPasses, 1), 1);
+    return DecoderThreads::forPass(runningPasses, cores, DecoderThreads::Sharing::SplitCores);
+}
+
+VideoInfo MotionPass::probe(const QByteArray& utf8Path)
+{
+    MpegReader reader;
+    VideoInfo info;
+    if (openLocked(reader, utf8Path))
+        info = reader.info();
+    // A failed open leaves a half-open reader, released under the lock as well.
+    closeLocked(reader);
+    return info;
 }
 
 cv::Mat MotionPass::maskAt(const cv::Mat& mask, cv::Size size)
@@ -453,5 +490,7 @@ MotionPassOutcome MotionPass::run(const QByteArray& utf8Path, const MotionPassSe
     }
     analyse(reader, std::move(firstFrame), size, running.count(), settings, motionCount, background, hooks, found);
     closeLocked(reader);
+    if (found.stoppedAtUnplaceableTime)
+        return MotionPassOutcome::TimeOutOfRange;
     return hooks.cancelRequested() ? MotionPassOutcome::Canceled : MotionPassOutcome::Finished;
 }

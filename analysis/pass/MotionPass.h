@@ -126,12 +126,21 @@ struct MotionPassFacts {
     // With MotionPassSettings::eventCellSize: per cell, the seconds (floor of the pair's time)
     // at which an event began in any of its pixels.
     CellEventTimes eventTimes;
+    // The pass stopped at a pair it could not place (MotionPassOutcome::TimeOutOfRange), and
+    // that pair's time, on the slices' time line when slicing (MotionPassSettings::sliceOffset
+    // added).
+    bool stoppedAtUnplaceableTime = false;
+    double unplaceableTime = 0.0;
 };
 
 enum class MotionPassOutcome {
     OpenFailed, // the file could not be opened as video; nothing was set up or counted
     Finished,   // the video ended (or could not be read further, or changed its frame size)
     Canceled,   // cancelRequested() answered true, before the start or during the loop
+    // With slices or event times: a pair's time (MotionPassFacts::unplaceableTime) lies
+    // beyond MotionPass::kLatestTime, where no slice or second can be numbered; the pass
+    // stopped before counting that pair, and its slices and event times are incomplete.
+    TimeOutOfRange,
 };
 
 namespace MotionPass {
@@ -139,8 +148,16 @@ namespace MotionPass {
 // Frame pairs whose second frame teaches the background model (pairs 0 to 99).
 constexpr int kLearningPairs = 100;
 
+// Seconds, about 317 years: no recording lasts that long, so a pair's time (or a slice's
+// start) this far from the start, either way, comes from a damaged or crafted file. Slices
+// and event times refuse it (MotionPassOutcome::TimeOutOfRange) rather than number seconds
+// and slices past what their integers hold.
+constexpr double kLatestTime = 1e10;
+
 // The decoder threads a pass given `requested` (MotionPassSettings::decoderThreads) uses
-// while `runningPasses` passes (itself included) run on a machine of `cores` cores.
+// while `runningPasses` passes (itself included) run on a machine of `cores` cores: as many
+// as requested, or with none requested, the cores split among the passes
+// (DecoderThreads::Sharing::SplitCores).
 int decoderThreadsFor(int requested, int runningPasses, int cores);
 
 // The frames a pass over pictures of `size` reads ahead with several decoder threads while
@@ -165,6 +182,11 @@ int readAheadDepthFor(cv::Size size, int runningPasses);
 MotionPassOutcome run(const QByteArray& utf8Path, const MotionPassSettings& settings,
                       cv::Mat& motionCount, cv::Mat& background, MotionPassHooks& hooks,
                       MotionPassFacts* facts = nullptr);
+
+// What the container of the video at `utf8Path` records (size, frame rate, duration, creation
+// time), read without decoding a picture, under ffmpegMutex; empty when it does not open.
+// Reentrant.
+VideoInfo probe(const QByteArray& utf8Path);
 
 // `mask` (see MotionPassSettings::mask) at `size`: each pixel takes the mask pixel under its
 // centre, as 255 where it is analysed and 0 where it is ignored. Reentrant.

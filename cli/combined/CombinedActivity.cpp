@@ -1,5 +1,7 @@
 #include "CombinedActivity.h"
 
+#include "OutputFile.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
@@ -83,12 +85,11 @@ std::optional<std::vector<double>> startOffsets(const std::vector<Source>& sourc
 
 QString write(const QString& path, const std::vector<Source>& sources, bool overwrite)
 {
-    const QFileInfo target(path);
-    if (!overwrite && (target.exists() || target.isSymLink()))
-        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+    if (!overwrite && OutputFile::existsOrDangles(path))
+        return OutputFile::notReplacedError(path);
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly))
-        return tr("Can't save file '%1'").arg(path);
+        return OutputFile::saveError(path);
     out.write(kHeader);
     const std::optional<std::vector<double>> offsets = startOffsets(sources);
     for (size_t i = 0; i < sources.size(); ++i) {
@@ -96,7 +97,7 @@ QString write(const QString& path, const std::vector<Source>& sources, bool over
             return tr("Can't read the activity table '%1'").arg(sources[i].table);
     }
     if (!out.commit())
-        return tr("Can't save file '%1'").arg(path);
+        return OutputFile::saveError(path);
     return {};
 }
 

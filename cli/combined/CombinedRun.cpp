@@ -2,22 +2,22 @@
 
 #include "CombinedActivity.h"
 #include "CombinedMap.h"
-#include "FfmpegMutex.h"
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
 #include "MapImages.h"
 #include "MapRun.h"
+#include "OutputFile.h"
 #include "OutputPlan.h"
 #include "MapScale.h"
 #include "Manifest.h"
 #include "MotionMap.h"
 #include "MotionPass.h"
-#include "MpegReader.h"
 #include "ProgressOutput.h"
 #include "ReportFolder.h"
 #include "ReportPage.h"
 #include "ReportStaging.h"
+#include "SliceSet.h"
 #include "Version.h"
 
 #include <QCoreApplication>
@@ -26,7 +26,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QMutexLocker>
 #include <QTemporaryDir>
 
 #include <opencv2/core.hpp>
@@ -34,6 +33,8 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -91,7 +92,7 @@ QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
                 || (QFileInfo::exists(path) && QFileInfo(input).canonicalFilePath() == QFileInfo(path).canonicalFilePath()))
                 return tr("'%1' would replace the input '%2'; nothing is combined").arg(path, input);
         }
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
             return tr("File '%1' exists; nothing is combined (--overwrite replaces it)").arg(path);
     }
     return {};
@@ -109,19 +110,21 @@ struct Item {
     double duration = -1.0; // as the container records it; -1 when unknown
     QString mask;           // the mask's file name; empty when none
     QString activity;       // the input's activity table
+    // What makes two inputs one: the files it is (fileIdentity), a manifest's video among them.
+    QStringList identities;
+    QJsonObject parameters; // of the analysis, as a manifest records them
     bool combined = false;
     QString error;
 };
 
-VideoInfo probe(const QString& video)
+// The file at `path` as the system knows it, whatever path reaches it (a link, "..", another
+// mount of a bind): its device and inode; the clean absolute path of a file that is not there.
+QString fileIdentity(const QString& path)
 {
-    MpegReader reader;
-    QMutexLocker lock(&ffmpegMutex);
-    if (!reader.open(QFile::encodeName(video).constData()))
-        return {};
-    const VideoInfo info = reader.info();
-    reader.close();
-    return info;
+    struct stat status {};
+    if (::stat(QFile::encodeName(path).constData(), &status) == 0)
+        return QStringLiteral("inode %1:%2").arg(status.st_dev).arg(status.st_ino);
+    return QStringLiteral("path ") + QDir::cleanPath(QFileInfo(path).absoluteFilePath());
 }
 
 QString sizeText(cv::Size size)
@@ -137,9 +140,13 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
     for (const QString& given : options.videos) {
         Item item;
         item.given = given;
-        item.manifest = ManifestInput::isManifest(given);
+        item.manifest = Manifest::namesManifest(given);
+        item.identities << fileIdentity(given);
         if (item.manifest) {
             const ManifestInput::Header header = ManifestInput::readHeader(given);
+            item.parameters = header.parameters;
+            if (!header.videoPath.isEmpty())
+                item.identities << fileIdentity(header.videoPath);
             item.error = header.error;
             item.size = cv::Size(header.width, header.height);
             item.video = header.videoPath;
@@ -148,11 +155,12 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.activity = header.activityPath;
             item.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
         } else {
-            const VideoInfo info = probe(given);
+            const VideoInfo info = MotionPass::probe(QFile::encodeName(given));
             item.size = cv::Size(info.width, info.height);
             item.creationTime = QString::fromStdString(info.creationTime);
             item.duration = info.duration;
             item.video = QFileInfo(given).absoluteFilePath();
+            item.parameters = Manifest::parameters(options, 0.0);
             item.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
             if (options.data)
                 item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
@@ -162,24 +170,65 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
     return items;
 }
 
-// The map's size: the first input's whose size is known.
-cv::Size sizeOf(const std::vector<Item>& items)
+// The input whose size and parameters every other must share: the first whose size is
+// known; null when none is.
+const Item* firstKnown(const std::vector<Item>& items)
 {
     for (const Item& item : items) {
         if (item.error.isEmpty() && !item.size.empty())
-            return item.size;
+            return &item;
     }
-    return {};
+    return nullptr;
 }
 
-std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const Outputs& outputs,
+// An earlier input still to be combined that is `item` again, the same file or the same video
+// under a manifest; null when there is none. `sameFile` tells which.
+const Item* earlierSameInput(const std::vector<Item>& items, const Item& item, bool* sameFile)
+{
+    for (const Item& earlier : items) {
+        if (&earlier == &item)
+            return nullptr;
+        if (!earlier.error.isEmpty())
+            continue;
+        for (const QString& identity : item.identities) {
+            if (earlier.identities.contains(identity)) {
+                *sameFile = earlier.identities.front() == item.identities.front();
+                return &earlier;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// Why `item` cannot be added to the combination of `first`; empty when it can.
+QString mismatchOf(const std::vector<Item>& items, const Item& item, const Item& first, const QString& name)
+{
+    if (item.size.empty())
+        return {};
+    if (item.size != first.size)
+        return tr("'%1' is %2, not %3 as the first input; left out of '%4'")
+            .arg(item.given, sizeText(item.size), sizeText(first.size), name);
+    bool sameFile = false;
+    if (const Item* earlier = earlierSameInput(items, item, &sameFile))
+        return tr("'%1' is the same input as '%2', given before it (%3); counted once, '%1' is left out of '%4'")
+            .arg(item.given, earlier->given, sameFile ? tr("the same file") : tr("the same video"), name);
+    const QStringList differences = Manifest::parameterDifferences(item.parameters, first.parameters);
+    if (differences.isEmpty())
+        return {};
+    const QString text = item.manifest ? tr("'%1' was analysed with other parameters than the first input '%2' (%3); "
+                                            "left out of '%4'")
+                                       : tr("'%1' would be analysed with other parameters than the first input '%2' "
+                                            "(%3); left out of '%4'");
+    return text.arg(item.given, first.given, differences.join(QStringLiteral("; ")), name);
+}
+
+std::vector<PlannedInput> planOf(std::vector<Item>& items, const Item* first, const Outputs& outputs,
                                  const QString& name)
 {
     std::vector<PlannedInput> planned;
     for (Item& item : items) {
-        if (item.error.isEmpty() && !item.size.empty() && item.size != size)
-            item.error = tr("'%1' is %2, not %3 as the first input; left out of '%4'")
-                             .arg(item.given, sizeText(item.size), sizeText(size), name);
+        if (item.error.isEmpty() && first)
+            item.error = mismatchOf(items, item, *first, name);
         PlannedInput input;
         input.video = item.given;
         input.mapPath = outputs.map;
@@ -189,6 +238,27 @@ std::vector<PlannedInput> planOf(std::vector<Item>& items, cv::Size size, const 
         planned.push_back(input);
     }
     return planned;
+}
+
+// The options of the run that only the videos it analyses follow, said once when manifests,
+// which keep the parameters they were analysed with, are among the inputs.
+QString noticeForManifests(const MapToolOptions& options, const std::vector<Item>& items)
+{
+    if (std::none_of(items.begin(), items.end(), [](const Item& item) { return item.manifest; }))
+        return {};
+    QStringList given;
+    if (!options.maskPath.isEmpty())
+        given << QStringLiteral("--mask");
+    if (options.hasStart)
+        given << QStringLiteral("--start");
+    if (options.hasEnd)
+        given << QStringLiteral("--end");
+    if (!options.blur)
+        given << QStringLiteral("--no-blur");
+    if (given.isEmpty())
+        return {};
+    return tr("%1: not applied to the manifest inputs, which keep the parameters they were analysed with")
+        .arg(given.join(QStringLiteral(", ")));
 }
 
 // The seconds of analysed video an input adds to a time line of inputs back to back: from
@@ -240,6 +310,24 @@ void placeOnTimeLine(std::vector<Item>& items, std::vector<PlannedInput>& planne
             unknownLength = &items[i];
         lineEnd += windowedLength(items[i].duration, options);
     }
+}
+
+// Why the slices of the line cannot all be written, as far as the lengths the containers
+// record tell before the analysis; empty when they can.
+QString sliceClashOf(const std::vector<Item>& items, const std::vector<PlannedInput>& planned,
+                     const MapToolOptions& options, const Outputs& outputs)
+{
+    std::vector<SliceSet::Span> spans;
+    QString lineClock;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (!planned[i].error.isEmpty() || items[i].manifest || items[i].duration < 0.0)
+            continue;
+        // The pairs' times run through the window, shifted onto the line.
+        const double offset = planned[i].sliceOffset;
+        spans.push_back({offset + options.start, offset + std::min(items[i].duration, options.end)});
+        lineClock = planned[i].sliceLineClock;
+    }
+    return SliceSet::clashBefore(options, outputs.slicePattern, lineClock, spans, tr("nothing is combined"));
 }
 
 double scaleOf(const MapToolOptions& options, const cv::Mat& sum)
@@ -312,20 +400,14 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
         if (!item.combined)
             continue;
         // Manifests bring the masks their videos were analysed with.
-        if (!item.mask.isEmpty() && !masks.contains(item.mask))
-            masks << item.mask;
+        masks << item.mask;
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
-    Legend::Content content;
-    content.name = options.combineName;
-    content.timeSpan = Legend::combinedTimeSpan(creationTimes, seconds);
-    content.scale = scale;
-    content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = masks.join(QStringLiteral(", "));
-    return Legend::render(map, content);
+    return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
+                                                 scale, footageKnown ? footage : 0.0, masks));
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.
@@ -334,8 +416,8 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
-        if (!options.overwrite && OutputPlan::existsOrDangles(path))
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+        if (!options.overwrite && OutputFile::existsOrDangles(path))
+            return OutputFile::notReplacedError(path);
     }
     if (!outputs.map.isEmpty()) {
         const QImage image = MotionMap::render(map.sum(), map.background(), scale);
@@ -495,14 +577,11 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
     double largest = 0.0;
     cv::minMaxLoc(m_map.sum(), nullptr, &largest);
     const double pixels = static_cast<double>(m_map.sum().total());
-    card.figures = {
-        {tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
-                                    : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
-        {tr("Footage"), ReportPage::clockText(footage)},
-        {tr("Events"), QString::number(cv::sum(m_map.sum())[0], 'f', 0)},
-        {tr("Most at a pixel"), QString::number(largest, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(cv::countNonZero(m_map.sum()) / pixels)},
-    };
+    card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
+                                                     : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},
+                         ReportPage::footageFigure(footage)});
     return card;
 }
 
@@ -526,10 +605,20 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         return MapRun::kExitFailure;
     }
     std::vector<Item> items = itemsOf(options, tables.path());
-    const cv::Size size = sizeOf(items);
-    std::vector<PlannedInput> planned = planOf(items, size, outputs, options.combineName);
-    if (options.sliceSeconds > 0.0)
+    const QString notice = noticeForManifests(options, items);
+    if (!notice.isEmpty())
+        output.error(notice);
+    const Item* first = firstKnown(items);
+    const cv::Size size = first ? first->size : cv::Size();
+    std::vector<PlannedInput> planned = planOf(items, first, outputs, options.combineName);
+    if (options.sliceSeconds > 0.0) {
         placeOnTimeLine(items, planned, options);
+        const QString clash = sliceClashOf(items, planned, options, outputs);
+        if (!clash.isEmpty()) {
+            output.error(clash);
+            return MapRun::kExitFailure;
+        }
+    }
     if (size.empty()) {
         for (const PlannedInput& input : planned)
             output.error(input.error.isEmpty() ? tr("Can't open video file '%1'").arg(input.video) : input.error);

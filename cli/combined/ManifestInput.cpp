@@ -15,6 +15,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <limits>
 #include <memory>
 
 namespace {
@@ -44,9 +45,7 @@ Parsed parse(const QString& path)
     const int version = root["format_version"].toInt(0);
     if (version > Manifest::kFormatVersion)
         return {{}, tr("Manifest '%1' has format version %2; this tremora-map reads up to %3")
-                        .arg(path)
-                        .arg(version)
-                        .arg(Manifest::kFormatVersion)};
+                        .arg(path, QString::number(version), QString::number(Manifest::kFormatVersion))};
     if (version < 1)
         return {{}, tr("Manifest '%1' has no format version").arg(path)};
     const QString status = root["outcome"].toObject()["status"].toString();
@@ -77,6 +76,7 @@ QString besideManifest(const QString& manifest, const QString& name)
 // of a 1080p video is megabytes, and a merge reads hundreds of them.
 struct CheckedFile {
     std::unique_ptr<QFile> file;
+    QString path;
     QByteArray bytes;  // a view of the mapping, valid while `file` is open
 };
 
@@ -84,6 +84,7 @@ struct CheckedFile {
 QString readChecked(const QString& manifest, const QJsonObject& recorded, CheckedFile* checked)
 {
     const QString path = besideManifest(manifest, recorded["name"].toString());
+    checked->path = path;
     checked->file = std::make_unique<QFile>(path);
     QFile& file = *checked->file;
     if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
@@ -102,14 +103,30 @@ QString readChecked(const QString& manifest, const QJsonObject& recorded, Checke
     return {};
 }
 
+// Whether a video could have this size: FFmpeg refuses any picture whose (width + 128) x
+// (height + 128) pixels at 8 bytes each reach 2 GiB. The size a manifest records decides the
+// memory of every picture read for it and of the sums, so it is held to what was decodable.
+bool decodableSize(int width, int height)
+{
+    constexpr qint64 kLargestPadded = std::numeric_limits<int>::max() / 8;
+    return width > 0 && height > 0 && (qint64(width) + 128) * (qint64(height) + 128) < kLargestPadded;
+}
+
+// Whether the picture `reader` is about to decode has the size its manifest records, from its
+// header alone; the error naming both sizes otherwise.
+QString checkPictureSize(const QString& manifest, const CheckedFile& picture, QImageReader& reader, QSize recorded)
+{
+    const QSize declared = reader.size();
+    if (declared == recorded && !recorded.isEmpty())
+        return {};
+    return tr("Manifest '%1' records %2x%3, but its picture '%4' declares %5x%6; not decoded")
+        .arg(manifest, QString::number(recorded.width()), QString::number(recorded.height()), picture.path,
+             QString::number(declared.width()), QString::number(declared.height()));
+}
+
 } // namespace
 
 namespace ManifestInput {
-
-bool isManifest(const QString& path)
-{
-    return path.endsWith(QLatin1String(".json"), Qt::CaseInsensitive);
-}
 
 Header readHeader(const QString& path)
 {
@@ -124,8 +141,14 @@ Header readHeader(const QString& path)
     header.videoPath = parsed.root["input"].toObject()["path"].toString();
     header.width = video["width"].toInt();
     header.height = video["height"].toInt();
+    if (!decodableSize(header.width, header.height)) {
+        header.error = tr("Manifest '%1' records a picture of %2x%3, which no video has")
+                           .arg(path, QString::number(header.width), QString::number(header.height));
+        return header;
+    }
     header.creationTime = video["creation_time"].toString();
-    header.maskPath = parsed.root["parameters"].toObject()["mask"].toString();
+    header.parameters = parsed.root["parameters"].toObject();
+    header.maskPath = header.parameters["mask"].toString();
     const double frameRate = video["frame_rate"].toDouble(0.0);
     if (frameRate > 0.0)
         header.footageSeconds = parsed.root["pairs_analysed"].toDouble(0.0) / frameRate;
@@ -159,12 +182,21 @@ QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* bac
         error = readChecked(path, activity, &activityFile);
     if (!error.isEmpty())
         return error;
+    const QJsonObject video = parsed.root["video"].toObject();
+    const QSize recorded(video["width"].toInt(), video["height"].toInt());
     QBuffer eventsBuffer(&eventsFile.bytes);
-    QImageReader reader(&eventsBuffer, "PNG");
-    if (!reader.read(&storage) || storage.format() != QImage::Format_Grayscale16)
+    QImageReader eventsReader(&eventsBuffer, "PNG");
+    QBuffer backgroundBuffer(&backgroundFile.bytes);
+    QImageReader backgroundReader(&backgroundBuffer, "PNG");
+    error = checkPictureSize(path, eventsFile, eventsReader, recorded);
+    if (error.isEmpty())
+        error = checkPictureSize(path, backgroundFile, backgroundReader, recorded);
+    if (!error.isEmpty())
+        return error;
+    if (!eventsReader.read(&storage) || storage.format() != QImage::Format_Grayscale16)
         return tr("The files of manifest '%1' are not its counts and background").arg(path);
     if (background) {
-        const QImage backgroundImage = QImage::fromData(backgroundFile.bytes, "PNG");
+        const QImage backgroundImage = backgroundReader.read();
         if (backgroundImage.size() != storage.size())
             return tr("The files of manifest '%1' are not its counts and background").arg(path);
         *background = MapImages::matrixOf(backgroundImage, QImage::Format_RGB888, CV_8UC3);

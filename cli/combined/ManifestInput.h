@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QImage>
+#include <QJsonObject>
 #include <QString>
 
 #include <opencv2/core/mat.hpp>
@@ -11,10 +12,6 @@
 // of reading files.
 namespace ManifestInput {
 
-// True for an input that is to be read as a manifest rather than decoded: its name ends
-// in ".json" (any case).
-bool isManifest(const QString& path);
-
 // What the manifest says, read and checked without touching the files it names.
 struct Header {
     QString manifestPath;   // as given
@@ -24,6 +21,7 @@ struct Header {
     QString creationTime;   // as the container records it; empty when it has none
     double footageSeconds = -1.0;  // pairs analysed at the frame rate; -1 when unknown
     QString maskPath;       // the mask the video was analysed with; empty when none
+    QJsonObject parameters; // the analysis's parameters, as recorded
     QString eventsPath;     // absolute; the files lie beside the manifest
     QString backgroundPath;
     QString activityPath;   // empty when the manifest names no activity table
@@ -36,7 +34,9 @@ Header readHeader(const QString& path);
 
 // The manifest's exact counts (16-bit, 1 channel) and, when `background` is not null, its
 // background (8-bit, 3 channels R,G,B), after checking every file the manifest names against
-// its recorded size and SHA-256. Leaving the background out saves decoding the largest file
+// its recorded size and SHA-256, and the pictures' sizes, read from their headers, against the
+// width and height the manifest records before they are decoded: a picture's header can ask
+// for gigabytes that its few compressed bytes never fill. Leaving the background out saves decoding the largest file
 // where it is not needed. The error, empty on success; a file that is missing or does not
 // match leaves both empty. `events` is a view of `storage`, which a caller reading many
 // manifests passes again each time, so that pictures of one size are decoded into the same

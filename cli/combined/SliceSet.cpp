@@ -4,9 +4,11 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "MapImages.h"
-#include "OutputPlan.h"
 #include "MapScale.h"
 #include "MotionMap.h"
+#include "MotionPass.h"
+#include "OutputFile.h"
+#include "OutputPlan.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
 namespace {
 
@@ -26,10 +29,10 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-// The pattern of a slice's other files: "clip.slice-%1.png" -> "clip.slice-%1.legend.png".
-QString companionPattern(const QString& mapPattern, const QString& suffix)
+// A slice's other files: "clip.slice-%1.png" -> "clip.slice-00h01m00s.legend.png".
+QString companionPath(const QString& mapPattern, const QString& suffix, const QString& label)
 {
-    return mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix;
+    return OutputPlan::slicePath(mapPattern.left(mapPattern.lastIndexOf(QLatin1Char('.'))) + suffix, label);
 }
 
 // "HHhMMmSSs": `seconds` from the time line's start, or the clock time (UTC) then when the
@@ -168,35 +171,65 @@ QString SliceSet::labelOf(const Series& series, int slice) const
 
 // Every name is checked before the first is written, so that a series is written whole or
 // not at all.
-QString SliceSet::checkNames(const Series& series, const std::vector<int>& slices) const
+QString SliceSet::namesError(const Settings& settings, const QString& pattern, const QString& lineClock,
+                             const std::vector<int>& slices, bool planning, const QString& subject)
 {
+    const QDateTime clock = CombinedActivity::readCreationTime(lineClock);
     QSet<QString> labels;
     for (const int slice : slices) {
-        const QString label = labelOf(series, slice);
+        const QString label = ::labelOf(slice * settings.sliceSeconds, clock);
         // Slices named by their clock time a whole day apart share a name: the later one must
         // not replace the earlier, --overwrite or not, which is about files of earlier runs.
+        if (labels.contains(label) && planning)
+            return tr("Two slices would both be saved as '%1' (a day apart); %2")
+                .arg(OutputPlan::slicePath(pattern, label), subject);
         if (labels.contains(label))
             return tr("Two slices would both be saved as '%1' (a day apart); none written")
-                .arg(series.pattern.arg(label));
+                .arg(OutputPlan::slicePath(pattern, label));
         labels.insert(label);
-        QStringList paths{series.pattern.arg(label)};
-        if (m_settings.legends)
-            paths << companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label);
-        if (m_settings.events)
-            paths << companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+        QStringList paths{OutputPlan::slicePath(pattern, label)};
+        if (settings.legends)
+            paths << companionPath(pattern, QStringLiteral(".legend.png"), label);
+        if (settings.events)
+            paths << companionPath(pattern, QStringLiteral(".events.png"), label);
         for (const QString& path : paths) {
-            if (!m_settings.overwrite && OutputPlan::existsOrDangles(path))
-                return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
+            if (settings.overwrite || !OutputFile::existsOrDangles(path))
+                continue;
+            if (planning)
+                return tr("File '%1' exists; %2 (--overwrite replaces it)").arg(path, subject);
+            return OutputFile::notReplacedError(path);
         }
     }
     return {};
+}
+
+QString SliceSet::clashBefore(const MapToolOptions& options, const QString& pattern, const QString& lineClock,
+                              const std::vector<Span>& spans, const QString& subject)
+{
+    Settings settings;
+    settings.sliceSeconds = options.sliceSeconds;
+    settings.legends = options.legend;
+    settings.events = options.data;
+    settings.overwrite = options.overwrite;
+    std::set<int> slices;
+    for (const Span& span : spans) {
+        // A line no slice number holds fails its pass instead; an empty span has no pair.
+        if (!(std::abs(span.from) < MotionPass::kLatestTime) || !(std::abs(span.to) < MotionPass::kLatestTime)
+            || !(span.to > span.from))
+            continue;
+        const double first = std::max(std::floor(span.from / settings.sliceSeconds), 0.0);
+        const double last = std::max(std::ceil(span.to / settings.sliceSeconds) - 1.0, first);
+        for (double slice = first; slice <= last && slices.size() < kSlicesLookedAt; ++slice)
+            slices.insert(static_cast<int>(slice));
+    }
+    return namesError(settings, pattern, lineClock, std::vector<int>(slices.begin(), slices.end()), true, subject);
 }
 
 QString SliceSet::writeSeries(int index, double scale, QStringList& written, std::vector<Written>* slices) const
 {
     const Series& series = m_series[static_cast<size_t>(index)];
     const std::vector<int> toWrite = writtenSlices(series);
-    const QString error = checkNames(series, toWrite);
+    const QString error = namesError(m_settings, series.pattern, series.lineClock, toWrite, false, {});
     if (!error.isEmpty())
         return error;
     for (const int slice : toWrite) {
@@ -241,7 +274,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     const cv::Mat background = MapImages::matrixOf(QImage(source.background), QImage::Format_RGB888, CV_8UC3);
     const QImage map = MotionMap::render(sum, background, scale);
     const QString label = labelOf(series, slice);
-    const QString mapPath = series.pattern.arg(label);
+    const QString mapPath = OutputPlan::slicePath(series.pattern, label);
     if (!Utils::saveImage(map, mapPath))
         return tr("Can't save image file '%1'").arg(mapPath);
     written << mapPath;
@@ -270,15 +303,11 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
     outcome.footageSeconds = footageKnown ? footage : -1.0;
     if (m_settings.legends || m_settings.reportLegends) {
-        Legend::Content content;
-        content.name = series.name;
-        content.timeSpan = Legend::timeSpan(series.lineClock, start,
-                                            std::clamp(end - start, 0.0, m_settings.sliceSeconds));
-        content.scale = scale;
-        content.footageHours = footageKnown && footage > 0.0 ? footage / 3600.0 : 0.0;
-        content.mask = m_settings.maskName;
+        const Legend::Content content = Legend::contentOf(
+            series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),
+            scale, footageKnown ? footage : 0.0, {m_settings.maskName});
         const QString path = m_settings.legends
-            ? companionPattern(series.pattern, QStringLiteral(".legend.png")).arg(label)
+            ? companionPath(series.pattern, QStringLiteral(".legend.png"), label)
             : tempFile();
         if (!Utils::saveImage(Legend::render(map, content), path))
             return tr("Can't save image file '%1'").arg(path);
@@ -289,7 +318,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     if (m_settings.events) {
         cv::Mat events;
         sum.convertTo(events, CV_16UC1); // saturates at 65535, as a single video's does
-        const QString path = companionPattern(series.pattern, QStringLiteral(".events.png")).arg(label);
+        const QString path = companionPath(series.pattern, QStringLiteral(".events.png"), label);
         if (!Utils::saveImage(MapImages::eventsImage(events), path))
             return tr("Can't save image file '%1'").arg(path);
         written << path;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MapToolOptions.h"
+
 #include <QMutex>
 #include <QString>
 #include <QStringList>
@@ -49,6 +51,24 @@ public:
 
     explicit SliceSet(const Settings& settings);
 
+    // A stretch of a series' time line, in seconds, where an input's pairs will lie.
+    struct Span {
+        double from = 0.0;
+        double to = 0.0;
+    };
+
+    // Before any analysis, from the lengths the containers record: why a series of the run of
+    // `options` named by `pattern`, whose pairs will lie in `spans` on a time line starting at
+    // clock time `lineClock` (as addSource() takes it), could not be written whole: two of its
+    // slices a day apart would share a name, or a file of one exists (without --overwrite).
+    // Only the first kSlicesLookedAt slices are looked at: enough to find any clash of clock
+    // times, and the rest are checked again as they are written. `subject` says what follows
+    // ("'clip.mkv' is not analysed"). Empty when nothing stands in the way. Reads the file
+    // system only. Reentrant.
+    static QString clashBefore(const MapToolOptions& options, const QString& pattern, const QString& lineClock,
+                               const std::vector<Span>& spans, const QString& subject);
+    static constexpr int kSlicesLookedAt = 86401;
+
     // Why no slice can be kept (no temporary folder); empty when they can.
     QString error() const;
 
@@ -96,7 +116,10 @@ private:
     };
 
     cv::Mat sumOf(const std::vector<Piece>& pieces, QString& error) const;
-    QString checkNames(const Series& series, const std::vector<int>& slices) const;
+    // Why `slices` of a series cannot all be written; while `planning`, before any analysis,
+    // the text ends with `subject` (what is not done because of it).
+    static QString namesError(const Settings& settings, const QString& pattern, const QString& lineClock,
+                              const std::vector<int>& slices, bool planning, const QString& subject);
     QString writeSeries(int index, double scale, QStringList& written, std::vector<Written>* slices) const;
     QString writeSlice(const Series& series, int slice, const std::vector<Piece>& pieces, double scale,
                        QStringList& written, Written& outcome) const;

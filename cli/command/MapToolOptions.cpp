@@ -1,12 +1,14 @@
 #include "MapToolOptions.h"
 
-#include "ManifestInput.h"
+#include "Manifest.h"
 
 #include "Version.h"
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <cmath>
@@ -129,6 +131,33 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     return {};
 }
 
+// A path as two spellings of one folder share it: absolute, clean, links resolved as far as
+// the folders exist.
+QString folderIdentity(const QString& path)
+{
+    const QString clean = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    const QString canonical = QFileInfo(clean).canonicalFilePath();
+    if (!canonical.isEmpty())
+        return canonical;
+    const QFileInfo info(clean);
+    const QString parent = QFileInfo(info.absolutePath()).canonicalFilePath();
+    return parent.isEmpty() ? clean : QDir(parent).filePath(info.fileName());
+}
+
+// A report takes its folder's place when it is done: the maps' folder, or one inside the
+// report's, would be replaced with everything written there.
+QString checkReportBesideMaps(const MapToolOptions& options)
+{
+    if (options.reportDir.isEmpty() || options.outputDir.isEmpty())
+        return {};
+    const QString report = folderIdentity(options.reportDir);
+    const QString maps = folderIdentity(options.outputDir);
+    if (maps != report && !maps.startsWith(report + QLatin1Char('/')))
+        return {};
+    return tr("--report '%1' would replace the folder the maps go to ('%2'); give the report a folder of its own.")
+        .arg(options.reportDir, options.outputDir);
+}
+
 // A manifest holds a video's counts as a whole, not when they happened, so it cannot be cut
 // into slices.
 QString checkSlicedInputs(const MapToolOptions& options)
@@ -136,7 +165,7 @@ QString checkSlicedInputs(const MapToolOptions& options)
     if (options.sliceSeconds <= 0.0)
         return {};
     for (const QString& input : options.videos) {
-        if (ManifestInput::isManifest(input))
+        if (Manifest::namesManifest(input))
             return tr("--slice needs the videos: '%1' is a manifest, whose counts do not say when they happened.")
                 .arg(input);
     }
@@ -181,6 +210,9 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
         && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
         return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
                               .arg(parser.value(o.scale)));
+    const QString besideError = checkReportBesideMaps(options);
+    if (!besideError.isEmpty())
+        return usageError(besideError);
     const QString combineError = readCombine(parser, o, options);
     if (!combineError.isEmpty())
         return usageError(combineError);
@@ -310,7 +342,8 @@ Options:
                         the manifest NAME.json.
       --mask FILE       Analyse only the light parts of the picture FILE;
                         its dark parts (luma below 128) are ignored. Scaled to
-                        each video's size when it differs.
+                        each video's size when it differs. At most 16384
+                        pixels on a side.
       --start T         Analyse from time T on (seconds, or [hh:]mm:ss[.fff]),
                         seeking to the key frame before it.
       --end T           Analyse up to time T.
@@ -330,7 +363,12 @@ Options:
                         exact counts summed, over the background of the first
                         input. Inputs may also be manifests written by --data
                         (NAME.json), taken from their files without decoding.
-                        Inputs of another size than the first are left out.
+                        Inputs of another size than the first are left out,
+                        and so are manifests analysed with other parameters
+                        than the first input, and an input given again (the
+                        same file by another path, or a video and its
+                        manifest): it counts once. --mask, --start, --end and
+                        --no-blur apply to the videos only.
                         With --data, also NAME.events.png, NAME.activity.csv
                         (with a file column) and the manifest NAME.json.
       --legend          Also write NAME.legend.png: the map with a strip below
@@ -383,10 +421,12 @@ Exit status:
          Can't open video file '...'
        or one of its files could not be written
          Can't save image file '...'
-       or one of its files exists, or an earlier input writes the same file.
+       or one of its files exists, or an earlier input writes the same file,
+       or it is a manifest without --combine, or --combine left it out.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
-       --start after --end, a mask that cannot be read, --scale 0 or
+       --start after --end, a mask that cannot be read or is larger
+       than 16384 pixels on a side, --scale 0 or
        below, a --combine name with a folder, --slice 0 or malformed),
        no VIDEO. Nothing
        is analysed.

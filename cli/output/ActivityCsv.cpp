@@ -1,17 +1,6 @@
 #include "ActivityCsv.h"
 
-#include <QCoreApplication>
-#include <QFileInfo>
-
-
-namespace {
-
-QString tr(const char* text)
-{
-    return QCoreApplication::translate("MapTool", text);
-}
-
-} // namespace
+#include "OutputFile.h"
 
 ActivityCsv::ActivityCsv(const QString& path)
     : m_path(path)
@@ -36,17 +25,15 @@ void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
     row += '\n';
     if (m_file.isOpen())
         m_file.write(row);
-    m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
 }
 
 QString ActivityCsv::commit(bool overwrite)
 {
-    const QFileInfo target(m_path);
-    if (!overwrite && (target.exists() || target.isSymLink())) {
+    if (!overwrite && OutputFile::existsOrDangles(m_path)) {
         m_file.cancelWriting();
-        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(m_path);
+        return OutputFile::notReplacedError(m_path);
     }
     if (!m_file.isOpen() || !m_file.commit())
-        return tr("Can't save file '%1'").arg(m_path);
+        return OutputFile::saveError(m_path);
     return {};
 }

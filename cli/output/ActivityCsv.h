@@ -5,8 +5,6 @@
 #include <QSaveFile>
 #include <QString>
 
-#include <cstdint>
-
 // NAME.activity.csv of one video: a header, then one row per analysed frame pair,
 // "pair,time_s,moving_pixels,new_events", written as the pass counts them, so that the rows
 // of a ten-hour video never sit in memory. The rows go to a temporary file beside the target,
@@ -26,11 +24,7 @@ public:
     // empty when the file is in place.
     QString commit(bool overwrite);
 
-    // Pairs in which at least one pixel moved, of those added.
-    std::int64_t pairsWithMotion() const { return m_pairsWithMotion; }
-
 private:
     QString m_path;
     QSaveFile m_file;
-    std::int64_t m_pairsWithMotion = 0;
 };

@@ -1,6 +1,7 @@
 #include "Manifest.h"
 
 #include "MotionCounter.h"
+#include "OutputFile.h"
 #include "Version.h"
 
 #include <QCoreApplication>
@@ -10,7 +11,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <opencv2/core.hpp>
 
@@ -75,45 +75,6 @@ QJsonObject videoOf(const VideoInfo& info)
     };
 }
 
-QJsonObject parametersOf(const MapToolOptions& options, double mapScale)
-{
-    QJsonObject parameters{
-        {"blur", options.blur},
-        {"threshold", options.blur ? MotionCounter::kThresholdBlurred : MotionCounter::kThresholdSharp},
-        {"new_event_gap_pairs", MotionCounter::kNewEventGap},
-        {"learning_pairs", MotionPass::kLearningPairs},
-        {"mask", options.maskPath.isEmpty() ? QJsonValue() : QJsonValue(QFileInfo(options.maskPath).absoluteFilePath())},
-        {"window",
-         QJsonObject{
-             {"start_s", options.hasStart ? QJsonValue(options.start) : QJsonValue()},
-             {"end_s", options.hasEnd ? QJsonValue(options.end) : QJsonValue()},
-         }},
-    };
-    // Only where asked for, so that a manifest without --scale stays as it was.
-    // An automatic scale is known only once the counts are: null for a pass that did not end.
-    if (options.scaleGiven) {
-        const double top = mapScale > 0.0 ? mapScale : options.scaleAuto ? 0.0 : options.scale;
-        parameters.insert("scale", QJsonObject{{"events_at_top", top > 0.0 ? QJsonValue(top) : QJsonValue()},
-                                               {"auto", options.scaleAuto}});
-    }
-    return parameters;
-}
-
-QString roleOf(const PlannedInput& input, const QString& path)
-{
-    if (path == input.mapPath)
-        return QStringLiteral("map");
-    if (path == input.legendPath)
-        return QStringLiteral("legend");
-    if (path == input.countsPath)
-        return QStringLiteral("counts");
-    if (path == input.eventsPath)
-        return QStringLiteral("events");
-    if (path == input.backgroundPath)
-        return QStringLiteral("background");
-    return QStringLiteral("activity");
-}
-
 QString sha256Of(const QString& path)
 {
     QFile file(path);
@@ -125,11 +86,11 @@ QString sha256Of(const QString& path)
 
 // Named relative to the manifest, which lies beside them, so that a folder of results can be
 // moved as a whole.
-QJsonArray filesOf(const PlannedInput& input, const QStringList& written)
+QJsonArray filesOf(const std::vector<Manifest::WrittenFile>& written)
 {
     QJsonArray files;
-    for (const QString& path : written)
-        files.append(Manifest::fileRecord(roleOf(input, path), path));
+    for (const Manifest::WrittenFile& file : written)
+        files.append(Manifest::fileRecord(file.role, file.path));
     return files;
 }
 
@@ -152,9 +113,79 @@ QJsonObject summaryOf(const MotionPassFacts& facts, std::int64_t pairsWithMotion
     };
 }
 
+// A parameter's value as JSON writes it ("true", "2.5", "\"/masks/a.png\""), "none" for null.
+QString valueText(const QJsonValue& value)
+{
+    if (value.isNull() || value.isUndefined())
+        return tr("none");
+    const QByteArray json = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(json.mid(1, json.size() - 2));
+}
+
+// Walks both objects' keys, so that a parameter only one of them records (an option added
+// after the other was written) counts as "none" there rather than being passed over.
+void addDifferences(const QString& prefix, const QJsonObject& recorded, const QJsonObject& reference,
+                    QStringList* differences)
+{
+    QStringList keys = recorded.keys() + reference.keys();
+    keys.removeDuplicates();
+    keys.sort();
+    for (const QString& key : keys) {
+        // The colour scale draws a map from the counts; it changes no count.
+        if (prefix.isEmpty() && key == QLatin1String("scale"))
+            continue;
+        const QJsonValue value = recorded.value(key);
+        const QJsonValue expected = reference.value(key);
+        const QString name = prefix.isEmpty() ? key : prefix + QLatin1Char('.') + key;
+        if (value.isObject() && expected.isObject()) {
+            addDifferences(name, value.toObject(), expected.toObject(), differences);
+            continue;
+        }
+        const bool bothNone = (value.isNull() || value.isUndefined()) && (expected.isNull() || expected.isUndefined());
+        if (!bothNone && value != expected)
+            *differences << tr("%1 %2, not %3").arg(name, valueText(value), valueText(expected));
+    }
+}
+
 } // namespace
 
 namespace Manifest {
+
+bool namesManifest(const QString& path)
+{
+    return path.endsWith(QLatin1String(".json"), Qt::CaseInsensitive);
+}
+
+QJsonObject parameters(const MapToolOptions& options, double mapScale)
+{
+    QJsonObject recorded{
+        {"blur", options.blur},
+        {"threshold", options.blur ? MotionCounter::kThresholdBlurred : MotionCounter::kThresholdSharp},
+        {"new_event_gap_pairs", MotionCounter::kNewEventGap},
+        {"learning_pairs", MotionPass::kLearningPairs},
+        {"mask", options.maskPath.isEmpty() ? QJsonValue() : QJsonValue(QFileInfo(options.maskPath).absoluteFilePath())},
+        {"window",
+         QJsonObject{
+             {"start_s", options.hasStart ? QJsonValue(options.start) : QJsonValue()},
+             {"end_s", options.hasEnd ? QJsonValue(options.end) : QJsonValue()},
+         }},
+    };
+    // Only where asked for, so that a manifest without --scale stays as it was.
+    // An automatic scale is known only once the counts are: null for a pass that did not end.
+    if (options.scaleGiven) {
+        const double top = mapScale > 0.0 ? mapScale : options.scaleAuto ? 0.0 : options.scale;
+        recorded.insert("scale", QJsonObject{{"events_at_top", top > 0.0 ? QJsonValue(top) : QJsonValue()},
+                                             {"auto", options.scaleAuto}});
+    }
+    return recorded;
+}
+
+QStringList parameterDifferences(const QJsonObject& recorded, const QJsonObject& reference)
+{
+    QStringList differences;
+    addDifferences(QString(), recorded, reference, &differences);
+    return differences;
+}
 
 QJsonObject fileRecord(const QString& role, const QString& path)
 {
@@ -182,23 +213,16 @@ QJsonObject build(const Content& content)
         {"video", videoOf(facts.video)},
         {"frames_decoded", static_cast<double>(facts.framesDecoded)},
         {"pairs_analysed", facts.pairsAnalysed},
-        {"parameters", parametersOf(*content.options, content.mapScale)},
+        {"parameters", parameters(*content.options, content.mapScale)},
         {"outcome", outcome},
-        {"files", filesOf(*content.input, content.written)},
+        {"files", filesOf(content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},
     };
 }
 
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite)
 {
-    const QFileInfo target(path);
-    if (!overwrite && (target.exists() || target.isSymLink()))
-        return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(manifest).toJson(QJsonDocument::Indented)) < 0
-        || !file.commit())
-        return tr("Can't save file '%1'").arg(path);
-    return {};
+    return OutputFile::write(path, QJsonDocument(manifest).toJson(QJsonDocument::Indented), overwrite);
 }
 
 bool recordsCanceledAnalysis(const QString& path)

@@ -6,9 +6,9 @@
 
 #include <QJsonObject>
 #include <QString>
-#include <QStringList>
 
 #include <cstdint>
+#include <vector>
 
 // NAME.json: what another program needs to rely on the files of one video written with
 // --data: the input, the video, the parameters, the outcome, the files with their sizes and
@@ -22,16 +22,36 @@ constexpr char kFormatName[] = "tremora-map data";
 
 enum class Outcome { Done, Failed, Canceled };
 
+// A file of the input that is in place, and the role the manifest gives it ("map", "legend").
+struct WrittenFile {
+    QString role;
+    QString path;
+};
+
 struct Content {
     const PlannedInput* input = nullptr;
     const MapToolOptions* options = nullptr;
     const MotionPassFacts* facts = nullptr;
     Outcome outcome = Outcome::Done;
     QString error;            // with Outcome::Failed
-    QStringList written;      // the files of this input that are in place, in the order written
+    std::vector<WrittenFile> written; // the files of this input in place, in the order written
     std::int64_t pairsWithMotion = 0;
     double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
 };
+
+// True for an input that is a manifest rather than a video: its name ends in ".json" (any
+// case). Reentrant.
+bool namesManifest(const QString& path);
+
+// The analysis parameters a run with `options` records under "parameters": those that decide
+// the counts (blur, threshold, gap, learning pairs, mask, window) and, with --scale, the scale
+// the map was drawn with (`mapScale`, 0 when not known). Reentrant.
+QJsonObject parameters(const MapToolOptions& options, double mapScale);
+
+// Every parameter that decides the counts and differs between two "parameters" objects, one
+// line each ("blur false, not true", nested ones as "window.start_s"); the scale, which only
+// draws the map, is not compared. A parameter one object lacks counts as none. Reentrant.
+QStringList parameterDifferences(const QJsonObject& recorded, const QJsonObject& reference);
 
 // The manifest as JSON. Reads the input video's and the written files' attributes, and the
 // written files themselves for their checksums. Reentrant.

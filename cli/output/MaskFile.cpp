@@ -29,6 +29,14 @@ cv::Mat load(const QString& path, QString* error)
         return {};
     }
     QImageReader reader(path);
+    // From the header alone: a few compressed bytes can declare a picture of gigabytes.
+    const QSize declared = reader.size();
+    if (declared.width() > kLargestSide || declared.height() > kLargestSide) {
+        *error = tr("Mask '%1' is %2x%3: larger than %4 pixels on a side.")
+                     .arg(path, QString::number(declared.width()), QString::number(declared.height()),
+                          QString::number(kLargestSide));
+        return {};
+    }
     const QImage picture = reader.read();
     if (picture.isNull()) {
         *error = tr("Can't read mask '%1': %2.").arg(path, reader.errorString());

@@ -1,11 +1,17 @@
 #include "OutputPlan.h"
 
 #include "Manifest.h"
+#include "MotionPass.h"
+#include "OutputFile.h"
+#include "SliceSet.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHash>
+
+#include <algorithm>
 
 namespace {
 
@@ -94,7 +100,7 @@ private:
 QString existingOutputOf(PlannedInput& input)
 {
     for (const QString& path : input.outputs()) {
-        if (!OutputPlan::existsOrDangles(path))
+        if (!OutputFile::existsOrDangles(path))
             continue;
         if (path == input.manifestPath && QFileInfo(path).isFile() && Manifest::recordsCanceledAnalysis(path)) {
             input.replacesCanceledManifest = true;
@@ -103,6 +109,19 @@ QString existingOutputOf(PlannedInput& input)
         return path;
     }
     return {};
+}
+
+// With --slice: why the slices of `input` cannot all be written, as far as the length its
+// container records tells before the analysis; empty when they can, or when it records none.
+QString sliceClashOf(const PlannedInput& input, const MapToolOptions& options)
+{
+    const VideoInfo info = MotionPass::probe(QFile::encodeName(input.video));
+    if (info.duration < 0.0)
+        return {};
+    // The pairs lie in the time window, on the video's own line.
+    return SliceSet::clashBefore(options, input.slicePattern, QString::fromStdString(info.creationTime),
+                                 {{options.start, std::min(info.duration, options.end)}},
+                                 tr("'%1' is not analysed").arg(input.video));
 }
 
 } // namespace
@@ -127,6 +146,15 @@ QString mapFileName(const QString& video, const QString& extension)
 QString sliceFileName(const QString& video, const QString& extension)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".slice-%1.") + extension;
+}
+
+QString slicePath(const QString& pattern, const QString& label)
+{
+    const QLatin1String marker("%1");
+    const int at = pattern.lastIndexOf(marker);
+    if (at < 0)
+        return pattern;
+    return pattern.left(at) + label + pattern.mid(at + marker.size());
 }
 
 QString countsFileName(const QString& video)
@@ -170,21 +198,23 @@ std::vector<PlannedInput> plan(const MapToolOptions& options)
     Claims claims(options.videos);
     for (const QString& video : options.videos) {
         PlannedInput input = targetsOf(video, options);
+        // A manifest claims no file: its outputs are no one's to clash with.
+        if (Manifest::namesManifest(video)) {
+            input.error = tr("'%1' is a manifest; manifests are read with --combine NAME").arg(video);
+            inputs.push_back(input);
+            continue;
+        }
         input.error = claims.conflictOf(input);
         const QString existing = options.overwrite ? QString() : existingOutputOf(input);
         if (input.error.isEmpty() && !existing.isEmpty())
             input.error = tr("File '%1' exists; '%2' is not analysed (--overwrite replaces it)").arg(existing, video);
+        if (input.error.isEmpty() && !input.slicePattern.isEmpty())
+            input.error = sliceClashOf(input, options);
         if (input.error.isEmpty())
             claims.claim(input);
         inputs.push_back(input);
     }
     return inputs;
-}
-
-bool existsOrDangles(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
 }
 
 } // namespace OutputPlan

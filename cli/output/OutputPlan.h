@@ -45,6 +45,11 @@ QString mapFileName(const QString& video, const QString& extension);
 // With --slice: "clip.slice-%1.png", where %1 stands for the slice's start as "HHhMMmSSs".
 QString sliceFileName(const QString& video, const QString& extension);
 
+// A slice's path: `pattern` (a path ending in a name from sliceFileName) with its last "%1"
+// replaced by `label`. The folder and the video's name are taken as they are, whatever they
+// hold ("%1", "%%", "{}"), unlike QString::arg, which would fill the first marker it finds.
+QString slicePath(const QString& pattern, const QString& label);
+
 // The per-pixel counts and the background beside the map: "clip.counts.png",
 // "clip.background.png" (always PNG: lossless, so the map can be rebuilt from them).
 QString countsFileName(const QString& video);
@@ -61,14 +66,12 @@ QString manifestFileName(const QString& video);
 QString outputFolder(const QString& video, const QString& outputDir);
 
 // Plans every input of `options` in order. An input gets an error, and is not analysed, when
+// it is a manifest (read by --combine only; it claims no file), when
 // one of its files exists and `options.overwrite` is off (a manifest of a canceled analysis,
 // which names no file, does not count), or when an earlier planned input
-// writes one of its files, or when one of its files would be one of the input videos.
-// Reads the file system; writes nothing.
+// writes one of its files, or when one of its files would be one of the input videos, or,
+// with --slice, when the length its container records tells that its slices would clash or
+// replace files (SliceSet::clashBefore). Reads the file system; writes nothing.
 std::vector<PlannedInput> plan(const MapToolOptions& options);
-
-// Whether `path` names a file, or a link whose target is missing: either way, writing there
-// would replace something a user has. Any thread.
-bool existsOrDangles(const QString& path);
 
 } // namespace OutputPlan

@@ -2,9 +2,11 @@
 
 #include "CombinedActivity.h"
 #include "MotionMap.h"
+#include "MotionPass.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QFileInfo>
 #include <QFont>
 #include <QFontMetrics>
 #include <QPainter>
@@ -104,9 +106,28 @@ Layout layoutFor(int width, bool perHour)
 
 namespace Legend {
 
+Content contentOf(const QString& name, const QString& timeSpan, double scale, double footageSeconds,
+                  const QStringList& maskPaths)
+{
+    QStringList masks;
+    for (const QString& path : maskPaths) {
+        const QString mask = QFileInfo(path).fileName();
+        if (!mask.isEmpty() && !masks.contains(mask))
+            masks << mask;
+    }
+    Content content;
+    content.name = name;
+    content.timeSpan = timeSpan;
+    content.scale = scale;
+    content.footageHours = footageSeconds > 0.0 ? footageSeconds / 3600.0 : 0.0;
+    content.mask = masks.join(QStringLiteral(", "));
+    return content;
+}
+
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds)
 {
-    if (!(seconds >= 0.0) || !std::isfinite(seconds))
+    // Beyond any recording the times would not convert to whole milliseconds or seconds.
+    if (!(seconds >= 0.0) || !(seconds < MotionPass::kLatestTime) || !(std::abs(fromSeconds) < MotionPass::kLatestTime))
         return {};
     const QDateTime clock = CombinedActivity::readCreationTime(creationTime);
     if (clock.isValid()) {
@@ -132,6 +153,8 @@ QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& 
     double footage = 0.0;
     bool clock = creationTimes.size() == seconds.size() && !seconds.isEmpty();
     for (int i = 0; i < seconds.size(); ++i) {
+        if (!(seconds[i] < MotionPass::kLatestTime))
+            return {};
         footage += std::max(seconds[i], 0.0);
         const QDateTime start = i < creationTimes.size() ? CombinedActivity::readCreationTime(creationTimes[i])
                                                          : QDateTime();
@@ -147,6 +170,8 @@ QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& 
     }
     if (clock)
         return timeSpan(earliest.toUTC().toString(Qt::ISODateWithMs), 0.0, earliest.msecsTo(latest) / 1000.0);
+    if (!(footage < MotionPass::kLatestTime))
+        return {};
     const auto total = static_cast<long long>(footage);
     return tr("%1 files, %2:%3:%4 of footage")
         .arg(seconds.size())

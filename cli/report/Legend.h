@@ -18,14 +18,22 @@ struct Content {
     QString mask;              // the mask's file name; empty when none was used
 };
 
+// What the strip under a map named `name` says: it covers `timeSpan` (see timeSpan() and
+// combinedTimeSpan()), its colour scale reaches its top at `scale` events, it was made from
+// `footageSeconds` of video (0 or less when unknown: no per-hour labels), with the masks at
+// `maskPaths` (shown by file name, each once; empty paths stand for none). Reentrant.
+Content contentOf(const QString& name, const QString& timeSpan, double scale, double footageSeconds,
+                  const QStringList& maskPaths);
+
 // What a map covers: "2024-05-01 10:00:00 – 10:15:00 UTC" from `creationTime` (as
 // containers record it) plus `fromSeconds`, lasting `seconds`; without a readable creation
-// time "0:00:00 – 0:15:00 of the video". Empty when `seconds` is not known (below 0).
+// time "0:00:00 – 0:15:00 of the video". Empty when `seconds` is not known (below 0), or
+// when either lies beyond any recording (MotionPass::kLatestTime).
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds);
 
 // What a combined map covers: from the earliest start to the latest end when every input has
 // a creation time (`creationTimes` and `seconds` side by side), else the number of files and
-// the footage they hold. Reentrant.
+// the footage they hold. Empty when a length lies beyond any recording. Reentrant.
 QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& seconds);
 
 // The text size of the strip under a map `mapWidth` pixels wide: legible from 320 pixels

@@ -26,7 +26,8 @@ struct Second {
 };
 
 // Sums the pairs of a pass into seconds (floor of the pair's time) as they come; a video of
-// ten hours keeps 36,000 entries. Fed by the pass's thread; read once the pass has ended.
+// ten hours keeps 36,000 entries. Times lie within MotionPass::kLatestTime either way, as a
+// pass that records event times ensures. Fed by the pass's thread; read once the pass has ended.
 class ActivityBySecond {
 public:
     void add(const MotionPassHooks::PairRecord& record);

@@ -1,5 +1,7 @@
 #include "ReportFolder.h"
 
+#include "OutputFile.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -28,12 +30,14 @@ bool isEmptyFolder(const QDir& folder)
 
 QString ReportFolder::refusal(const QString& folder, bool overwrite)
 {
-    const QFileInfo info(folder);
-    if (!info.exists() && !info.isSymLink())
+    // "file/." names the file itself once cleaned, as the report would be published.
+    const QString cleaned = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
+    if (!OutputFile::existsOrDangles(cleaned))
         return {};
+    const QFileInfo info(cleaned);
     if (!info.isDir())
         return tr("Report folder '%1' is a file; not replaced").arg(folder);
-    const QDir dir(folder);
+    const QDir dir(info.filePath());
     if (isEmptyFolder(dir))
         return {};
     if (!holdsReport(dir))

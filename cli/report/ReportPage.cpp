@@ -1,5 +1,7 @@
 #include "ReportPage.h"
 
+#include "MotionPass.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -196,6 +198,9 @@ QString percentText(double share)
 
 QString clockText(double seconds)
 {
+    // A damaged file may record a length no whole number of seconds holds.
+    if (!(seconds < MotionPass::kLatestTime))
+        return tr("unknown");
     const long long whole = static_cast<long long>(std::floor(std::max(seconds, 0.0)));
     const long long h = whole / 3600;
     const long long m = whole / 60 % 60;
@@ -204,6 +209,21 @@ QString clockText(double seconds)
     if (h > 0)
         return QStringLiteral("%1:%2:%3").arg(h).arg(m, 2, 10, QLatin1Char('0')).arg(tail);
     return QStringLiteral("%1:%2").arg(m).arg(tail);
+}
+
+std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
+                                                      double pixelsWithEventsShare)
+{
+    return {
+        {tr("Events"), QString::number(eventsTotal, 'f', 0)},
+        {tr("Most at a pixel"), QString::number(maxEvents, 'f', 0)},
+        {tr("Pixels with motion"), percentText(pixelsWithEventsShare)},
+    };
+}
+
+std::pair<QString, QString> footageFigure(double seconds)
+{
+    return {tr("Footage"), seconds >= 0.0 ? clockText(seconds) : tr("unknown")};
 }
 
 ReportCard inputCard(const QString& key, const QString& video, const QJsonObject& manifest, const QString& planError,
@@ -238,11 +258,13 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
         {tr("Frames"), QString::number(manifest.value(QLatin1String("frames_decoded")).toDouble(), 'f', 0)},
         {tr("Size"), QStringLiteral("%1 × %2").arg(card.width).arg(card.height)},
         {tr("Recorded"), card.creationTime.isEmpty() ? tr("unknown") : card.creationTime},
-        {tr("Events"), QString::number(summary.value(QLatin1String("events_total")).toDouble(), 'f', 0)},
-        {tr("Most at a pixel"), QString::number(summary.value(QLatin1String("max_events")).toDouble(), 'f', 0)},
-        {tr("Pixels with motion"), percentText(summary.value(QLatin1String("pixels_with_events_share")).toDouble())},
-        {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())},
     };
+    const auto counts = countFigures(summary.value(QLatin1String("events_total")).toDouble(),
+                                     summary.value(QLatin1String("max_events")).toDouble(),
+                                     summary.value(QLatin1String("pixels_with_events_share")).toDouble());
+    card.figures.insert(card.figures.end(), counts.begin(), counts.end());
+    card.figures.push_back(
+        {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())});
     return card;
 }
 

@@ -54,10 +54,17 @@ QString relativeHref(const QString& folder, const QString& file);
 // Whether a current browser plays a video of this container and codec (as the manifest names
 // them) in its own video element.
 bool browserPlays(const QString& container, const QString& codec);
-// Seconds as "1:02:03", "2:03" or "0:07".
+// Seconds as "1:02:03", "2:03" or "0:07"; "unknown" beyond any recording (MotionPass::kLatestTime).
 QString clockText(double seconds);
 // A share (0 to 1) as "12.5%", with more digits for a share that would show as 0.0%.
 QString percentText(double share);
+
+// The figures under every map about the counts it draws, after the card's own figures: the
+// events in all, the most at one pixel and the share of pixels with motion.
+std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
+                                                      double pixelsWithEventsShare);
+// The footage a card's map was made from as a clock; "unknown" below 0.
+std::pair<QString, QString> footageFigure(double seconds);
 
 // The card of one input from its manifest (see Manifest::build); `mapFile` as in ReportCard,
 // `reportFolder` the folder the page ends up in (absolute), for the link to the video.

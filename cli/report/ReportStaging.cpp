@@ -3,16 +3,20 @@
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
+#include "MapScale.h"
 #include "MotionMap.h"
+#include "OutputFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QSaveFile>
+#include <QJsonObject>
 
 #include <opencv2/core.hpp>
+
+#include <cmath>
 
 namespace {
 
@@ -21,20 +25,10 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
-}
-
-QString saveError(const QString& path)
-{
-    return tr("Can't save file '%1'").arg(path);
-}
-
 // An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
-// it does not read.
-bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds)
+// it does not read. A time beyond any recording, which no second can number, fails the
+// table with `error`.
+bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QString* error)
 {
     QFile table(path);
     if (!table.open(QIODevice::ReadOnly))
@@ -44,7 +38,14 @@ bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds)
         const QList<QByteArray> fields = table.readLine().trimmed().split(',');
         if (fields.size() != 4)
             continue;
-        seconds.add({fields[0].toInt(), fields[1].toDouble(), fields[2].toLongLong(), fields[3].toLongLong()});
+        const double time = fields[1].toDouble();
+        if (!(std::abs(time) < MotionPass::kLatestTime)) {
+            *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
+                        "its report data can't be placed")
+                         .arg(path, QString::fromLatin1(fields[1]));
+            return false;
+        }
+        seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong()});
     }
     return true;
 }
@@ -57,6 +58,14 @@ QJsonObject readJson(const QString& path)
     return QJsonDocument::fromJson(file.readAll()).object();
 }
 
+// Where the analysis the manifest records began, in seconds from its video's start: 0 for
+// the whole video.
+double windowStartOf(const QJsonObject& manifest)
+{
+    return manifest.value(QLatin1String("parameters")).toObject().value(QLatin1String("window")).toObject()
+        .value(QLatin1String("start_s")).toDouble(0.0);
+}
+
 } // namespace
 
 namespace ReportStaging {
@@ -67,20 +76,21 @@ QString writeData(const QString& staging, const QString& key, const std::vector<
     const QDir data(staging + QStringLiteral("/data"));
     const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
     const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
-    if (!writeFile(activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds))))
-        return saveError(activity);
-    if (!eventTimes.empty()
-        && !writeFile(cells, ReportData::script(key + QStringLiteral(".cells"),
-                                                ReportData::cellsJson(eventTimes, width, height))))
-        return saveError(cells);
-    return {};
+    // The staging folder is the run's own: nothing there is a user's to keep.
+    const QString error = OutputFile::write(
+        activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds)), true);
+    if (!error.isEmpty() || eventTimes.empty())
+        return error;
+    return OutputFile::write(
+        cells, ReportData::script(key + QStringLiteral(".cells"), ReportData::cellsJson(eventTimes, width, height)),
+        true);
 }
 
 QString writeMap(const QString& staging, const QString& key, const QImage& map, QString* file)
 {
     const QString name = QStringLiteral("maps/%1.png").arg(key);
     if (!Utils::saveImage(map, staging + QLatin1Char('/') + name))
-        return saveError(staging + QLatin1Char('/') + name);
+        return OutputFile::saveError(staging + QLatin1Char('/') + name);
     *file = name;
     return {};
 }
@@ -89,17 +99,31 @@ QString writeLegendStrip(const QString& staging, const QString& key, const QImag
 {
     const QImage strip = legend.copy(0, mapHeight, legend.width(), legend.height() - mapHeight);
     const QString path = staging + QStringLiteral("/maps/") + key + QStringLiteral(".legend.png");
-    return Utils::saveImage(strip, path) ? QString() : saveError(path);
+    return Utils::saveImage(strip, path) ? QString() : OutputFile::saveError(path);
 }
 
 QString copy(const QString& staging, const QString& source, const QString& file)
 {
     const QString target = staging + QLatin1Char('/') + file;
-    return QFile::copy(source, target) ? QString() : saveError(target);
+    return QFile::copy(source, target) ? QString() : OutputFile::saveError(target);
 }
 
-QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,
-                           QJsonObject* manifest)
+QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapColours& colours, double* top)
+{
+    if (!colours.exact) {
+        // The window's count wraps at 256 events where the exact one goes on.
+        cv::Mat wrapped;
+        cv::bitwise_and(events, cv::Scalar(255), wrapped);
+        wrapped.convertTo(wrapped, CV_8UC1);
+        *top = MotionMap::kDefaultScale;
+        return MotionMap::render(wrapped, background);
+    }
+    *top = colours.automatic ? MapScale::automatic({events}) : colours.scale;
+    return MotionMap::render(events, background, *top);
+}
+
+QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath,
+                           const MapColours& colours, QJsonObject* manifest)
 {
     const ManifestInput::Header header = ManifestInput::readHeader(manifestPath);
     if (!header.error.isEmpty())
@@ -110,29 +134,27 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     QString error = ManifestInput::load(manifestPath, storage, &events, &background);
     if (!error.isEmpty())
         return error;
-    const double top = scale > 0.0 ? scale : MotionMap::kDefaultScale;
-    const QImage map = MotionMap::render(events, background, top);
+    double top = MotionMap::kDefaultScale;
+    const QImage map = mapOfEvents(events, background, colours, &top);
     QString mapFile;
     error = writeMap(staging, key, map, &mapFile);
     if (!error.isEmpty())
         return error;
-    Legend::Content content;
-    content.name = QFileInfo(header.videoPath).fileName();
-    content.timeSpan = Legend::timeSpan(header.creationTime, 0.0, header.footageSeconds);
-    content.scale = top;
-    content.footageHours = header.footageSeconds > 0.0 ? header.footageSeconds / 3600.0 : 0.0;
-    content.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
+    *manifest = readJson(manifestPath);
+    const Legend::Content content =
+        Legend::contentOf(QFileInfo(header.videoPath).fileName(),
+                          Legend::timeSpan(header.creationTime, windowStartOf(*manifest), header.footageSeconds), top,
+                          header.footageSeconds, {header.maskPath});
     error = writeLegendStrip(staging, key, Legend::render(map, content), map.height());
     if (!error.isEmpty())
         return error;
     ReportData::ActivityBySecond seconds;
-    if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds)) {
+    if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds, &error)) {
         error = writeData(staging, key, seconds.seconds(), CellEventTimes(), events.cols, events.rows);
         if (!error.isEmpty())
             return error;
     }
-    *manifest = readJson(manifestPath);
-    return {};
+    return error;
 }
 
 ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet::Written& slice,
@@ -160,13 +182,11 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
-    card.figures = {
-        {tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ") + ReportPage::clockText(slice.to)},
-        {tr("Footage"), slice.footageSeconds >= 0.0 ? ReportPage::clockText(slice.footageSeconds) : tr("unknown")},
-        {tr("Events"), QString::number(slice.eventsTotal, 'f', 0)},
-        {tr("Most at a pixel"), QString::number(slice.maxEvents, 'f', 0)},
-        {tr("Pixels with motion"), ReportPage::percentText(slice.pixelsWithEventsShare)},
-    };
+    card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare);
+    card.figures.insert(card.figures.begin(),
+                        {{tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ")
+                                          + ReportPage::clockText(slice.to)},
+                         ReportPage::footageFigure(slice.footageSeconds)});
     return card;
 }
 

@@ -9,6 +9,8 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <opencv2/core/mat.hpp>
+
 // The files of a report's cards in its staging folder (maps/, data/), written as each input
 // ends and, for slices and combined maps, once the run has ended. Every function returns the
 // error, empty on success, and is reentrant: pool threads write their own inputs' files.
@@ -29,11 +31,24 @@ QString writeLegendStrip(const QString& staging, const QString& key, const QImag
 // Copies `source` into the staging folder as `file` ("maps/KEY.png").
 QString copy(const QString& staging, const QString& source, const QString& file);
 
+// How the run colours the map of a video it analyses (--scale): a card drawn from a
+// manifest's exact counts follows the same rule, so that every card of a report reads alike.
+struct MapColours {
+    bool exact = false;     // --scale given: the exact counts; else the window's wrapping count
+    bool automatic = false; // --scale auto: the top chosen from the map's own counts
+    double scale = 0.0;     // --scale N: the events at the top
+};
+
+// The map of `events` (16-bit exact counts) over `background` as the run would have drawn it
+// from the pass that counted them; `top` receives the events at the top of its scale.
+QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapColours& colours, double* top);
+
 // The card's files of an input of --combine that is a manifest written by --data: its map
-// (on `scale`; 0 for the window's) and legend strip from its files, and its activity table by
-// second. `manifest` receives the manifest itself.
-QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath, double scale,
-                           QJsonObject* manifest);
+// (coloured as `colours` says) and legend strip from its files, the legend covering the time
+// window the manifest records, and its activity table by second. `manifest` receives the
+// manifest itself.
+QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath,
+                           const MapColours& colours, QJsonObject* manifest);
 
 // The card of a slice (see SliceSet::Written) keyed `key`, drawing `parts` within the slice;
 // copies its map and legend strip into the staging folder.

@@ -1,14 +1,11 @@
 #include "MapRun.h"
 
-#include "ActivityCsv.h"
 #include "AtomicCounter.h"
-#include "CombinedActivity.h"
-#include "ImageFile.h"
-#include "Legend.h"
-#include "MapImages.h"
+#include "DecoderThreads.h"
+#include "InputOutputs.h"
 #include "MapScale.h"
 #include "Manifest.h"
-#include "MotionMap.h"
+#include "OutputFile.h"
 #include "MotionPass.h"
 #include "ProgressOutput.h"
 #include "ReportData.h"
@@ -24,7 +21,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <QSet>
 #include <QThread>
 #include <QThreadPool>
@@ -86,14 +82,14 @@ struct SliceTarget {
 
 class FileHooks final : public MotionPassHooks {
 public:
-    // `activity` and `seconds` receive every pair's record; null without --data and --report.
+    // `outputs` and `seconds` receive every pair's record; `seconds` is null without --report.
     // `slices` receives the slices with events; its set is null without --slice.
-    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, ActivityCsv* activity,
+    FileHooks(FileJob& job, const std::atomic<int>& cancel, AtomicCounter& pairs, InputOutputList& outputs,
               ReportData::ActivityBySecond* seconds, SliceTarget slices)
         : m_job(job)
         , m_cancel(cancel)
         , m_pairs(pairs)
-        , m_activity(activity)
+        , m_outputs(outputs)
         , m_seconds(seconds)
         , m_slices(slices)
     {
@@ -105,13 +101,14 @@ public:
     void pairAnalysed() override { m_pairs.increment(); }
     void pairCounted(const PairRecord& record) override
     {
-        if (m_activity)
-            m_activity->add(record);
+        for (const auto& output : m_outputs)
+            output->pairCounted(record);
         if (m_seconds)
             m_seconds->add(record);
         m_firstPairTime = m_pairsCounted == 0 ? record.time : m_firstPairTime;
         m_lastPairTime = record.time;
         ++m_pairsCounted;
+        m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
         ++m_slicePairs;
     }
     // A slice without an event would only show the background; it is not written.
@@ -130,16 +127,19 @@ public:
     // The times of the first and the last pair counted (with --data, --report or --slice).
     double firstPairTime() const { return m_firstPairTime; }
     double lastPairTime() const { return m_lastPairTime; }
+    // Pairs in which at least one pixel moved (with --data, --report or --slice).
+    std::int64_t pairsWithMotion() const { return m_pairsWithMotion; }
 
 private:
     FileJob& m_job;
     const std::atomic<int>& m_cancel;
     AtomicCounter& m_pairs;
-    ActivityCsv* m_activity;
+    InputOutputList& m_outputs;
     ReportData::ActivityBySecond* m_seconds;
     SliceTarget m_slices;
     QString m_sliceError;
     std::int64_t m_pairsCounted = 0;
+    std::int64_t m_pairsWithMotion = 0;
     int m_slicePairs = 0;
     double m_firstPairTime = 0.0;
     double m_lastPairTime = 0.0;
@@ -151,74 +151,6 @@ double mapScaleOf(const MapToolOptions& options, const MotionPassFacts& facts)
     if (!options.scaleGiven)
         return 0.0;
     return options.scaleAuto ? MapScale::automatic({facts.exactCounts}) : options.scale;
-}
-
-// The window's map from its wrapping count, unless a scale is given: then the exact counts.
-QImage mapOf(const cv::Mat& motionCount, const cv::Mat& background, const MotionPassFacts& facts, double mapScale)
-{
-    if (mapScale > 0.0)
-        return MotionMap::render(facts.exactCounts, background, mapScale);
-    return MotionMap::render(motionCount, background);
-}
-
-// Seconds of video a pass analysed: its pairs at the stream's frame rate; -1 when unknown.
-double footageOf(const MotionPassFacts& facts)
-{
-    return facts.video.frameRate > 0.0 ? facts.pairsAnalysed / facts.video.frameRate : -1.0;
-}
-
-QImage legendOf(const QImage& map, const PlannedInput& input, const MapToolOptions& options,
-                const MotionPassFacts& facts, double mapScale)
-{
-    Legend::Content content;
-    content.name = QFileInfo(input.video).fileName();
-    const double footage = footageOf(facts);
-    content.timeSpan = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
-                                        options.hasStart ? options.start : 0.0, footage);
-    content.scale = mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale;
-    content.footageHours = footage > 0.0 ? footage / 3600.0 : 0.0;
-    content.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
-    return Legend::render(map, content);
-}
-
-// The input's images in the order they are written: map, legend, counts, exact counts,
-// background; those not asked for have an empty path.
-std::vector<std::pair<QString, QImage>> imagesOf(const PlannedInput& input, const MapToolOptions& options,
-                                                 const cv::Mat& motionCount, const cv::Mat& background,
-                                                 const MotionPassFacts& facts, double mapScale)
-{
-    // With --slice there is no map of the whole video to write.
-    const QImage map = input.mapPath.isEmpty() && input.legendPath.isEmpty()
-        ? QImage()
-        : mapOf(motionCount, background, facts, mapScale);
-    return {
-        {input.mapPath, map},
-        {input.legendPath, input.legendPath.isEmpty() ? QImage() : legendOf(map, input, options, facts, mapScale)},
-        {input.countsPath, input.countsPath.isEmpty() ? QImage() : MapImages::countsImage(motionCount)},
-        {input.eventsPath, input.eventsPath.isEmpty() ? QImage() : MapImages::eventsImage(facts.exactCounts)},
-        {input.backgroundPath, input.backgroundPath.isEmpty() ? QImage() : MapImages::backgroundImage(background)},
-    };
-}
-
-// Writes the input's images, map first, adding each one written to `written`; returns the
-// error, empty on success. A file that appeared during the pass is still not replaced
-// without --overwrite.
-QString writeImages(const std::vector<std::pair<QString, QImage>>& images, bool overwrite, QStringList& written)
-{
-    for (const auto& [path, image] : images) {
-        if (path.isEmpty())
-            continue;
-        if (!overwrite && OutputPlan::existsOrDangles(path))
-            return tr("File '%1' exists; not replaced (--overwrite replaces it)").arg(path);
-    }
-    for (const auto& [path, image] : images) {
-        if (path.isEmpty())
-            continue;
-        if (!Utils::saveImage(image, path))
-            return tr("Can't save image file '%1'").arg(path);
-        written << path;
-    }
-    return {};
 }
 
 MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput& input, const cv::Mat& mask,
@@ -244,43 +176,10 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     return settings;
 }
 
-// The manifest of a pass that has ended, when --data asks for one, or a report's card is made
-// from it (`forReport`); `error` is the job's error so far and receives the manifest's own
-// when it cannot be written.
-void writeManifest(FileJob& job, const MapToolOptions& options, const MotionPassFacts& facts,
-                   Manifest::Outcome outcome, const QStringList& written, std::int64_t pairsWithMotion, QString& error,
-                   double mapScale = 0.0, bool forReport = false)
-{
-    const bool toWrite = options.data && !job.input.manifestPath.isEmpty();
-    if (!toWrite && !forReport)
-        return;
-    Manifest::Content content;
-    content.input = &job.input;
-    content.options = &options;
-    content.facts = &facts;
-    content.outcome = outcome;
-    content.error = error;
-    content.written = written;
-    content.pairsWithMotion = pairsWithMotion;
-    content.mapScale = mapScale;
-    job.manifest = Manifest::build(content);
-    if (!toWrite)
-        return;
-    const QString manifestError = Manifest::write(job.input.manifestPath, job.manifest,
-                                                  options.overwrite || job.input.replacesCanceledManifest);
-    if (error.isEmpty())
-        error = manifestError;
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QSaveFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit();
-}
-
 // Pool thread. An input of a sink that needs no pass; `reportStaging`, when not empty,
 // receives its card's files.
-void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const QString& reportStaging, double scale)
+void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const QString& reportStaging,
+          const ReportStaging::MapColours& colours)
 {
     if (cancel.load(std::memory_order_relaxed) != 0) {
         job.finish(FileState::Canceled);
@@ -289,7 +188,7 @@ void take(FileJob& job, ResultSink& sink, const std::atomic<int>& cancel, const 
     job.state.store(FileState::Running, std::memory_order_release);
     QString error = sink.take(job.index);
     if (error.isEmpty() && !reportStaging.isEmpty()) {
-        error = ReportStaging::writeManifestInput(reportStaging, job.key, job.input.video, scale, &job.manifest);
+        error = ReportStaging::writeManifestInput(reportStaging, job.key, job.input.video, colours, &job.manifest);
         job.reportMapFile = QStringLiteral("maps/%1.png").arg(job.key);
     }
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
@@ -331,25 +230,56 @@ QString keepSlices(const FileJob& job, const RunContext& context, const SliceTar
 
 // Pool thread. The card's files of an analysed input: its data, its map (the file the run
 // writes, or rendered here when the run writes none of its own) and its legend strip.
-QString stageReport(FileJob& job, const RunContext& context, const MotionPassFacts& facts,
-                    const ReportData::ActivityBySecond& seconds, const cv::Mat& motionCount, const cv::Mat& background,
-                    double mapScale, QImage map, QImage legend)
+QString stageReport(FileJob& job, const RunContext& context, FinishedInput& finished,
+                    const ReportData::ActivityBySecond& seconds)
 {
     const QString& staging = context.reportStaging;
+    const MotionPassFacts& facts = finished.facts;
     QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), facts.eventTimes, facts.video.width,
                                              facts.video.height);
     if (!error.isEmpty())
         return error;
-    if (map.isNull())
-        map = mapOf(motionCount, background, facts, mapScale);
     if (job.input.mapPath.isEmpty() || context.sink) {
-        error = ReportStaging::writeMap(staging, job.key, map, &job.reportMapFile);
+        error = ReportStaging::writeMap(staging, job.key, finished.map(), &job.reportMapFile);
         if (!error.isEmpty())
             return error;
     }
-    if (legend.isNull())
-        legend = legendOf(map, job.input, context.options, facts, mapScale);
-    return ReportStaging::writeLegendStrip(staging, job.key, legend, map.height());
+    return ReportStaging::writeLegendStrip(staging, job.key, finished.legend(), finished.map().height());
+}
+
+// Pool thread. A pass of --combine that ended well: the sink takes it in place of the input's
+// own files.
+QString passToSink(FileJob& job, const RunContext& context, InputOutputList& outputs, FinishedInput& finished,
+                   const ReportData::ActivityBySecond* seconds, const SliceTarget& sliceTarget, const FileHooks& hooks)
+{
+    InputOutputs::writeAll(outputs, finished);
+    QString error = finished.error;
+    if (error.isEmpty())
+        error = context.sink->takePass(job.index, finished.facts, finished.background);
+    if (error.isEmpty())
+        error = keepSlices(job, context, sliceTarget, hooks, finished.facts, finished.background);
+    if (!seconds || !error.isEmpty())
+        return error;
+    // The input writes no file of its own, and the combined map has the combination's scale:
+    // the input's card records neither.
+    Manifest::Content content = finished.manifestContent();
+    content.mapScale = 0.0;
+    content.written.clear();
+    job.manifest = Manifest::build(content);
+    return stageReport(job, context, finished, *seconds);
+}
+
+QString unplaceableTimeError(const PlannedInput& input, const MotionPassFacts& facts)
+{
+    const QString seconds = QString::number(facts.unplaceableTime, 'g', 12);
+    // On a line of several inputs, the input before may be what lies about its length.
+    if (input.sliceOffset != 0.0)
+        return tr("'%1' has a frame %2 seconds into the time line of the inputs, beyond any real recording "
+                  "(a damaged file?): its slices can't be placed")
+            .arg(input.video, seconds);
+    return tr("'%1' has a frame %2 seconds from its start, beyond any real recording (a damaged file?): "
+              "its slices and report data can't be placed")
+        .arg(input.video, seconds);
 }
 
 // Pool thread.
@@ -358,12 +288,11 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
     const MapToolOptions& options = context.options;
     if (context.sink && context.sink->takesWithoutPass(job.index)) {
         take(job, *context.sink, context.cancel, context.reportStaging,
-             options.scaleGiven && !options.scaleAuto ? options.scale : 0.0);
+             {options.scaleGiven, options.scaleAuto, options.scale});
         return;
     }
-    std::unique_ptr<ActivityCsv> activity;
-    if (options.data)
-        activity = std::make_unique<ActivityCsv>(job.input.activityPath);
+    InputOutputList outputs = context.sink ? InputOutputs::forCombination(job.input, options)
+                                           : InputOutputs::of(job.input, options);
     std::unique_ptr<ReportData::ActivityBySecond> seconds;
     if (!context.reportStaging.isEmpty())
         seconds = std::make_unique<ReportData::ActivityBySecond>();
@@ -372,7 +301,7 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
         sliceTarget.set = context.slices;
         sliceTarget.series = context.slices->series(job.input.slicePattern, seriesNameOf(options, job.input));
     }
-    FileHooks hooks(job, context.cancel, context.pairs, activity.get(), seconds.get(), sliceTarget);
+    FileHooks hooks(job, context.cancel, context.pairs, outputs, seconds.get(), sliceTarget);
     cv::Mat motionCount;
     cv::Mat background;
     MotionPassFacts facts;
@@ -380,50 +309,37 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
     const QByteArray path = QFile::encodeName(job.input.video);
     const MotionPassOutcome outcome = MotionPass::run(path, settingsFor(options, job.input, context.mask, decoderThreads),
                                                       motionCount, background, hooks, &facts);
-    const std::int64_t pairsWithMotion = activity ? activity->pairsWithMotion() : 0;
-    QString error;
-    QStringList written;
-    if (outcome == MotionPassOutcome::OpenFailed) {
-        error = tr("Can't open video file '%1'").arg(job.input.video);
-        writeManifest(job, options, facts, Manifest::Outcome::Failed, written, pairsWithMotion, error);
-        job.finish(FileState::Failed, error);
+    FinishedInput finished(job.input, options, facts, motionCount, background);
+    finished.pairsWithMotion = hooks.pairsWithMotion();
+    if (outcome == MotionPassOutcome::OpenFailed || outcome == MotionPassOutcome::TimeOutOfRange) {
+        finished.fail(outcome == MotionPassOutcome::OpenFailed ? tr("Can't open video file '%1'").arg(job.input.video)
+                                                               : unplaceableTimeError(job.input, facts));
+        InputOutputs::writeAll(outputs, finished);
+        job.manifest = finished.manifest;
+        job.finish(FileState::Failed, finished.error);
         return;
     }
     if (outcome == MotionPassOutcome::Canceled || context.cancel.load(std::memory_order_relaxed) != 0) {
-        writeManifest(job, options, facts, Manifest::Outcome::Canceled, written, pairsWithMotion, error);
+        finished.outcome = Manifest::Outcome::Canceled;
+        InputOutputs::writeAll(outputs, finished);
+        job.manifest = finished.manifest;
         job.finish(FileState::Canceled);
         return;
     }
+    finished.mapScale = mapScaleOf(options, facts);
     if (context.sink) {
-        if (activity)
-            error = activity->commit(true);
-        if (error.isEmpty())
-            error = context.sink->takePass(job.index, facts, background);
-        if (error.isEmpty())
-            error = keepSlices(job, context, sliceTarget, hooks, facts, background);
-        if (seconds && error.isEmpty()) {
-            writeManifest(job, options, facts, Manifest::Outcome::Done, written, pairsWithMotion, error, 0.0, true);
-            error = stageReport(job, context, facts, *seconds, motionCount, background, mapScaleOf(options, facts), {},
-                                {});
-        }
+        const QString error = passToSink(job, context, outputs, finished, seconds.get(), sliceTarget, hooks);
         job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
         return;
     }
-    const double mapScale = mapScaleOf(options, facts);
-    const auto images = imagesOf(job.input, options, motionCount, background, facts, mapScale);
-    error = keepSlices(job, context, sliceTarget, hooks, facts, background);
-    if (error.isEmpty())
-        error = writeImages(images, options.overwrite, written);
-    if (error.isEmpty() && activity) {
-        error = activity->commit(options.overwrite);
-        if (error.isEmpty())
-            written << job.input.activityPath;
-    }
-    writeManifest(job, options, facts, error.isEmpty() ? Manifest::Outcome::Done : Manifest::Outcome::Failed, written,
-                  pairsWithMotion, error, mapScale);
+    const QString sliceError = keepSlices(job, context, sliceTarget, hooks, facts, background);
+    if (!sliceError.isEmpty())
+        finished.fail(sliceError);
+    InputOutputs::writeAll(outputs, finished);
+    job.manifest = finished.manifest;
+    QString error = finished.error;
     if (seconds && error.isEmpty())
-        error = stageReport(job, context, facts, *seconds, motionCount, background, mapScale, images.front().second,
-                            images[1].second);
+        error = stageReport(job, context, finished, *seconds);
     job.finish(error.isEmpty() ? FileState::Done : FileState::Failed, error);
 }
 
@@ -521,8 +437,9 @@ private:
     {
         switch (state) {
         case FileState::Done:
-            m_output.done(job.input.video, job.input.mapPath.isEmpty() ? job.input.slicePattern.arg(QStringLiteral("*"))
-                                                                       : job.input.mapPath);
+            m_output.done(job.input.video, job.input.mapPath.isEmpty()
+                                               ? OutputPlan::slicePath(job.input.slicePattern, QStringLiteral("*"))
+                                               : job.input.mapPath);
             break;
         case FileState::Failed:
             m_output.error(job.error);
@@ -683,10 +600,10 @@ private:
     {
         const QString staging = m_report->stagingPath();
         const QByteArray page = ReportPage::render(tr("Tremora report"), cards);
-        if (page.isEmpty() || !writeFile(staging + QStringLiteral("/index.html"), page))
+        if (page.isEmpty() || !OutputFile::write(staging + QStringLiteral("/index.html"), page, true).isEmpty())
             return tr("Can't write report folder '%1'").arg(m_report->finalPath());
         for (const auto& [name, bytes] : ReportPage::assets()) {
-            if (bytes.isEmpty() || !writeFile(staging + QLatin1Char('/') + name, bytes))
+            if (bytes.isEmpty() || !OutputFile::write(staging + QLatin1Char('/') + name, bytes, true).isEmpty())
                 return tr("Can't write report folder '%1'").arg(m_report->finalPath());
         }
         return m_report->publish();
@@ -732,7 +649,7 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
 int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores)
 {
     const int atOnce = std::max({1, filesRunning, std::min(std::max(jobs, 1), filesToStart)});
-    return std::max(1, cores / atOnce);
+    return DecoderThreads::forPass(atOnce, cores, DecoderThreads::Sharing::SplitCores);
 }
 
 } // namespace MapRun

@@ -67,7 +67,7 @@ int run(const MapToolOptions& options, const std::vector<PlannedInput>& inputs,
 // `filesRunning` (this one included), and, while the first files start together, as many as
 // will run at once: `jobs`, or fewer when fewer are left (`filesToStart` counts this file and
 // those after it). So the last file of a run decodes with every core only once it runs alone.
-// Thread-safe.
+// The cores are split as DecoderThreads::Sharing::SplitCores splits them. Thread-safe.
 int decoderThreadsFor(int jobs, int filesToStart, int filesRunning, int cores);
 
 } // namespace MapRun

@@ -7,9 +7,10 @@ TREMORA_PACKAGES=(
   build-essential cmake pkg-config
   qtbase5-dev qtbase5-dev-tools
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev
-  libopencv-dev
+  libopencv-dev zlib1g-dev
   ffmpeg
   fonts-dejavu-core
+  tesseract-ocr tesseract-ocr-eng
   time
   python3 python3-jsonschema python3-numpy python3-pil
   chromium chromium-driver python3-selenium

@@ -1,4 +1,5 @@
 #include "ImageFile.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,18 +18,6 @@ QImage sample()
             image.setPixel(x, y, qRgb(x * 7, y * 11, (x * y) % 256));
     }
     return image;
-}
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool write(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
 QStringList entries(const QString& folder)
@@ -81,15 +70,15 @@ void ImageFileTest::writesTheBytesQImageSaveWrites()
     const QString reference = path("reference/" + name);
     QVERIFY(sample().save(reference));
     QVERIFY(Utils::saveImage(sample(), path(name)));
-    const QByteArray written = readAll(path(name));
+    const QByteArray written = TestSupport::readFile(path(name));
     QVERIFY(!written.isEmpty());
-    QCOMPARE(written, readAll(reference));
+    QCOMPARE(written, TestSupport::readFile(reference));
     QCOMPARE(entries(m_dir->path()), (QStringList{name, "reference"}));
 }
 
 void ImageFileTest::replacesAnExistingFile()
 {
-    QVERIFY(write(path("map.png"), "an older file"));
+    QVERIFY(TestSupport::writeFile(path("map.png"), "an older file"));
     QVERIFY(Utils::saveImage(sample(), path("map.png")));
     QImage loaded(path("map.png"));
     QCOMPARE(loaded.convertToFormat(QImage::Format_RGB888), sample());
@@ -98,9 +87,9 @@ void ImageFileTest::replacesAnExistingFile()
 
 void ImageFileTest::unknownSuffixFailsAndLeavesTheFileAsItWas()
 {
-    QVERIFY(write(path("map.xyz"), "precious"));
+    QVERIFY(TestSupport::writeFile(path("map.xyz"), "precious"));
     QVERIFY(!Utils::saveImage(sample(), path("map.xyz")));
-    QCOMPARE(readAll(path("map.xyz")), QByteArray("precious"));
+    QCOMPARE(TestSupport::readFile(path("map.xyz")), QByteArray("precious"));
     QCOMPARE(entries(m_dir->path()), QStringList{"map.xyz"});
 }
 
@@ -119,10 +108,10 @@ void ImageFileTest::missingFolderFailsAndCreatesNothing()
 
 void ImageFileTest::nullImageFailsAndLeavesTheFileAsItWas()
 {
-    QVERIFY(write(path("map.png"), "precious"));
+    QVERIFY(TestSupport::writeFile(path("map.png"), "precious"));
     QVERIFY(!Utils::saveImage(QImage(), path("map.png")));
     QVERIFY(!Utils::saveImage(QImage(), path("new.png")));
-    QCOMPARE(readAll(path("map.png")), QByteArray("precious"));
+    QCOMPARE(TestSupport::readFile(path("map.png")), QByteArray("precious"));
     QCOMPARE(entries(m_dir->path()), QStringList{"map.png"});
 }
 

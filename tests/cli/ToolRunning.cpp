@@ -10,10 +10,17 @@
 
 namespace ToolRunning {
 
-Result run(const QStringList& arguments, int timeoutMs)
+Result run(const QStringList& arguments, int timeoutMs, long* peakResidentKb)
 {
     QProcess process;
-    process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), arguments);
+    QTemporaryDir measures;
+    const QString peakFile = measures.filePath(QStringLiteral("peak"));
+    // GNU time's figure is the tool's own, where the test's rusage would mix in every child.
+    if (peakResidentKb)
+        process.start(QStringLiteral("/usr/bin/time"),
+                      QStringList{"-f", "%M", "-o", peakFile, QStringLiteral(TREMORA_MAP_EXECUTABLE)} + arguments);
+    else
+        process.start(QStringLiteral(TREMORA_MAP_EXECUTABLE), arguments);
     Result result;
     if (!process.waitForStarted())
         return result;
@@ -26,6 +33,13 @@ Result run(const QStringList& arguments, int timeoutMs)
     result.exitCode = process.exitCode();
     result.out = process.readAllStandardOutput();
     result.err = process.readAllStandardError();
+    if (peakResidentKb) {
+        bool read = false;
+        // After "Command exited with non-zero status N" when it did.
+        *peakResidentKb = readAll(peakFile).trimmed().split('\n').last().toLong(&read);
+        if (!read)
+            *peakResidentKb = -1;
+    }
     return result;
 }
 
@@ -33,6 +47,13 @@ bool makeClip(const QString& path, int frames, const QString& size, const QStrin
 {
     return TestSupport::runFfmpeg({"-f", "lavfi", "-i", QStringLiteral("testsrc=size=%1:rate=25%2").arg(size, filter),
                                    "-frames:v", QString::number(frames), "-c:v", "ffv1", path});
+}
+
+bool makeFarTimestampClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=96x64:rate=25", "-frames:v", "60", "-vf",
+                                   "setpts='PTS+if(gte(N,30),1e12/TB,0)'", "-fps_mode", "passthrough", "-c:v", "ffv1",
+                                   path});
 }
 
 QByteArray readAll(const QString& path)

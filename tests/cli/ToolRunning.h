@@ -23,12 +23,18 @@ struct Result {
 };
 
 // Starts tremora-map with `arguments`, waits up to `timeoutMs` and collects both streams.
-Result run(const QStringList& arguments, int timeoutMs = 60000);
+// With `peakResidentKb`, runs it under /usr/bin/time and sets the most memory it held
+// resident at once, in kilobytes (-1 when that could not be measured).
+Result run(const QStringList& arguments, int timeoutMs = 60000, long* peakResidentKb = nullptr);
 
 // A testsrc clip (moving colour bars and a counter), lossless FFV1, `frames` frames at 25/s;
 // `filter` is appended to the source's filter chain when given (for example ",noise=...").
 bool makeClip(const QString& path, int frames, const QString& size = QStringLiteral("96x64"),
               const QString& filter = QString());
+
+// A testsrc clip (96 x 64, FFV1) of 60 frames whose last 30 lie 10^12 seconds after the
+// first 30: far beyond any recording, as only a damaged or crafted file holds.
+bool makeFarTimestampClip(const QString& path);
 
 QByteArray readAll(const QString& path);
 

@@ -2,6 +2,7 @@
 #include "TestSupport.h"
 #include "ToolRunning.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -16,6 +17,8 @@
 
 #include <algorithm>
 #include <cstring>
+
+#include <unistd.h>
 
 // The executable's combined maps (--combine): sums of the inputs' exact counts, from videos
 // or from the manifests --data wrote for them, and every input it must leave out.
@@ -84,8 +87,10 @@ class TremoraMapCombineTest : public QObject, private ToolRunning::Folders {
 
 private:
     QTemporaryDir m_data;  // the inputs' own files, written by --data once
+    QTemporaryDir m_other; // the same clips analysed with other parameters, a folder each
 
     QString data(const QString& name) const { return m_data.filePath(name); }
+    QString other(const QString& name) const { return m_other.filePath(name); }
     QStringList videos() const { return {clip("a.mkv"), clip("b.mkv"), clip("c.mkv")}; }
 
     // The manifests of the three clips in a folder of their own, to be damaged by a test.
@@ -96,6 +101,18 @@ private:
         for (const QString& name : entries(m_data.path()))
             QFile::copy(data(name), folder + '/' + name);
         return folder;
+    }
+
+    // A copy of the manifests where b.json records `key` as `value` among its parameters; the
+    // copy's folder, empty when it could not be written.
+    QString copyWithParameterOfB(const QString& key, const QJsonValue& value)
+    {
+        const QString copy = copyOfData();
+        QJsonObject manifest = readJson(copy + "/b.json");
+        QJsonObject parameters = manifest["parameters"].toObject();
+        parameters[key] = value;
+        manifest["parameters"] = parameters;
+        return writeFile(copy + "/b.json", QJsonDocument(manifest).toJson()) ? copy : QString();
     }
 
 private slots:
@@ -112,6 +129,20 @@ private slots:
             QStringList{"--quiet", "--data", "--output-dir", m_data.path()} + videos() + QStringList{clip("undated.mkv")},
             120000);
         QCOMPARE(result.exitCode, 0);
+        QVERIFY(m_other.isValid());
+        QImage mask(96, 64, QImage::Format_Grayscale8);
+        mask.fill(255);
+        QVERIFY(mask.save(other("mask.png")));
+        const QList<QStringList> analyses{{"noblur", "--no-blur"},
+                                          {"masked", "--mask", other("mask.png")},
+                                          {"window", "--start", "0.5"}};
+        for (const QStringList& analysis : analyses) {
+            const ToolRunning::Result run = ToolRunning::run(
+                QStringList{"--quiet", "--data", "--output-dir", other(analysis.front())} + analysis.mid(1)
+                    + QStringList{clip("a.mkv"), clip("b.mkv")},
+                120000);
+            QCOMPARE(run.exitCode, 0);
+        }
     }
 
     void init()
@@ -273,6 +304,220 @@ private slots:
         QCOMPARE(result.err.count('\n'), 1);
         QVERIFY2(result.err.contains("b.json") && result.err.contains("format version 2"), result.err.constData());
         QVERIFY(QFile::exists(out("day.png")));
+    }
+
+    void theSameVideoGivenTwiceIsCountedOnce()
+    {
+        const ToolRunning::Result result =
+            tool({"--data", "--combine", "day", clip("a.mkv"), clip("b.mkv"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("same input") && result.err.contains("a.mkv") && result.err.contains("day"),
+                 result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")),
+                      readEvents(data("a.events.png")) + readEvents(data("b.events.png"))));
+        const QJsonArray inputs = readJson(out("day.json"))["inputs"].toArray();
+        QCOMPARE(inputs[0].toObject()["status"].toString(), QStringLiteral("combined"));
+        QCOMPARE(inputs[2].toObject()["status"].toString(), QStringLiteral("left out"));
+    }
+
+    void theSameVideoThroughAnotherPathIsCountedOnce_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("symbolic link") << "link";
+        QTest::newRow("hard link") << "hard";
+        QTest::newRow("path through dot dot") << "dots";
+    }
+
+    void theSameVideoThroughAnotherPathIsCountedOnce()
+    {
+        QFETCH(QString, kind);
+        const QString folder = out("inputs");
+        QVERIFY(QDir().mkpath(folder));
+        QString again = folder + "/again.mkv";
+        if (kind == "link")
+            QVERIFY(QFile::link(clip("a.mkv"), again));
+        else if (kind == "hard")
+            QCOMPARE(::link(QFile::encodeName(clip("a.mkv")).constData(), QFile::encodeName(again).constData()), 0);
+        else
+            again = folder + "/../../" + QFileInfo(clipsPath()).fileName() + "/a.mkv";
+        QVERIFY(QFileInfo(again).isFile());
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", clip("a.mkv"), again});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("same input") && result.err.contains(again.toUtf8()), result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")), readEvents(data("a.events.png"))));
+    }
+
+    void aVideoAndTheManifestWrittenForItAreCountedOnce_data()
+    {
+        QTest::addColumn<bool>("videoFirst");
+        QTest::newRow("video first") << true;
+        QTest::newRow("manifest first") << false;
+    }
+
+    void aVideoAndTheManifestWrittenForItAreCountedOnce()
+    {
+        QFETCH(bool, videoFirst);
+        const QString video = clip("a.mkv");
+        const QString manifest = data("a.json");
+        const QString later = videoFirst ? manifest : video;
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", videoFirst ? video : manifest,
+                                                 clip("b.mkv"), later});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("same input") && result.err.contains(later.toUtf8()), result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")),
+                      readEvents(data("a.events.png")) + readEvents(data("b.events.png"))));
+    }
+
+    void twoManifestsOfOneVideoAreCountedOnce()
+    {
+        const QString copy = copyOfData();
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", data("a.json"), copy + "/a.json"});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("same input") && result.err.contains(QString(copy + "/a.json").toUtf8()),
+                 result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")), readEvents(data("a.events.png"))));
+    }
+
+    void aManifestAnalysedWithOtherParametersIsLeftOutNamingTheDifference_data()
+    {
+        QTest::addColumn<QString>("analysis");
+        QTest::addColumn<QStringList>("differences");
+        QTest::newRow("no blur") << "noblur" << QStringList{"blur false, not true", "threshold"};
+        QTest::newRow("mask") << "masked" << QStringList{"mask \"" + other("mask.png") + "\", not none"};
+        QTest::newRow("window") << "window" << QStringList{"window.start_s 0.5, not none"};
+    }
+
+    void aManifestAnalysedWithOtherParametersIsLeftOutNamingTheDifference()
+    {
+        QFETCH(QString, analysis);
+        QFETCH(QStringList, differences);
+        const QString leftOut = other(analysis + "/b.json");
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", data("a.json"), leftOut, data("c.json")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains(leftOut.toUtf8()) && result.err.contains(data("a.json").toUtf8())
+                     && result.err.contains("other parameters"),
+                 result.err.constData());
+        for (const QString& difference : differences)
+            QVERIFY2(result.err.contains(difference.toUtf8()), result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")),
+                      readEvents(data("a.events.png")) + readEvents(data("c.events.png"))));
+    }
+
+    void aVideoThatWouldBeAnalysedOtherwiseThanAFirstManifestIsLeftOut()
+    {
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", other("noblur/a.json"), clip("b.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("b.mkv") && result.err.contains("would be analysed")
+                     && result.err.contains("blur true, not false"),
+                 result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")), readEvents(other("noblur/a.events.png"))));
+    }
+
+    void aParameterAddedAfterAManifestWasWrittenIsComparedToo()
+    {
+        const QString copy = copyWithParameterOfB("stabilise", true);
+        QVERIFY(!copy.isEmpty());
+        const ToolRunning::Result result = tool({"--combine", "day", copy + "/a.json", copy + "/b.json"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("b.json") && result.err.contains("stabilise true, not none"),
+                 result.err.constData());
+    }
+
+    void manifestsDrawnOnAnotherScaleAreStillCombined()
+    {
+        const QString copy = copyWithParameterOfB("scale", QJsonObject{{"events_at_top", 20}, {"auto", false}});
+        QVERIFY(!copy.isEmpty());
+        const ToolRunning::Result result = tool({"--data", "--combine", "day", copy + "/a.json", copy + "/b.json"});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(equal(readEvents(out("day.events.png")),
+                      readEvents(data("a.events.png")) + readEvents(data("b.events.png"))));
+    }
+
+    // The videos are analysed as the options say; the manifests keep what they recorded.
+    void optionsBesideManifestsSayOnceThatTheyDoNotApplyToThem()
+    {
+        const ToolRunning::Result result =
+            tool({"--data", "--no-blur", "--combine", "day", other("noblur/a.json"), clip("b.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("--no-blur") && result.err.contains("not applied to the manifest inputs"),
+                 result.err.constData());
+        QVERIFY(equal(readEvents(out("day.events.png")),
+                      readEvents(other("noblur/a.events.png")) + readEvents(other("noblur/b.events.png"))));
+        QVERIFY(renew());
+        const ToolRunning::Result all = tool({"--mask", other("mask.png"), "--start", "0", "--end", "10", "--combine",
+                                              "day", data("a.json"), data("b.json")});
+        QCOMPARE(all.exitCode, 0);
+        QCOMPARE(all.err.count('\n'), 1);
+        for (const char* option : {"--mask", "--start", "--end"})
+            QVERIFY2(all.err.contains(option), all.err.constData());
+    }
+
+    void optionsWithVideosAloneSayNothing()
+    {
+        const ToolRunning::Result result =
+            tool({"--no-blur", "--start", "0", "--combine", "day", clip("a.mkv"), clip("b.mkv")});
+        QCOMPARE(result.exitCode, 0);
+        QCOMPARE(result.err, QByteArray());
+    }
+
+    void aManifestWithoutCombineSaysManifestsAreReadWithCombine()
+    {
+        const ToolRunning::Result result = tool({"--data", data("a.json")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains(data("a.json").toUtf8()) && result.err.contains("--combine")
+                     && !result.err.contains("Can't open video file"),
+                 result.err.constData());
+        QVERIFY(entries(outPath()).isEmpty());
+    }
+
+    // The manifest claims no file: the video beside it that would write a.png still does.
+    void aVideoBesideAManifestWithoutCombineIsStillAnalysed()
+    {
+        const ToolRunning::Result result = tool({data("a.json"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QCOMPARE(entries(outPath()), QStringList{"a.png"});
+    }
+
+    // 3 MB whose header declares 40000 x 40000 16-bit pixels, with a matching checksum: the
+    // merge must refuse it before decoding, within the README's --mem=1G for a cluster node.
+    void countsDeclaringAHugePictureAreRefusedFromTheHeaderWithinAGigabyte()
+    {
+        const QString copy = copyOfData();
+        const QByteArray huge = TestSupport::blackGreyPng(40000, 40000, 16);
+        QVERIFY(!huge.isEmpty());
+        QVERIFY(writeFile(copy + "/b.events.png", huge));
+        QJsonObject manifest = readJson(copy + "/b.json");
+        QJsonArray files = manifest["files"].toArray();
+        for (int i = 0; i < files.size(); ++i) {
+            QJsonObject file = files[i].toObject();
+            if (file["role"].toString() != "events")
+                continue;
+            file["size_bytes"] = double(huge.size());
+            file["sha256"] = QString::fromLatin1(QCryptographicHash::hash(huge, QCryptographicHash::Sha256).toHex());
+            files[i] = file;
+        }
+        manifest["files"] = files;
+        QVERIFY(writeFile(copy + "/b.json", QJsonDocument(manifest).toJson()));
+        long peakKb = 0;
+        const ToolRunning::Result result = ToolRunning::run(
+            {"--quiet", "--data", "--output-dir", outPath(), "--combine", "day", copy + "/a.json", copy + "/b.json"},
+            120000, &peakKb);
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("b.events.png") && result.err.contains("40000x40000")
+                     && result.err.contains("96x64"),
+                 result.err.constData());
+        QVERIFY2(peakKb > 0 && peakKb < 1024 * 1024, qPrintable(QStringLiteral("peak %1 kB").arg(peakKb)));
+        QVERIFY(equal(readEvents(out("day.events.png")), readEvents(data("a.events.png"))));
     }
 
     void aNameWithAFolderIsAUsageErrorAndWritesNothing_data()

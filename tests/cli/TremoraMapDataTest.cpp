@@ -372,6 +372,8 @@ private slots:
         QTest::newRow("empty mask file") << QStringList{"--mask", "CLIPS/empty.png"} << QStringList{"CLIPS/empty.png"};
         QTest::newRow("all-black mask") << QStringList{"--mask", "CLIPS/black.png"} << QStringList{"CLIPS/black.png"};
         QTest::newRow("mask is a folder") << QStringList{"--mask", "CLIPS"} << QStringList{"CLIPS"};
+        QTest::newRow("mask wider than 16384") << QStringList{"--mask", "CLIPS/wide.png"}
+                                               << QStringList{"CLIPS/wide.png", "16385x2", "16384"};
     }
 
     void badInputIsAUsageErrorAndWritesNothing()
@@ -384,6 +386,10 @@ private slots:
         text.write("not a picture\n");
         text.close();
         QVERIFY(saveMask(clip("black.png"), cv::Mat(8, 8, CV_8UC1, cv::Scalar(127))));
+        QFile wide(clip("wide.png"));
+        QVERIFY(wide.open(QIODevice::WriteOnly));
+        wide.write(TestSupport::blackGreyPng(16385, 2, 8));
+        wide.close();
         // An earlier result stays as it was.
         QFile earlier(out("speckles.json"));
         QVERIFY(earlier.open(QIODevice::WriteOnly));

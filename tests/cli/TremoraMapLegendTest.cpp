@@ -1,3 +1,4 @@
+#include "TestSupport.h"
 #include "ToolRunning.h"
 
 #include <QDir>
@@ -5,7 +6,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QtTest>
+
+#include <cmath>
 
 // The executable's legends (--legend): the map unchanged above a strip that explains it, for
 // one video and for a combined map.
@@ -22,10 +27,81 @@ QStringList rolesOf(const QString& manifest)
     return roles;
 }
 
+// The text tesseract reads in the strip below a map `mapHeight` pixels high, one line of the
+// strip a line, its spaces collapsed. The strip is enlarged three times, as OCR reads letters
+// some 30 pixels high best. `error` receives why it could not be read.
+QStringList readStrip(const QString& legendPath, int mapHeight, const QString& folder, QString* error)
+{
+    const QImage legend(legendPath);
+    const QImage strip = legend.copy(0, mapHeight, legend.width(), legend.height() - mapHeight);
+    const QString enlarged = QDir(folder).filePath(QStringLiteral("strip-for-ocr.png"));
+    if (!strip.scaled(strip.size() * 3, Qt::IgnoreAspectRatio, Qt::SmoothTransformation).save(enlarged)) {
+        *error = QStringLiteral("can't save %1").arg(enlarged);
+        return {};
+    }
+    QProcess ocr;
+    // One block of lines, in English.
+    ocr.start(QStringLiteral("tesseract"), {enlarged, QStringLiteral("stdout"), QStringLiteral("--psm"),
+                                            QStringLiteral("6"), QStringLiteral("-l"), QStringLiteral("eng")});
+    if (!ocr.waitForStarted(10000) || !ocr.waitForFinished(60000) || ocr.exitCode() != 0) {
+        *error = QStringLiteral("tesseract (Debian: tesseract-ocr) did not run: %1 %2")
+                     .arg(ocr.errorString(), QString::fromLocal8Bit(ocr.readAllStandardError()));
+        return {};
+    }
+    QStringList lines;
+    for (const QString& line : QString::fromUtf8(ocr.readAllStandardOutput()).split(QLatin1Char('\n'))) {
+        // OCR reads the dashes as one kind or another.
+        QString text = line.simplified();
+        text.replace(QChar(0x2013), QLatin1Char('-')).replace(QChar(0x2014), QLatin1Char('-'));
+        if (!text.isEmpty())
+            lines << text;
+    }
+    return lines;
+}
+
+// The line of `lines` that ends with `unit` ("events", "per hour"), its labels without the
+// "≥" before the top one, which OCR reads as "=" or ">" as often as not.
+QStringList tickLabels(const QStringList& lines, const QString& unit)
+{
+    for (const QString& line : lines) {
+        if (!line.endsWith(unit))
+            continue;
+        QStringList labels;
+        for (QString word : line.left(line.size() - unit.size()).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+            word.remove(QRegularExpression(QStringLiteral("^[^0-9]+")));
+            if (!word.isEmpty())
+                labels << word.toLower();
+        }
+        return labels;
+    }
+    return {};
+}
+
+// A per-hour label as a reader expects it: thousands with one decimal below ten thousand,
+// rounded thousands above.
+QString thousands(double perHour)
+{
+    return perHour < 1e4 ? QString::number(perHour / 1e3, 'f', 1) + QLatin1Char('k')
+                         : QString::number(std::round(perHour / 1e3)) + QLatin1Char('k');
+}
+
 } // namespace
 
 class TremoraMapLegendTest : public QObject, private ToolRunning::Folders {
     Q_OBJECT
+
+private:
+    // The lines OCR reads in the strip of the legend of clip NAME.mkv (960 x 540) drawn with
+    // `options`; `error` receives why there are none.
+    QStringList legendLines(const QString& name, const QStringList& options, QString* error) const
+    {
+        const ToolRunning::Result result = tool(QStringList{"--legend"} + options + QStringList{clip(name + ".mkv")});
+        if (result.exitCode != 0) {
+            *error = QString::fromUtf8(result.err);
+            return {};
+        }
+        return readStrip(out(name + ".legend.png"), 540, outPath(), error);
+    }
 
 private slots:
     void initTestCase()
@@ -95,6 +171,50 @@ private slots:
         const QImage plain = QImage(out("plain/both.legend.png")).convertToFormat(QImage::Format_RGB888);
         QCOMPARE(masked.width(), plain.width());
         QVERIFY(masked != plain);
+    }
+
+    // Read back from the picture, as a person would: whose map, when, which mask, and the
+    // ticks in events and per hour of footage.
+    void theStripReadsBackTheNameTimeSpanMaskAndTicks()
+    {
+        // 51 frames at 25 a second: 50 pairs, two seconds of footage from 10:00:00 UTC.
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=960x540:rate=25", "-frames:v", "51",
+                                        "-metadata", "creation_time=2024-05-06T10:00:00Z", "-c:v", "ffv1",
+                                        clip("harbour.mkv")}));
+        QImage mask(96, 54, QImage::Format_Grayscale8);
+        mask.fill(255);
+        QVERIFY(mask.save(clip("harbour-mask.png")));
+        QString error;
+        const QStringList lines =
+            legendLines(QStringLiteral("harbour"), {"--scale", "10", "--mask", clip("harbour-mask.png")}, &error);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QVERIFY2(lines.size() >= 4, qPrintable(lines.join(QLatin1Char('|'))));
+        QCOMPARE(lines[0], QStringLiteral("harbour.mkv"));
+        QVERIFY2(lines[1].startsWith(QStringLiteral("2024-05-06 10:00:00 - 10:00:02 UTC")), qPrintable(lines[1]));
+        QVERIFY2(lines[1].endsWith(QStringLiteral("mask: harbour-mask.png")), qPrintable(lines[1]));
+        // Round steps of two events up to the top at ten; two seconds of footage make every
+        // event 1,800 an hour.
+        const QStringList events{"2", "4", "6", "8", "10"};
+        QCOMPARE(tickLabels(lines, QStringLiteral("events")), events);
+        QStringList perHour;
+        for (const QString& count : events)
+            perHour << thousands(count.toDouble() * 3600.0 / 2.0);
+        QCOMPARE(perHour, (QStringList{"3.6k", "7.2k", "11k", "14k", "18k"}));
+        QCOMPARE(tickLabels(lines, QStringLiteral("per hour")), perHour);
+    }
+
+    void aStripWithoutClockTimeOrMaskSaysSoInWords()
+    {
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=960x540:rate=25", "-frames:v", "76",
+                                        "-c:v", "ffv1", clip("quay.mkv")}));
+        QString error;
+        const QStringList lines = legendLines(QStringLiteral("quay"), {}, &error);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QVERIFY2(lines.size() >= 2, qPrintable(lines.join(QLatin1Char('|'))));
+        QCOMPARE(lines[0], QStringLiteral("quay.mkv"));
+        // 75 pairs: three seconds of the video.
+        QVERIFY2(lines[1].startsWith(QStringLiteral("0:00:00 - 0:00:03 of the video")), qPrintable(lines[1]));
+        QVERIFY2(lines[1].endsWith(QStringLiteral("no mask")), qPrintable(lines[1]));
     }
 
     void anExistingLegendIsNotReplacedAndItsVideoNotAnalysed()

@@ -1,3 +1,4 @@
+#include "TestSupport.h"
 #include "ToolRunning.h"
 
 #include <QtTest>
@@ -19,6 +20,22 @@ bool writeText(const QString& path, const QByteArray& text)
 {
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
+}
+
+// A grey picture whose 8 x 8 box flashes white for one frame every 60 frames, 259 times: each
+// flash a new event, so the box holds 259 events, which the window's count, wrapping at 256,
+// shows as 3.
+bool makeWrappingClip(const QString& path)
+{
+    return TestSupport::runFfmpeg({"-f", "lavfi", "-i",
+                                   "color=c=gray:size=32x24:rate=25,drawbox=x=8:y=8:w=8:h=8:color=white:t=fill:"
+                                   "enable='eq(mod(n,60),30)'",
+                                   "-frames:v", "15540", "-c:v", "ffv1", path});
+}
+
+QImage rgb(const QString& path)
+{
+    return QImage(path).convertToFormat(QImage::Format_RGB888);
 }
 
 } // namespace
@@ -193,6 +210,127 @@ private slots:
                  result.err.constData());
         QVERIFY(QFile::exists(out("maps/a.png")));
         QVERIFY(QFile::exists(out("maps/a.json")));
+    }
+
+    // Cards of one report compare: a manifest's card is drawn as its video's is in the same
+    // run, whatever --scale says, and its legend covers the window the manifest records.
+    void aManifestsCardIsTheVideosCardPixelForPixel_data()
+    {
+        QTest::addColumn<QString>("clipName");
+        QTest::addColumn<QStringList>("options");
+        QTest::newRow("window's count, wrapped") << "wrap.mkv" << QStringList{};
+        QTest::newRow("scale auto") << "a.mkv" << QStringList{"--scale", "auto"};
+        QTest::newRow("scale 3") << "a.mkv" << QStringList{"--scale", "3"};
+        QTest::newRow("scale auto from 0.5 s") << "b.mkv" << QStringList{"--scale", "auto", "--start", "0.5"};
+    }
+
+    void aManifestsCardIsTheVideosCardPixelForPixel()
+    {
+        QFETCH(QString, clipName);
+        QFETCH(QStringList, options);
+        if (clipName == QLatin1String("wrap.mkv") && !QFile::exists(clip(clipName)))
+            QVERIFY(makeWrappingClip(clip(clipName)));
+        // The manifest is made from a copy of the video under the same name elsewhere: a video
+        // and its own manifest are one input, which --combine counts once.
+        const QString copy = clip("copy/" + clipName);
+        QVERIFY(QDir(clip("copy")).mkpath("."));
+        QVERIFY(QFile::exists(copy) || QFile::copy(clip(clipName), copy));
+        const QString manifest = out("data/" + QFileInfo(clipName).baseName() + ".json");
+        QVERIFY(QDir(out("data")).mkpath("."));
+        QCOMPARE(ToolRunning::run(QStringList{"--quiet", "--data", "-o", out("data")} + options + QStringList{copy})
+                     .exitCode,
+                 0);
+        const ToolRunning::Result result = toolIntoMaps(QStringList{"--combine", "both", "--report", out("report")}
+                                                        + options + QStringList{clip(clipName), manifest});
+        QCOMPARE(result.exitCode, 0);
+        // Card 1 is the video's, card 2 its manifest's.
+        QCOMPARE(rgb(out("report/maps/2.png")), rgb(out("report/maps/1.png")));
+        QCOMPARE(rgb(out("report/maps/2.legend.png")), rgb(out("report/maps/1.legend.png")));
+        if (options.isEmpty()) {
+            // Drawn as the window draws it: the map the run writes alone for the video.
+            QCOMPARE(rgb(out("report/maps/2.png")), rgb(out("data/wrap.png")));
+        }
+    }
+
+    void theReportsFolderCannotBeTheMapsFolderNorHoldIt_data()
+    {
+        QTest::addColumn<QString>("maps");
+        QTest::addColumn<QString>("report");
+        QTest::newRow("the same") << "shared" << "shared";
+        QTest::newRow("spelt otherwise") << "shared" << "./shared/../shared/";
+        QTest::newRow("maps inside") << "shared/maps" << "shared";
+    }
+
+    void theReportsFolderCannotBeTheMapsFolderNorHoldIt()
+    {
+        QFETCH(QString, maps);
+        QFETCH(QString, report);
+        const ToolRunning::Result result =
+            ToolRunning::run({"--quiet", "-o", out(maps), "--report", out(report), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY2(result.err.startsWith("tremora-map: --report") && result.err.contains("folder of its own"),
+                 result.err.constData());
+        QCOMPARE(entries(outPath()), QStringList());
+    }
+
+    void aReportFolderThatIsAFileSpeltAsAFolderIsRefusedBeforeAnything()
+    {
+        QVERIFY(writeText(out("blocker"), "a file"));
+        const ToolRunning::Result result = toolIntoMaps({"--report", out("blocker/."), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY2(result.err.contains("is a file"), result.err.constData());
+        QVERIFY(!QFile::exists(out("maps")));
+        QCOMPARE(ToolRunning::readAll(out("blocker")), QByteArray("a file"));
+    }
+
+    void aReportUnderAFileFailsButSlicesAndCombinedMapsAreWritten_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QString>("written");
+        QTest::newRow("slices") << QStringList{"--slice", "1s"} << "b.slice-00h00m01s.png";
+        QTest::newRow("combined") << QStringList{"--combine", "both"} << "both.png";
+    }
+
+    void aReportUnderAFileFailsButSlicesAndCombinedMapsAreWritten()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(QString, written);
+        QVERIFY(writeText(out("blocker"), "a file"));
+        const ToolRunning::Result result =
+            toolIntoMaps(options + QStringList{"--report", out("blocker/report"), clip("b.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("Can't write report folder"), result.err.constData());
+        QVERIFY(QFile::exists(out("maps/" + written)));
+    }
+
+    void aVideoWithTimesBeyondAnyRecordingFailsAloneAndTheReportShowsWhy()
+    {
+        QVERIFY(ToolRunning::makeFarTimestampClip(clip("far.mkv")));
+        const ToolRunning::Result result = toolIntoMaps({"--report", out("report"), clip("far.mkv"), clip("a.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("far.mkv") && result.err.contains("1e+12 seconds")
+                     && result.err.contains("beyond any real recording"),
+                 result.err.constData());
+        QVERIFY(QFile::exists(out("maps/a.png")));
+        QVERIFY(!QFile::exists(out("maps/far.png")));
+        const QByteArray page = ToolRunning::readAll(out("report/index.html"));
+        QCOMPARE(page.count("class=\"outcome failed\""), 1);
+        QVERIFY(page.contains("beyond any real recording"));
+    }
+
+    void aManifestWhoseTimesLieBeyondAnyRecordingFailsItsCard()
+    {
+        QVERIFY(ToolRunning::makeFarTimestampClip(clip("far.mkv")));
+        QVERIFY(QDir(out("data")).mkpath("."));
+        // Without slices or a report nothing numbers its seconds, so its data are written.
+        QCOMPARE(ToolRunning::run({"--quiet", "--data", "-o", out("data"), clip("far.mkv")}).exitCode, 0);
+        const ToolRunning::Result result =
+            toolIntoMaps({"--combine", "both", "--report", out("report"), out("data/far.json")});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("far.activity.csv") && result.err.contains("beyond any real recording"),
+                 result.err.constData());
     }
 
     void anEmptyReportFolderNameIsAUsageError()

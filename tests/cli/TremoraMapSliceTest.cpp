@@ -104,9 +104,26 @@ private slots:
     {
         const QString day = clip("day.mkv");
         QVERIFY(makeDayApartClip(day));
-        const ToolRunning::Result result = tool({"--slice", "1h", "--overwrite", day});
+        const ToolRunning::Result result = tool({"--slice", "1h", "--overwrite", "--data", day});
         QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
         QVERIFY2(result.err.contains("day.slice-09h30m00s.png") && result.err.contains("a day apart"),
+                 result.err.constData());
+        // The length the container records tells before the analysis: the video's data,
+        // which its pass would write, are not there either.
+        QVERIFY2(result.err.contains("'" + day.toUtf8() + "' is not analysed"), result.err.constData());
+        QCOMPARE(entries(outPath()), QStringList());
+    }
+
+    void combinedSlicesADayApartAreFoundBeforeTheAnalysis()
+    {
+        const QString day = clip("day.mkv");
+        QVERIFY(QFile::exists(day) || makeDayApartClip(day));
+        const ToolRunning::Result result = tool({"--slice", "1h", "--data", "--combine", "days", day});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("days.slice-09h30m00s.png") && result.err.contains("a day apart")
+                     && result.err.contains("nothing is combined"),
                  result.err.constData());
         QCOMPARE(entries(outPath()), QStringList());
     }
@@ -149,12 +166,64 @@ private slots:
         QVERIFY(earlier.open(QIODevice::WriteOnly));
         earlier.write("earlier");
         earlier.close();
-        const ToolRunning::Result refused = tool({"--slice", "2s", clip()});
+        const ToolRunning::Result refused = tool({"--slice", "2s", "--data", clip()});
         QCOMPARE(refused.exitCode, 1);
-        QVERIFY2(refused.err.contains("exists; not replaced"), refused.err.constData());
+        QVERIFY2(refused.err.contains("half.slice-00h00m02s.png' exists; '" + clip().toUtf8() + "' is not analysed"),
+                 refused.err.constData());
         QCOMPARE(readAll(out("half.slice-00h00m02s.png")), QByteArray("earlier"));
+        // Found before the analysis: none of the video's data was written.
+        QCOMPARE(entries(outPath()), QStringList{"half.slice-00h00m02s.png"});
         QCOMPARE(tool({"--slice", "2s", "--overwrite", clip()}).exitCode, 0);
         QVERIFY(!QImage(out("half.slice-00h00m02s.png")).isNull());
+    }
+
+    void anExistingCombinedSliceStopsTheCombinationBeforeTheAnalysis()
+    {
+        QFile earlier(out("both.slice-00h00m04s.png"));
+        QVERIFY(earlier.open(QIODevice::WriteOnly));
+        earlier.write("earlier");
+        earlier.close();
+        // Back to back, the second clip's second half starts at 6 s.
+        const ToolRunning::Result result = tool({"--slice", "2s", "--data", "--combine", "both", clip(), clip("busy.mkv")});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("both.slice-00h00m04s.png' exists; nothing is combined"), result.err.constData());
+        QCOMPARE(entries(outPath()), QStringList{"both.slice-00h00m04s.png"});
+        QCOMPARE(readAll(out("both.slice-00h00m04s.png")), QByteArray("earlier"));
+    }
+
+    // Names are taken as they are: nothing in them is a placeholder for the slice's start.
+    void slicesOfNamesWithPercentSignsAndBracesKeepThoseNames_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("%1") << "cam%1";
+        QTest::newRow("%0") << "x%0";
+        QTest::newRow("%% and {}") << "y%%{}";
+    }
+
+    void slicesOfNamesWithPercentSignsAndBracesKeepThoseNames()
+    {
+        QFETCH(QString, name);
+        const QString video = clip(name + ".mkv");
+        QVERIFY(QFile::exists(video) || QFile::copy(clip(), video));
+        const QString folder = out("maps %1");
+        const ToolRunning::Result result = tool({"--slice", "2s", "--legend", "--data", "-o", folder, video});
+        QCOMPARE(result.exitCode, 0);
+        const QString slice = name + ".slice-00h00m02s";
+        QCOMPARE(entries(folder), (QStringList{name + ".activity.csv", name + ".background.png", name + ".events.png",
+                                               name + ".json", slice + ".events.png", slice + ".legend.png",
+                                               slice + ".png"}));
+    }
+
+    void aVideoWithTimesBeyondAnyRecordingFailsAloneWhenSliced()
+    {
+        QVERIFY(ToolRunning::makeFarTimestampClip(clip("far.mkv")));
+        const ToolRunning::Result result = tool({"--slice", "1s", clip("far.mkv"), clip()});
+        QCOMPARE(result.exitCode, 1);
+        QCOMPARE(result.err.count('\n'), 1);
+        QVERIFY2(result.err.contains("far.mkv") && result.err.contains("1e+12 seconds from its start")
+                     && result.err.contains("beyond any real recording"),
+                 result.err.constData());
+        QCOMPARE(entries(outPath()), (QStringList{"half.slice-00h00m02s.png", "half.slice-00h00m03s.png"}));
     }
 
     void twoVideosOfOneNameDoNotWriteTheSameSlices()

@@ -240,6 +240,8 @@ QString disagreement(const PassRun& pass, const JobRun& job, const QString& file
         return {};
     case MotionPassOutcome::Canceled:
         break;
+    case MotionPassOutcome::TimeOutOfRange:
+        return QStringLiteral("the pass refused a time it was not asked to place");
     }
     return QStringLiteral("the pass ended canceled without a request");
 }

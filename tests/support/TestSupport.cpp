@@ -3,6 +3,12 @@
 #include <QFile>
 #include <QProcess>
 #include <QSettings>
+#include <QtEndian>
+
+#include <sys/resource.h>
+#include <zlib.h>
+
+#include <vector>
 
 namespace TestSupport {
 namespace {
@@ -25,7 +31,68 @@ bool finish(QProcess& process, QString* error)
     return ok;
 }
 
+QByteArray bigEndian32(quint32 value)
+{
+    QByteArray bytes(4, '\0');
+    qToBigEndian(value, bytes.data());
+    return bytes;
+}
+
+QByteArray pngChunk(const char* type, const QByteArray& data)
+{
+    const QByteArray typed = QByteArray(type, 4) + data;
+    const auto crc = static_cast<quint32>(
+        crc32(0, reinterpret_cast<const Bytef*>(typed.constData()), static_cast<uInt>(typed.size())));
+    return bigEndian32(static_cast<quint32>(data.size())) + typed + bigEndian32(crc);
+}
+
+// The zlib stream of `rows` rows of `rowBytes` zero bytes, each after its filter byte 0 (none),
+// deflated a row at a time so that the picture is never held whole.
+QByteArray deflatedBlackRows(int rows, int rowBytes)
+{
+    z_stream stream{};
+    if (deflateInit2(&stream, 9, Z_DEFLATED, 15, 9, Z_RLE) != Z_OK)
+        return {};
+    std::vector<Bytef> row(static_cast<size_t>(rowBytes) + 1, 0);
+    std::vector<Bytef> out(1 << 16);
+    QByteArray deflated;
+    int status = Z_OK;
+    for (int y = 0; y < rows; ++y) {
+        stream.next_in = row.data();
+        stream.avail_in = static_cast<uInt>(row.size());
+        const int flush = y == rows - 1 ? Z_FINISH : Z_NO_FLUSH;
+        do {
+            stream.next_out = out.data();
+            stream.avail_out = static_cast<uInt>(out.size());
+            status = deflate(&stream, flush);
+            deflated.append(reinterpret_cast<const char*>(out.data()),
+                            static_cast<int>(out.size() - stream.avail_out));
+        } while (stream.avail_out == 0);
+    }
+    deflateEnd(&stream);
+    return status == Z_STREAM_END ? deflated : QByteArray();
+}
+
 } // namespace
+
+QByteArray blackGreyPng(int width, int height, int bitDepth)
+{
+    const QByteArray rows = deflatedBlackRows(height, width * (bitDepth / 8));
+    if (rows.isEmpty())
+        return {};
+    // Width, height, bit depth, colour type 0 (grey), deflate, adaptive filters, no interlace.
+    const QByteArray header = bigEndian32(static_cast<quint32>(width)) + bigEndian32(static_cast<quint32>(height))
+                              + static_cast<char>(bitDepth) + QByteArray(4, '\0');
+    return QByteArray("\x89PNG\r\n\x1a\n", 8) + pngChunk("IHDR", header) + pngChunk("IDAT", rows)
+           + pngChunk("IEND", {});
+}
+
+long peakResidentKilobytes()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
 
 bool runFfmpeg(const QStringList& args, QString* error)
 {
@@ -91,6 +158,18 @@ bool catchesSignals(qint64 pid, const std::vector<int>& signalNumbers)
         return ok && (caught & wanted) == wanted;
     }
     return false;
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
 } // namespace TestSupport

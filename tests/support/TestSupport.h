@@ -22,8 +22,23 @@ bool writeRawClip(const QString& path, int width, int height,
                   const QStringList& outputArgs = {"-c:v", "ffv1"},
                   const QString& inputPixelFormat = QStringLiteral("gray"), int fps = 25);
 
+// The bytes of the file at `path`; empty when it cannot be read.
+QByteArray readFile(const QString& path);
+
+// Writes `content` to `path` directly (not under a temporary name); true when all of it was.
+bool writeFile(const QString& path, const QByteArray& content);
+
 // A grey frame of one value, the building block of exact-count clips.
 QByteArray grayFrame(int width, int height, unsigned char value);
+
+// A PNG of `width` x `height` grey pixels of `bitDepth` bits (8 or 16), all black, with valid
+// checksums and deflated as far as zlib goes: 40000 x 40000 at 16 bits holds 3.2 GB of
+// pixels in about 3 MB, the picture whose header alone must be enough to refuse it.
+// Empty on failure.
+QByteArray blackGreyPng(int width, int height, int bitDepth);
+
+// The most memory this process has held resident at once so far, in kilobytes.
+long peakResidentKilobytes();
 
 // True once process `pid` has handlers for all of `signalNumbers`, i.e. its start-up got that
 // far: a signal sent earlier would end it the default way and prove nothing.

@@ -28,31 +28,19 @@ QString settingValue(const QString& key)
     return QSettings().value(key).toString();
 }
 
-QByteArray contents(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeContents(const QString& path, const QByteArray& data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
 bool isPng(const QString& path)
 {
-    return contents(path).startsWith("\x89PNG\r\n\x1a\n");
+    return TestSupport::readFile(path).startsWith("\x89PNG\r\n\x1a\n");
 }
 
 bool isJpeg(const QString& path)
 {
-    return contents(path).startsWith("\xff\xd8\xff");
+    return TestSupport::readFile(path).startsWith("\xff\xd8\xff");
 }
 
 bool isBmp(const QString& path)
 {
-    return contents(path).startsWith("BM");
+    return TestSupport::readFile(path).startsWith("BM");
 }
 
 QStringList entriesOf(const QString& folder)
@@ -423,7 +411,7 @@ void MapExportTest::yesToAllWritesAllFiveExistingFilesWithOnePrompt()
     QSettings().setValue("last_export_ext", "png");
     const QString out = outFolder("out");
     for (const QString& name : names)
-        QVERIFY(writeContents(out + "/" + name + ".png", "old"));
+        QVERIFY(TestSupport::writeFile(out + "/" + name + ".png", "old"));
 
     ModalScript script({acceptFileDialog(out), clickButton(QMessageBox::YesToAll)});
     action(*m_window, "actionSaveAllMaps")->trigger();
@@ -441,8 +429,8 @@ void MapExportTest::yesAsksAgainAtTheNextExistingFile()
     addJobs({"v1.mp4", "v2.mp4"});
     QSettings().setValue("last_export_ext", "png");
     const QString out = outFolder("out");
-    QVERIFY(writeContents(out + "/v1.png", "old"));
-    QVERIFY(writeContents(out + "/v2.png", "old"));
+    QVERIFY(TestSupport::writeFile(out + "/v1.png", "old"));
+    QVERIFY(TestSupport::writeFile(out + "/v2.png", "old"));
 
     ModalScript script({acceptFileDialog(out), clickButton(QMessageBox::Yes), clickButton(QMessageBox::Yes)});
     action(*m_window, "actionSaveAllMaps")->trigger();
@@ -461,7 +449,7 @@ void MapExportTest::noThenCancelWritesNothingAndEndsTheRunAtTheSecondEntry()
     addJobs({"v1.mp4", "v2.mp4", "v3.mp4", "v4.mp4", "v5.mp4"});
     const QString out = outFolder("out");
     for (const QString& name : names)
-        QVERIFY(writeContents(out + "/" + name + ".jpg", "old"));
+        QVERIFY(TestSupport::writeFile(out + "/" + name + ".jpg", "old"));
 
     ModalScript script({acceptFileDialog(out), clickButton(QMessageBox::No), clickButton(QMessageBox::Cancel)});
     action(*m_window, "actionSaveAllMaps")->trigger();
@@ -472,15 +460,15 @@ void MapExportTest::noThenCancelWritesNothingAndEndsTheRunAtTheSecondEntry()
     QCOMPARE(script.seen().at(1).text, QStringLiteral("File '%1' exists. Overwrite it?").arg(out + "/v1.jpg"));
     QCOMPARE(script.seen().at(2).text, QStringLiteral("File '%1' exists. Overwrite it?").arg(out + "/v2.jpg"));
     for (const QString& name : names)
-        QCOMPARE(contents(out + "/" + name + ".jpg"), QByteArray("old"));
+        QCOMPARE(TestSupport::readFile(out + "/" + name + ".jpg"), QByteArray("old"));
 }
 
 void MapExportTest::closingThePromptEndsTheRunLikeCancel()
 {
     addJobs({"v1.mp4", "v2.mp4"});
     const QString out = outFolder("out");
-    QVERIFY(writeContents(out + "/v1.jpg", "old"));
-    QVERIFY(writeContents(out + "/v2.jpg", "old"));
+    QVERIFY(TestSupport::writeFile(out + "/v1.jpg", "old"));
+    QVERIFY(TestSupport::writeFile(out + "/v2.jpg", "old"));
 
     ModalScript script({acceptFileDialog(out), closeMessageBox()});
     action(*m_window, "actionSaveAllMaps")->trigger();
@@ -488,8 +476,8 @@ void MapExportTest::closingThePromptEndsTheRunLikeCancel()
     QCOMPARE(script.stepsLeft(), 0);
     QCOMPARE(script.unexpected(), 0);
     QCOMPARE(script.seen().size(), 2);
-    QCOMPARE(contents(out + "/v1.jpg"), QByteArray("old"));
-    QCOMPARE(contents(out + "/v2.jpg"), QByteArray("old"));
+    QCOMPARE(TestSupport::readFile(out + "/v1.jpg"), QByteArray("old"));
+    QCOMPARE(TestSupport::readFile(out + "/v2.jpg"), QByteArray("old"));
 }
 
 void MapExportTest::failingThirdWriteShowsOneErrorAndEndsTheRun()
@@ -621,7 +609,7 @@ void MapExportTest::failedWriteLeavesTheExistingFileAsItWas()
     addJobs({"clip.mp4"});
     const QString out = outFolder("out");
     const QByteArray precious("precious bytes that must survive");
-    QVERIFY(writeContents(out + "/old.xyz", precious));
+    QVERIFY(TestSupport::writeFile(out + "/old.xyz", precious));
 
     // The save dialog itself asks before replacing; the write then fails on the format.
     ModalScript script({acceptFileDialog(out + "/old.xyz"), clickButton(QMessageBox::Yes),
@@ -631,7 +619,7 @@ void MapExportTest::failedWriteLeavesTheExistingFileAsItWas()
     QCOMPARE(script.stepsLeft(), 0);
     QCOMPARE(script.unexpected(), 0);
     QCOMPARE(script.seen().at(2).text, QStringLiteral("Can't save image file '%1'").arg(out + "/old.xyz"));
-    QCOMPARE(contents(out + "/old.xyz"), precious);
+    QCOMPARE(TestSupport::readFile(out + "/old.xyz"), precious);
     QCOMPARE(entriesOf(out), QStringList{"old.xyz"});
 }
 
@@ -643,7 +631,7 @@ void MapExportTest::fullDiskLeavesTheExistingFileAndNoTemporaryFile()
     const QString out = outFolder("out");
     const QString target = out + "/map.bmp";
     const QByteArray precious("an older map that must survive");
-    QVERIFY(writeContents(target, precious));
+    QVERIFY(TestSupport::writeFile(target, precious));
 
     // Room for the settings file but not for the map: the write runs out of space midway.
     FileSizeLimit limit;
@@ -655,7 +643,7 @@ void MapExportTest::fullDiskLeavesTheExistingFileAndNoTemporaryFile()
     QCOMPARE(script.stepsLeft(), 0);
     QCOMPARE(script.unexpected(), 0);
     QCOMPARE(script.seen().at(2).text, QStringLiteral("Can't save image file '%1'").arg(target));
-    QCOMPARE(contents(target), precious);
+    QCOMPARE(TestSupport::readFile(target), precious);
     QCOMPARE(entriesOf(out), QStringList{"map.bmp"});
 
     // The same map fits once the limit is gone, so it was the space that failed.

@@ -843,6 +843,68 @@ private slots:
         QVERIFY(equal(sum, as32Bit(facts.exactCounts)));
     }
 
+    // 60 frames at 25 a second, the last 30 of them `jump` seconds later than the first 30.
+    QString jumpingClip(const QString& name, const QString& jump)
+    {
+        const QString path = m_dir.filePath(name);
+        if (QFile::exists(path))
+            return path;
+        const bool made = TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=48x32:rate=25", "-frames:v", "60",
+                                                  "-vf", "setpts='PTS+if(gte(N,30)," + jump + "/TB,0)'",
+                                                  "-fps_mode", "passthrough", "-c:v", "ffv1", path});
+        return made ? path : QString();
+    }
+
+    // Slices are numbered in an int, event times in whole seconds: a pair that would need
+    // more stops the pass before it is counted, and says so.
+    void aPairNoSliceOrSecondCanNumberStopsThePass_data()
+    {
+        QTest::addColumn<QString>("jump");
+        QTest::addColumn<double>("sliceSeconds");
+        QTest::addColumn<double>("sliceOffset");
+        QTest::addColumn<int>("eventCellSize");
+        QTest::addColumn<bool>("stops");
+        QTest::addColumn<double>("stoppedAt");
+        QTest::newRow("1e12 s, sliced") << "1e12" << 1.0 << 0.0 << 0 << true << 1e12 + 1.2;
+        QTest::newRow("1e12 s, event times") << "1e12" << 0.0 << 0.0 << 16 << true << 1e12 + 1.2;
+        QTest::newRow("1e12 s, neither") << "1e12" << 0.0 << 0.0 << 0 << false << 0.0;
+        QTest::newRow("1e9 s, slices of 1 s") << "1e9" << 1.0 << 0.0 << 0 << false << 0.0;
+        QTest::newRow("1e9 s, slices of 0.25 s") << "1e9" << 0.25 << 0.0 << 0 << true << 1e9 + 1.2;
+        QTest::newRow("a line starting far away") << "0" << 1.0 << 2e10 << 0 << true << 2e10 + 0.04;
+    }
+
+    void aPairNoSliceOrSecondCanNumberStopsThePass()
+    {
+        QFETCH(QString, jump);
+        QFETCH(double, sliceSeconds);
+        QFETCH(double, sliceOffset);
+        QFETCH(int, eventCellSize);
+        QFETCH(bool, stops);
+        QFETCH(double, stoppedAt);
+        const QString path = jumpingClip("jump-" + jump + ".mkv", jump);
+        QVERIFY(!path.isEmpty());
+        MotionPassSettings settings;
+        settings.detailed = true;
+        settings.sliceSeconds = sliceSeconds;
+        settings.sliceOffset = sliceOffset;
+        settings.eventCellSize = eventCellSize;
+        SliceRecordingHooks hooks;
+        MotionPassFacts facts;
+        cv::Mat counts, background;
+        const MotionPassOutcome outcome = MotionPass::run(path.toUtf8(), settings, counts, background, hooks, &facts);
+        QCOMPARE(outcome, stops ? MotionPassOutcome::TimeOutOfRange : MotionPassOutcome::Finished);
+        QCOMPARE(facts.stoppedAtUnplaceableTime, stops);
+        if (!stops) {
+            QCOMPARE(facts.pairsAnalysed, 59);
+            return;
+        }
+        QVERIFY2(std::abs(facts.unplaceableTime - stoppedAt) < 0.01, qPrintable(QString::number(facts.unplaceableTime, 'f')));
+        // Every pair before the one that cannot be placed was counted.
+        QCOMPARE(facts.pairsAnalysed, sliceOffset > 0.0 ? 0 : 29);
+        for (const SliceRecordingHooks::Slice& slice : hooks.slices)
+            QVERIFY(slice.start < 2.0);
+    }
+
     void withoutDetailNoSliceIsHandedOver()
     {
         const QString path = clip("slices.mkv", speckledNoise(cv::Size(40, 30), 160, 43));

@@ -3,6 +3,8 @@
 #include <QtTest>
 
 #include <cmath>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -44,6 +46,7 @@ private slots:
     void badTimeOptionsAreUsageErrorsNamingOptionAndValue();
     void startEqualToEndIsAnEmptyWindowNotAnError();
     void reportIsReadAndBringsTheData();
+    void aReportFolderThatIsOrHoldsTheMapsFolderIsAUsageError();
     void scaleIsReadAsEventsOrAuto();
     void badScalesAreUsageErrorsNamingTheValue_data();
     void badScalesAreUsageErrorsNamingTheValue();
@@ -391,6 +394,22 @@ void MapToolOptionsTest::reportIsReadAndBringsTheData()
     QCOMPARE(empty.action, ParsedCommandLine::Action::UsageError);
     QVERIFY(empty.error.contains(QStringLiteral("report folder")));
     QCOMPARE(parse({"--report"}).action, ParsedCommandLine::Action::UsageError);
+}
+
+void MapToolOptionsTest::aReportFolderThatIsOrHoldsTheMapsFolderIsAUsageError()
+{
+    // Published, the report takes its folder's place: the maps there would go with it.
+    for (const auto& [maps, report] : std::vector<std::pair<QString, QString>>{
+             {"out", "out"}, {"out", "./out/"}, {"out/maps", "out"}, {"out", "sub/../out"}}) {
+        const ParsedCommandLine parsed = parse({"-o", maps, "--report", report, "a.mp4"});
+        QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+        QVERIFY2(parsed.error.contains(QStringLiteral("folder of its own")), qPrintable(parsed.error));
+    }
+    for (const auto& [maps, report] : std::vector<std::pair<QString, QString>>{
+             {"out", "out/report"}, {"out", "outer"}, {"out-maps", "out"}}) {
+        const ParsedCommandLine parsed = parse({"-o", maps, "--report", report, "a.mp4"});
+        QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    }
 }
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)

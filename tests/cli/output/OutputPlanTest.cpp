@@ -38,6 +38,8 @@ private slots:
     void mapNameIsTheBaseNameUpToTheFirstDot_data();
     void mapNameIsTheBaseNameUpToTheFirstDot();
     void countsAndBackgroundAreNamedAfterTheBaseName();
+    void aSlicePathTakesFolderAndNameAsTheyAre_data();
+    void aSlicePathTakesFolderAndNameAsTheyAre();
     void mapsGoBesideEachVideoByDefault();
     void relativeVideoMapsGoIntoItsOwnFolder();
     void outputDirReceivesEveryFile();
@@ -58,6 +60,7 @@ private slots:
     void aManifestOfAFailedAnalysisStopsTheInput();
     void dataFilesOfTwoInputsCollideLikeMaps();
     void slicesReplaceTheMapOfTheWholeVideo();
+    void aManifestIsNotPlannedAndClaimsNoFile();
 
 private:
     QTemporaryDir m_dir;
@@ -100,6 +103,27 @@ void OutputPlanTest::countsAndBackgroundAreNamedAfterTheBaseName()
 {
     QCOMPARE(OutputPlan::countsFileName(QStringLiteral("/v/clip.part1.mp4")), QStringLiteral("clip.counts.png"));
     QCOMPARE(OutputPlan::backgroundFileName(QStringLiteral("/v/clip.part1.mp4")), QStringLiteral("clip.background.png"));
+}
+
+void OutputPlanTest::aSlicePathTakesFolderAndNameAsTheyAre_data()
+{
+    QTest::addColumn<QString>("video");
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("plain") << "clip.mp4" << "/maps" << "/maps/clip.slice-09h00m00s.png";
+    QTest::newRow("%1 in the name") << "cam%1.avi" << "/maps" << "/maps/cam%1.slice-09h00m00s.png";
+    QTest::newRow("%0 in the name") << "x%0.avi" << "/maps" << "/maps/x%0.slice-09h00m00s.png";
+    QTest::newRow("%% and {}") << "y%%{}.avi" << "/m%1" << "/m%1/y%%{}.slice-09h00m00s.png";
+    QTest::newRow("%99 in the folder") << "clip.mp4" << "/a%99" << "/a%99/clip.slice-09h00m00s.png";
+}
+
+void OutputPlanTest::aSlicePathTakesFolderAndNameAsTheyAre()
+{
+    QFETCH(QString, video);
+    QFETCH(QString, folder);
+    QFETCH(QString, expected);
+    const QString pattern = folder + QLatin1Char('/') + OutputPlan::sliceFileName(video, QStringLiteral("png"));
+    QCOMPARE(OutputPlan::slicePath(pattern, QStringLiteral("09h00m00s")), expected);
 }
 
 void OutputPlanTest::mapsGoBesideEachVideoByDefault()
@@ -310,8 +334,6 @@ void OutputPlanTest::planningWritesNothing()
     QVERIFY(QDir(m_dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
 }
 
-QTEST_GUILESS_MAIN(OutputPlanTest)
-#include "OutputPlanTest.moc"
 
 void OutputPlanTest::slicesReplaceTheMapOfTheWholeVideo()
 {
@@ -328,3 +350,17 @@ void OutputPlanTest::slicesReplaceTheMapOfTheWholeVideo()
     QVERIFY(plan[2].error.isEmpty());
     QVERIFY(OutputPlan::plan(optionsFor({path("a.mp4")})).front().slicePattern.isEmpty());
 }
+
+// Manifests are read by --combine only; the video beside one still writes the map the
+// manifest would have been planned to write.
+void OutputPlanTest::aManifestIsNotPlannedAndClaimsNoFile()
+{
+    const std::vector<PlannedInput> plan = OutputPlan::plan(optionsFor({path("a.json"), path("a.mp4")}));
+    QVERIFY2(plan[0].error.contains(path("a.json")) && plan[0].error.contains("--combine"),
+             qPrintable(plan[0].error));
+    QCOMPARE(plan[1].error, QString());
+    QCOMPARE(plan[1].mapPath, path("a.png"));
+}
+
+QTEST_GUILESS_MAIN(OutputPlanTest)
+#include "OutputPlanTest.moc"

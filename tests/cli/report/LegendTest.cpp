@@ -3,6 +3,8 @@
 
 #include <QtTest>
 
+#include <limits>
+
 namespace {
 
 QImage mapOf(int width, int height)
@@ -119,12 +121,59 @@ private slots:
         QVERIFY(Legend::timeSpan("", 0.0, -1.0).isEmpty());
     }
 
+    // A damaged file may record lengths no whole number of milliseconds holds.
+    void spansBeyondAnyRecordingAreLeftUnsaid()
+    {
+        QVERIFY(Legend::timeSpan("2024-05-01T10:00:00Z", 0.0, 1e300).isEmpty());
+        QVERIFY(Legend::timeSpan("2024-05-01T10:00:00Z", 1e19, 10.0).isEmpty());
+        QVERIFY(Legend::timeSpan("", -1e19, 10.0).isEmpty());
+        QVERIFY(Legend::timeSpan("", 0.0, std::numeric_limits<double>::infinity()).isEmpty());
+        QVERIFY(Legend::combinedTimeSpan({"", ""}, {10.0, 1e300}).isEmpty());
+        QVERIFY(Legend::combinedTimeSpan({"2024-05-01T10:00:00Z"}, {1e18}).isEmpty());
+        // Just inside: 300 years of footage still reads.
+        QCOMPARE(Legend::timeSpan("", 0.0, 300.0 * 365 * 86400), QStringLiteral("0:00:00 – 2628000:00:00 of the video"));
+    }
+
     void combinedSpansRunFromTheEarliestStartToTheLatestEnd()
     {
         QCOMPARE(Legend::combinedTimeSpan({"2024-05-01T10:10:00Z", "2024-05-01T10:00:00Z"}, {600.0, 300.0}),
                  QStringLiteral("2024-05-01 10:00:00 – 10:20:00 UTC"));
         QCOMPARE(Legend::combinedTimeSpan({"2024-05-01T10:10:00Z", ""}, {600.0, 300.0}),
                  QStringLiteral("2 files, 0:15:00 of footage"));
+    }
+
+    void contentCarriesNameSpanAndScaleAsGiven()
+    {
+        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {});
+        QCOMPARE(made.name, QStringLiteral("clip.mp4"));
+        QCOMPARE(made.timeSpan, QStringLiteral("0:00:00 – 0:15:00 of the video"));
+        QCOMPARE(made.scale, 12.5);
+    }
+
+    void contentCountsFootageInHours()
+    {
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}).footageHours, 1.5);
+    }
+
+    void unknownFootageGivesNoHours_data()
+    {
+        QTest::addColumn<double>("footageSeconds");
+        QTest::newRow("unknown") << -1.0;
+        QTest::newRow("none") << 0.0;
+    }
+
+    void unknownFootageGivesNoHours()
+    {
+        QFETCH(double, footageSeconds);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}).footageHours, 0.0);
+    }
+
+    void masksAreNamedByFileOnceEachAndEmptyOnesLeftOut()
+    {
+        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}).mask,
+                 QStringLiteral("mask.png, door.png"));
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}).mask.isEmpty());
     }
 };
 

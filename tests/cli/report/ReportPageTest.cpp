@@ -5,6 +5,8 @@
 #include <QJsonObject>
 #include <QUrl>
 
+#include <limits>
+
 class ReportPageTest : public QObject {
     Q_OBJECT
 
@@ -55,6 +57,10 @@ private slots:
         QCOMPARE(ReportPage::clockText(123), QStringLiteral("2:03"));
         QCOMPARE(ReportPage::clockText(3723), QStringLiteral("1:02:03"));
         QCOMPARE(ReportPage::clockText(-4), QStringLiteral("0:00"));
+        // A length a damaged file records beyond any recording is not converted.
+        QCOMPARE(ReportPage::clockText(1e300), QStringLiteral("unknown"));
+        QCOMPARE(ReportPage::clockText(std::numeric_limits<double>::infinity()), QStringLiteral("unknown"));
+        QCOMPARE(ReportPage::clockText(1e9), QStringLiteral("277777:46:40"));
     }
 
     void cardsAreSortedByNameAndTheirTextEscaped()
@@ -109,6 +115,20 @@ private slots:
             {"Pixels with motion", "25.0%"},      {"Pairs with motion", "50.0%"},
         };
         QCOMPARE(c.figures, expected);
+    }
+
+    void countFiguresSayEventsMostAtAPixelAndPixelsWithMotion()
+    {
+        const std::vector<std::pair<QString, QString>> expected = {
+            {"Events", "123457"}, {"Most at a pixel", "65535"}, {"Pixels with motion", "0.050%"}};
+        QCOMPARE(ReportPage::countFigures(123456.6, 65535.0, 0.0005), expected);
+    }
+
+    void footageIsAClockOrUnknown()
+    {
+        QCOMPARE(ReportPage::footageFigure(3723.9), (std::pair<QString, QString>{"Footage", "1:02:03"}));
+        QCOMPARE(ReportPage::footageFigure(0.0), (std::pair<QString, QString>{"Footage", "0:00"}));
+        QCOMPARE(ReportPage::footageFigure(-1.0), (std::pair<QString, QString>{"Footage", "unknown"}));
     }
 
     void thePagesFilesAreBuiltIntoTheTool()
