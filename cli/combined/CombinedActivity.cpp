@@ -1,5 +1,6 @@
 #include "CombinedActivity.h"
 
+#include "ActivityCsv.h"
 #include "OutputFile.h"
 
 #include <QCoreApplication>
@@ -26,22 +27,37 @@ QByteArray quoted(const QString& text)
     return '"' + field + '"';
 }
 
-// Copies the rows of `source` (its header left out) to `out`, each led by its file, with
-// `offset` seconds added to the times when given.
-bool copyRows(const CombinedActivity::Source& source, const double* offset, QSaveFile& out)
+// The header of `table`: one of the two an input's table has, else empty.
+QByteArray headerOf(const QString& table)
+{
+    QFile file(table);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray header = file.readLine();
+    const bool known = header == ActivityCsv::kHeader || header == ActivityCsv::kHeaderWithSceneChanges;
+    return known ? header : QByteArray();
+}
+
+// Copies the rows of `source` to `out`, each led by its file, with `offset` seconds added to
+// the times when given. False unless its header is `header`.
+bool copyRows(const CombinedActivity::Source& source, const QByteArray& header, const double* offset, QSaveFile& out,
+              std::int64_t* sceneChanges)
 {
     QFile table(source.table);
-    if (!table.open(QIODevice::ReadOnly))
+    if (!table.open(QIODevice::ReadOnly) || table.readLine() != header)
         return false;
     const QByteArray file = quoted(source.file) + ',';
-    table.readLine();
+    const int columns = header.count(',') + 1;
+    const bool withSceneChanges = header == ActivityCsv::kHeaderWithSceneChanges;
     while (!table.atEnd()) {
         QByteArray line = table.readLine();
         if (line.trimmed().isEmpty())
             continue;
+        if (withSceneChanges && line.trimmed().endsWith(",1"))
+            ++*sceneChanges;
         if (offset) {
             QList<QByteArray> fields = line.split(',');
-            if (fields.size() != 4)
+            if (fields.size() != columns)
                 return false;
             fields[1] = QByteArray::number(fields[1].toDouble() + *offset, 'f', 6);
             line = fields.join(',');
@@ -83,21 +99,29 @@ std::optional<std::vector<double>> startOffsets(const std::vector<Source>& sourc
     return offsets;
 }
 
-QString write(const QString& path, const std::vector<Source>& sources, bool overwrite)
+QString write(const QString& path, const std::vector<Source>& sources, bool overwrite, std::int64_t* sceneChanges)
 {
+    *sceneChanges = 0;
     if (!overwrite && OutputFile::existsOrDangles(path))
         return OutputFile::notReplacedError(path);
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly))
         return OutputFile::saveError(path);
-    out.write(kHeader);
+    // Every input was counted by one rule, so every table has the first one's columns (the
+    // scene_change column with steady light).
+    const QByteArray header = sources.empty() ? QByteArray(ActivityCsv::kHeader) : headerOf(sources.front().table);
+    if (header.isEmpty())
+        return tr("Can't read the activity table '%1'").arg(sources.front().table);
+    out.write("file," + header);
     const std::optional<std::vector<double>> offsets = startOffsets(sources);
     for (size_t i = 0; i < sources.size(); ++i) {
-        if (!copyRows(sources[i], offsets ? &(*offsets)[i] : nullptr, out))
+        if (!copyRows(sources[i], header, offsets ? &(*offsets)[i] : nullptr, out, sceneChanges))
             return tr("Can't read the activity table '%1'").arg(sources[i].table);
     }
     if (!out.commit())
         return OutputFile::saveError(path);
+    if (header != ActivityCsv::kHeaderWithSceneChanges)
+        *sceneChanges = -1;
     return {};
 }
 

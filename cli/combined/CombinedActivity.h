@@ -3,16 +3,16 @@
 #include <QDateTime>
 #include <QString>
 
+#include <cstdint>
 #include <optional>
 #include <vector>
 
 // NAME.activity.csv of --combine: the rows of every input's activity table in the order the
-// inputs were given, each led by the input's video in a `file` column. `time_s` is put on
+// inputs were given, each led by the input's video in a `file` column, with the inputs'
+// columns (scene_change too when they were counted in steady light). `time_s` is put on
 // one time line (seconds from the earliest input's start) when every input records the clock
 // time it started at; otherwise each input's rows keep the times of their own video.
 namespace CombinedActivity {
-
-static constexpr const char* kHeader = "file,pair,time_s,moving_pixels,new_events\n";
 
 struct Source {
     QString file;          // the video, as written in the `file` column
@@ -29,7 +29,9 @@ QDateTime readCreationTime(const QString& text);
 std::optional<std::vector<double>> startOffsets(const std::vector<Source>& sources);
 
 // Writes the combined table to `path` under a temporary name renamed into place, replacing
-// an existing file only with `overwrite`. The error, empty on success. Reentrant.
-QString write(const QString& path, const std::vector<Source>& sources, bool overwrite);
+// an existing file only with `overwrite`. `sceneChanges` receives the rows that are scene
+// changes, -1 when the tables have no scene_change column. The error, empty on success.
+// Reentrant.
+QString write(const QString& path, const std::vector<Source>& sources, bool overwrite, std::int64_t* sceneChanges);
 
 } // namespace CombinedActivity

@@ -439,12 +439,16 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
         if (item.combined)
             sources.push_back({item.video, item.activity, item.creationTime});
     }
-    QString error = CombinedActivity::write(outputs.activity, sources, options.overwrite);
+    std::int64_t sceneChanges = -1;
+    QString error = CombinedActivity::write(outputs.activity, sources, options.overwrite, &sceneChanges);
     if (!error.isEmpty())
         return error;
     const bool oneTimeLine = CombinedActivity::startOffsets(sources).has_value();
-    return Manifest::write(outputs.manifest, manifestOf(options, items, map, scale, oneTimeLine, outputs),
-                           options.overwrite);
+    QJsonObject manifest = manifestOf(options, items, map, scale, oneTimeLine, outputs);
+    // Only when the inputs were counted in steady light, so that other manifests stay as they were.
+    if (sceneChanges >= 0)
+        manifest.insert("scene_changes", QJsonObject{{"count", static_cast<double>(sceneChanges)}});
+    return Manifest::write(outputs.manifest, manifest, options.overwrite);
 }
 
 class Combination final : public ResultSink {

@@ -40,13 +40,15 @@ struct Options {
     QCommandLineOption combine{"combine", {}, "NAME"};
     QCommandLineOption legend{"legend"};
     QCommandLineOption slice{"slice", {}, "DURATION"};
+    QCommandLineOption steadyLight{"steady-light"};
+    QCommandLineOption sceneChange{"scene-change", {}, "F"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, scale, combine, legend, slice, help, version});
+                           end, scale, combine, legend, slice, steadyLight, sceneChange, help, version});
     }
 };
 
@@ -210,6 +212,11 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
         && !MapToolCommandLine::readScale(parser.value(o.scale), &options.scale, &options.scaleAuto))
         return usageError(tr("Bad scale '%1' for --scale: use a number of events above 0, or auto.")
                               .arg(parser.value(o.scale)));
+    options.steadyLight = parser.isSet(o.steadyLight) || parser.isSet(o.sceneChange);
+    if (parser.isSet(o.sceneChange)
+        && !MapToolCommandLine::readShare(parser.value(o.sceneChange), &options.sceneChangeShare))
+        return usageError(tr("Bad share '%1' for --scene-change: use a number above 0 and at most 1.")
+                              .arg(parser.value(o.sceneChange)));
     const QString besideError = checkReportBesideMaps(options);
     if (!besideError.isEmpty())
         return usageError(besideError);
@@ -289,6 +296,18 @@ bool readScale(const QString& text, double* scale, bool* automatic)
         return false;
     *scale = value;
     *automatic = false;
+    return true;
+}
+
+bool readShare(const QString& text, double* share)
+{
+    static const QRegularExpression number(QStringLiteral("^(\\d+(\\.\\d*)?|\\.\\d+)$"));
+    if (!number.match(text).hasMatch())
+        return false;
+    const double value = text.toDouble();
+    if (!std::isfinite(value) || value <= 0.0 || value > 1.0)
+        return false;
+    *share = value;
     return true;
 }
 
@@ -387,6 +406,18 @@ Options:
                         With --legend, each slice gets its legend; with
                         --data, its exact counts (….slice-….events.png);
                         with --report, its card. Not with manifests.
+      --steady-light    A change of light is not motion: in each frame pair
+                        the lower median of the differences between the two
+                        frames (over the analysed pixels) is taken out before
+                        the threshold, so a lamp switched on or an exposure
+                        step moves nothing; a pair in which more than half of
+                        the analysed pixels still move is a scene change (a
+                        camera switching to infrared, a lamp lighting half a
+                        room) and starts no event. With --data, the activity
+                        table gains a scene_change column.
+      --scene-change F  The share of the analysed pixels (above 0, at most 1;
+                        default 0.5) above which a pair is a scene change.
+                        Implies --steady-light.
       --overwrite       Replace output files that exist already (and an
                         earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are
@@ -427,7 +458,8 @@ Exit status:
   2    Usage error: unknown option, missing or bad value (a malformed time,
        --start after --end, a mask that cannot be read or is larger
        than 16384 pixels on a side, --scale 0 or
-       below, a --combine name with a folder, --slice 0 or malformed),
+       below, a --combine name with a folder, --slice 0 or malformed,
+       --scene-change not above 0 and at most 1),
        no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses

@@ -39,6 +39,12 @@ struct MapToolOptions {
     // --slice: seconds of video per map, NAME.slice-HHhMMmSSs.<format> instead of one map
     // per video. 0: one map per video.
     double sliceSeconds = 0.0;
+    // --steady-light: a change of light is not motion (each pair's lower median difference
+    // is taken out), and a pair in which more than `sceneChangeShare` of the analysed pixels
+    // still move is a scene change, which starts no event. --scene-change F sets the share
+    // and implies it.
+    bool steadyLight = false;
+    double sceneChangeShare = 0.5;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.
@@ -75,6 +81,10 @@ bool readTime(const QString& text, double* seconds);
 // A --scale value: "auto" (sets `automatic`), or a finite number of events above 0. False
 // for anything else. Reentrant.
 bool readScale(const QString& text, double* scale, bool* automatic);
+
+// A --scene-change share: a finite number above 0 and at most 1 ("0.5", "1", ".25"). False
+// for anything else. Reentrant.
+bool readShare(const QString& text, double* share);
 
 // A --slice length: a number followed by s, m or h ("90s", "10m", "1.5h"); a plain number is
 // seconds. False for anything else, and for lengths that are not a whole number of seconds

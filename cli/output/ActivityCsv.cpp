@@ -2,13 +2,14 @@
 
 #include "OutputFile.h"
 
-ActivityCsv::ActivityCsv(const QString& path)
+ActivityCsv::ActivityCsv(const QString& path, bool sceneChanges)
     : m_path(path)
     , m_file(path)
+    , m_sceneChanges(sceneChanges)
 {
     // A table that cannot be started says so in commit().
     if (m_file.open(QIODevice::WriteOnly))
-        m_file.write(kHeader);
+        m_file.write(sceneChanges ? kHeaderWithSceneChanges : kHeader);
 }
 
 void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
@@ -22,6 +23,8 @@ void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
     row += QByteArray::number(static_cast<qint64>(record.movingPixels));
     row += ',';
     row += QByteArray::number(static_cast<qint64>(record.newEvents));
+    if (m_sceneChanges)
+        row += record.sceneChange ? ",1" : ",0";
     row += '\n';
     if (m_file.isOpen())
         m_file.write(row);

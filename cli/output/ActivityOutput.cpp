@@ -2,12 +2,14 @@
 
 std::unique_ptr<InputOutput> ActivityOutput::make(const PlannedInput& input, const MapToolOptions& options)
 {
-    return plannedOutput<ActivityOutput>(input.activityPath, options.overwrite);
+    if (input.activityPath.isEmpty())
+        return nullptr;
+    return std::make_unique<ActivityOutput>(input.activityPath, options.overwrite, options.steadyLight);
 }
 
-ActivityOutput::ActivityOutput(const QString& path, bool replaces)
+ActivityOutput::ActivityOutput(const QString& path, bool replaces, bool sceneChanges)
     : InputOutput(path, replaces)
-    , m_table(path)
+    , m_table(path, sceneChanges)
 {
 }
 

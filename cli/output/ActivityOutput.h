@@ -12,7 +12,8 @@ public:
     // The output of `input`; null when the run does not write it.
     static std::unique_ptr<InputOutput> make(const PlannedInput& input, const MapToolOptions& options);
 
-    ActivityOutput(const QString& path, bool replaces);
+    // `sceneChanges`: the table has the scene_change column (--steady-light).
+    ActivityOutput(const QString& path, bool replaces, bool sceneChanges);
     void pairCounted(const MotionPassHooks::PairRecord& record) override;
     QString role() const override;
     QString write(FinishedInput& finished) override;

@@ -54,7 +54,7 @@ InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& 
 {
     InputOutputList outputs;
     if (options.data)
-        outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true));
+        outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true, options.steadyLight));
     return outputs;
 }
 

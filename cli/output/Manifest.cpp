@@ -147,6 +147,14 @@ void addDifferences(const QString& prefix, const QJsonObject& recorded, const QJ
     }
 }
 
+QJsonObject sceneChangesOf(const Manifest::SceneChanges& changes)
+{
+    QJsonArray times;
+    for (const double time : changes.times)
+        times.append(time);
+    return {{"count", static_cast<double>(changes.count)}, {"times_s", times}};
+}
+
 } // namespace
 
 namespace Manifest {
@@ -177,6 +185,9 @@ QJsonObject parameters(const MapToolOptions& options, double mapScale)
         recorded.insert("scale", QJsonObject{{"events_at_top", top > 0.0 ? QJsonValue(top) : QJsonValue()},
                                              {"auto", options.scaleAuto}});
     }
+    // Likewise only in steady light; a manifest without it was counted as every earlier one.
+    if (options.steadyLight)
+        recorded.insert("steady_light", QJsonObject{{"scene_change_share", options.sceneChangeShare}});
     return recorded;
 }
 
@@ -198,13 +209,20 @@ QJsonObject fileRecord(const QString& role, const QString& path)
     };
 }
 
+void SceneChanges::add(double time)
+{
+    ++count;
+    if (times.size() < static_cast<size_t>(kKeptTimes))
+        times.push_back(time);
+}
+
 QJsonObject build(const Content& content)
 {
     const MotionPassFacts& facts = *content.facts;
     QJsonObject outcome{{"status", outcomeName(content.outcome)}};
     if (content.outcome == Outcome::Failed)
         outcome.insert("error", content.error);
-    return {
+    QJsonObject manifest{
         {"format", QLatin1String(kFormatName)},
         {"format_version", kFormatVersion},
         {"tool", QStringLiteral("tremora-map")},
@@ -218,6 +236,10 @@ QJsonObject build(const Content& content)
         {"files", filesOf(content.written)},
         {"summary", summaryOf(facts, content.pairsWithMotion)},
     };
+    // Only in steady light, so that every other manifest stays as it was.
+    if (content.options->steadyLight && content.sceneChanges)
+        manifest.insert("scene_changes", sceneChangesOf(*content.sceneChanges));
+    return manifest;
 }
 
 QString write(const QString& path, const QJsonObject& manifest, bool overwrite)

@@ -28,6 +28,17 @@ struct WrittenFile {
     QString path;
 };
 
+// The scene changes of a pass in steady light: how many, and the times (seconds from the
+// video's start, as the activity table gives them) of the first kKeptTimes.
+struct SceneChanges {
+    static constexpr int kKeptTimes = 1000;
+
+    void add(double time);
+
+    std::int64_t count = 0;
+    std::vector<double> times;
+};
+
 struct Content {
     const PlannedInput* input = nullptr;
     const MapToolOptions* options = nullptr;
@@ -37,6 +48,7 @@ struct Content {
     std::vector<WrittenFile> written; // the files of this input in place, in the order written
     std::int64_t pairsWithMotion = 0;
     double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
+    const SceneChanges* sceneChanges = nullptr; // with --steady-light
 };
 
 // True for an input that is a manifest rather than a video: its name ends in ".json" (any

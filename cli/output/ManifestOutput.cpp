@@ -5,6 +5,12 @@ std::unique_ptr<InputOutput> ManifestOutput::make(const PlannedInput& input, con
     return plannedOutput<ManifestOutput>(input.manifestPath, options.overwrite || input.replacesCanceledManifest);
 }
 
+void ManifestOutput::pairCounted(const MotionPassHooks::PairRecord& record)
+{
+    if (record.sceneChange)
+        m_sceneChanges.add(record.time);
+}
+
 bool ManifestOutput::recordsEveryOutcome() const
 {
     return true;
@@ -17,6 +23,8 @@ QString ManifestOutput::role() const
 
 QString ManifestOutput::write(FinishedInput& finished)
 {
-    finished.manifest = Manifest::build(finished.manifestContent());
+    Manifest::Content content = finished.manifestContent();
+    content.sceneChanges = &m_sceneChanges;
+    finished.manifest = Manifest::build(content);
     return Manifest::write(path(), finished.manifest, replaces());
 }

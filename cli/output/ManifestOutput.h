@@ -13,8 +13,13 @@ public:
     static std::unique_ptr<InputOutput> make(const PlannedInput& input, const MapToolOptions& options);
 
     using InputOutput::InputOutput;
+    // Notes the scene changes (--steady-light).
+    void pairCounted(const MotionPassHooks::PairRecord& record) override;
     bool recordsEveryOutcome() const override;
     QString role() const override;
     // Also keeps the manifest in `finished`, for the report.
     QString write(FinishedInput& finished) override;
+
+private:
+    Manifest::SceneChanges m_sceneChanges;
 };

@@ -171,6 +171,8 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     settings.mask = mask;
     settings.windowStart = options.start;
     settings.windowEnd = options.end;
+    settings.steadyLight = options.steadyLight;
+    settings.sceneChangeShare = options.sceneChangeShare;
     if (!options.reportDir.isEmpty())
         settings.eventCellSize = ReportData::kCellSize;
     return settings;

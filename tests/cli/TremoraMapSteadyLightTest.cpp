@@ -186,6 +186,11 @@ private slots:
         QVERIFY(ClipMaking::writeGray(clip("forty.mkv"), m_forty));
     }
 
+    void init()
+    {
+        QVERIFY(renew());
+    }
+
     void brightnessStepMatchesTheReference()
     {
         checkAgainstReference("step", m_step, {"--steady-light"}, true, 0.5);
@@ -295,8 +300,9 @@ private slots:
         QFETCH(QString, share);
         const ToolRunning::Result result = tool({"--scene-change", share, clip("step.mkv")});
         QCOMPARE(result.exitCode, 2);
-        QCOMPARE(result.err.count('\n'), 1);
-        QVERIFY(result.err.contains("--scene-change"));
+        // One line that says what is wrong, and the usual pointer to --help.
+        QVERIFY(result.err.split('\n').front().contains("--scene-change"));
+        QVERIFY(result.err.contains("--help"));
         QVERIFY(!QFile::exists(out("step.png")));
     }
 
