@@ -285,6 +285,47 @@ private slots:
         QVERIFY(!manifest["parameters"].toObject().contains("steady_light"));
     }
 
+    void manifestsOfASteadyLightRunFollowTheirSchema()
+    {
+        QCOMPARE(tool({"--data", "--steady-light", "--no-blur", clip("sixty.mkv")}).exitCode, 0);
+        QCOMPARE(ToolRunning::schemaComplaint(QStringLiteral(TREMORA_MANIFEST_SCHEMA), out("sixty.json")), QString());
+    }
+
+    void combiningSumsTheInputsSceneChanges()
+    {
+        QCOMPARE(tool({"--data", "--scene-change", "0.3", "--no-blur", clip("sixty.mkv"), clip("forty.mkv")}).exitCode,
+                 0);
+        const int sixty = readJson(out("sixty.json"))["scene_changes"].toObject()["count"].toInt();
+        const int forty = readJson(out("forty.json"))["scene_changes"].toObject()["count"].toInt();
+        QVERIFY(sixty > 0 && forty > 0);
+        QCOMPARE(tool({"--data", "--combine", "both", out("sixty.json"), out("forty.json")}).exitCode, 0);
+        const QJsonObject combined = readJson(out("both.json"));
+        QCOMPARE(combined["scene_changes"].toObject()["count"].toInt(), sixty + forty);
+        QCOMPARE(ToolRunning::schemaComplaint(QStringLiteral(TREMORA_COMBINED_SCHEMA), out("both.json")), QString());
+        const QList<QByteArray> lines = readAll(out("both.activity.csv")).split('\n');
+        QCOMPARE(lines.front(), QByteArray("file,pair,time_s,moving_pixels,new_events,scene_change"));
+        int marked = 0;
+        for (const QByteArray& line : lines)
+            marked += line.endsWith(",1") ? 1 : 0;
+        QCOMPARE(marked, sixty + forty);
+    }
+
+    void manifestsCountedWithAndWithoutSteadyLightAreNotCombined()
+    {
+        QCOMPARE(tool({"--data", "--steady-light", clip("step.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("steady.mkv")}).exitCode, 0);
+        const ToolRunning::Result result = tool({"--data", "--combine", "mixed", out("step.json"), out("steady.json")});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("steady.json") && result.err.contains("steady_light"), result.err.constData());
+        const QJsonObject combined = readJson(out("mixed.json"));
+        const QJsonArray inputs = combined["inputs"].toArray();
+        QCOMPARE(inputs.size(), 2);
+        QCOMPARE(inputs[0].toObject()["status"].toString(), QStringLiteral("combined"));
+        QCOMPARE(inputs[1].toObject()["status"].toString(), QStringLiteral("left out"));
+        // The combination is the first input's alone.
+        QCOMPARE(cv::countNonZero(readEvents(out("mixed.events.png")) != readEvents(out("step.events.png"))), 0);
+    }
+
     void badSceneChangeShareIsAUsageError_data()
     {
         QTest::addColumn<QString>("share");

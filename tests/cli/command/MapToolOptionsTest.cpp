@@ -60,6 +60,11 @@ private slots:
     void sliceRefusesManifests_data();
     void sliceRefusesManifests();
     void sliceGoesWithCombineDataLegendAutoScaleAndTheReport();
+    void steadyLightIsOffByDefaultAndTurnedOnAtHalf();
+    void sceneChangeSetsTheShareAndImpliesSteadyLight_data();
+    void sceneChangeSetsTheShareAndImpliesSteadyLight();
+    void badSceneChangeSharesAreUsageErrorsNamingTheValue_data();
+    void badSceneChangeSharesAreUsageErrorsNamingTheValue();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -410,6 +415,59 @@ void MapToolOptionsTest::aReportFolderThatIsOrHoldsTheMapsFolderIsAUsageError()
         const ParsedCommandLine parsed = parse({"-o", maps, "--report", report, "a.mp4"});
         QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
     }
+}
+
+void MapToolOptionsTest::steadyLightIsOffByDefaultAndTurnedOnAtHalf()
+{
+    QVERIFY(!parse({"a.mp4"}).options.steadyLight);
+    const MapToolOptions o = parse({"--steady-light", "a.mp4"}).options;
+    QVERIFY(o.steadyLight);
+    QCOMPARE(o.sceneChangeShare, 0.5);
+}
+
+void MapToolOptionsTest::sceneChangeSetsTheShareAndImpliesSteadyLight_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<double>("share");
+    QTest::newRow("a quarter") << "0.25" << 0.25;
+    QTest::newRow("all") << "1" << 1.0;
+    QTest::newRow("no leading zero") << ".75" << 0.75;
+    QTest::newRow("trailing point") << "1." << 1.0;
+    QTest::newRow("tiny") << "0.001" << 0.001;
+}
+
+void MapToolOptionsTest::sceneChangeSetsTheShareAndImpliesSteadyLight()
+{
+    QFETCH(QString, value);
+    QFETCH(double, share);
+    const ParsedCommandLine parsed = parse({"--scene-change", value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::Run);
+    QVERIFY(parsed.options.steadyLight);
+    QCOMPARE(parsed.options.sceneChangeShare, share);
+}
+
+void MapToolOptionsTest::badSceneChangeSharesAreUsageErrorsNamingTheValue_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::newRow("zero") << "0";
+    QTest::newRow("zero with decimals") << "0.000";
+    QTest::newRow("negative") << "-0.5";
+    QTest::newRow("above one") << "1.0001";
+    QTest::newRow("not a number") << "nan";
+    QTest::newRow("infinite") << "inf";
+    QTest::newRow("word") << "half";
+    QTest::newRow("percent") << "50%";
+    QTest::newRow("empty") << "";
+}
+
+void MapToolOptionsTest::badSceneChangeSharesAreUsageErrorsNamingTheValue()
+{
+    QFETCH(QString, value);
+    const ParsedCommandLine parsed = parse({"--scene-change=" + value, "a.mp4"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(QStringLiteral("--scene-change")), qPrintable(parsed.error));
+    QVERIFY2(parsed.error.contains(QStringLiteral("'%1'").arg(value)), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
 QTEST_GUILESS_MAIN(MapToolOptionsTest)
