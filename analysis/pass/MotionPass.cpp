@@ -127,7 +127,7 @@ bool keepsExactCounts(const MotionPassSettings& settings)
 MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size size)
 {
     MotionCounter::Detail detail;
-    detail.enabled = settings.detailed || !settings.mask.empty() || settings.steadyLight;
+    detail.enabled = settings.detailed || !settings.mask.empty();
     detail.steadyLight = settings.steadyLight;
     detail.sceneChangeShare = settings.sceneChangeShare;
     detail.exactCounts = settings.exactCounts;

@@ -111,7 +111,7 @@ struct MotionPassSettings {
     // A change of light is not motion: each pair's lower median difference is taken out
     // before the threshold, and a pair in which more than `sceneChangeShare` of the analysed
     // pixels still move is a scene change, which starts no event and is skipped for the quiet
-    // pairs a new event needs (see MotionCounter::Detail). Costs the slower counting loop.
+    // pairs a new event needs (see MotionCounter::Detail). Costs a second look at each pair.
     bool steadyLight = false;
     double sceneChangeShare = 0.5;
 };

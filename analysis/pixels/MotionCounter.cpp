@@ -71,16 +71,21 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
     }
     if (m_exact)
         m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
-    if (m_detailed && detail.steadyLight)
-        setUpSteadyLight(size, detail.sceneChangeShare);
+    if (detail.steadyLight)
+        setUpSteadyLight(size, detail.mask, detail.sceneChangeShare);
 }
 
-void MotionCounter::setUpSteadyLight(cv::Size size, double sceneChangeShare)
+void MotionCounter::setUpSteadyLight(cv::Size size, const cv::Mat& mask, double sceneChangeShare)
 {
     m_steadyLight = true;
     m_sceneChangeShare = sceneChangeShare;
     if (m_blur)
         LargePageMats::create(m_current, size, CV_8UC1, cv::Scalar(0));
+    // The light is measured over the analysed pixels, with or without the detail.
+    if (m_mask.empty())
+        m_mask = analysedPixels(size, mask);
+    if (!m_detailed)
+        m_discardedEvents.assign(static_cast<size_t>(m_stripes) * static_cast<size_t>(size.width), 0);
     m_analysedPixels = cv::countNonZero(m_mask);
     m_lightTallies.resize(static_cast<size_t>(m_stripes));
     m_stripeMoving.resize(static_cast<size_t>(m_stripes));
@@ -128,7 +133,11 @@ void MotionCounter::start(const cv::Mat& firstFrame)
 void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
 {
     if (m_steadyLight) {
+        if (m_exact)
+            takeCountsGiven(motionCount);
         addFrameInSteadyLight(frame, motionCount);
+        if (m_exact && ++m_pairsUnfolded == kFoldPairs)
+            foldExactCounts();
     } else if (m_detailed) {
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
             countRowsDetailed(frame, motionCount, stripe, firstRow, endRow, sums);
@@ -141,10 +150,7 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
         if (m_cellSize > 0 && m_lastPair.newEvents > 0)
             mergeCellHits();
     } else if (m_exact) {
-        // The count as it stands before the first pair is where the exact count starts from.
-        if (m_pairs == 0)
-            motionCount.copyTo(m_folded);
-        m_countsGiven = motionCount;
+        takeCountsGiven(motionCount);
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
             countRows(frame, motionCount, firstRow, endRow, sums);
         });
@@ -156,6 +162,14 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
         });
     }
     ++m_pairs;
+}
+
+void MotionCounter::takeCountsGiven(const cv::Mat& motionCount)
+{
+    // The count as it stands before the first pair is where the exact count starts from.
+    if (m_pairs == 0)
+        motionCount.copyTo(m_folded);
+    m_countsGiven = motionCount;
 }
 
 void MotionCounter::startRows(const cv::Mat& firstFrame, int firstRow, int endRow, std::uint16_t* sums)
@@ -258,7 +272,13 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
     if (m_lastSceneChange) {
         // The counts and quiet pairs stay as they were; only the picture moves on.
         current.copyTo(m_previous);
-        m_lastPair = {moving, 0};
+        if (m_detailed)
+            m_lastPair = {moving, 0};
+    } else if (!m_detailed) {
+        // Only the map's count is kept: the plain loop, unless the light changed.
+        forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
+            countShiftedRowsPlainly(current, motionCount, stripe, firstRow, endRow);
+        });
     } else {
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
             countShiftedRows(current, motionCount, stripe, firstRow, endRow);
@@ -356,6 +376,24 @@ void MotionCounter::countShiftedRows(const cv::Mat& current, cv::Mat& motionCoun
         tally.newEvents += row.newEvents;
         if (quietBefore && row.newEvents > 0)
             markNewEventCells(y, quietBefore, hits);
+    }
+}
+
+void MotionCounter::countShiftedRowsPlainly(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow,
+                                            int endRow)
+{
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    std::uint16_t* discarded = m_discardedEvents.data() + static_cast<size_t>(stripe) * static_cast<size_t>(width);
+    for (int y = firstRow; y < endRow; ++y) {
+        std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+        std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+        std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
+        if (m_lastShift == 0)
+            MotionKernels::countRow(current.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
+        else
+            MotionKernels::countRowShifted(current.ptr<std::uint8_t>(y), previous, quiet, counts, discarded,
+                                           m_mask.ptr<std::uint8_t>(y), width, threshold, m_lastShift);
     }
 }
 

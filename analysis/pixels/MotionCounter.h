@@ -56,7 +56,7 @@ public:
         // square saw a new event in each pair (lastPairCells). Costs a copy of each row's
         // quiet counts and a look at the rows with new events.
         int cellSize = 0;
-        // With `enabled`: a change of light is not motion. In each pair the lower median m of
+        // A change of light is not motion. In each pair the lower median m of
         // the differences current - previous over the analysed pixels is taken out, so that a
         // pixel moves where |current - previous - m| is above the threshold. A pair in which
         // more than `sceneChangeShare` of the analysed pixels then move is a scene change: it
@@ -130,7 +130,9 @@ private:
     void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
                            std::uint16_t* sums);
     void setUpCells(cv::Size size, int cellSize);
-    void setUpSteadyLight(cv::Size size, double sceneChangeShare);
+    void setUpSteadyLight(cv::Size size, const cv::Mat& mask, double sceneChangeShare);
+    // Exact counting only: notes the count matrix given for this pair.
+    void takeCountsGiven(const cv::Mat& motionCount);
     // Flags, in the stripe's own `hits`, the cells of row `y` where a pixel's quiet count went
     // from kQuietForNewEvent (`quietBefore`) to 0: a new event.
     void markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const;
@@ -147,6 +149,9 @@ private:
     // Compares rows of the new picture with m_previous, as countRowsDetailed does, with the
     // change of light `m_lastShift` taken out.
     void countShiftedRows(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow, int endRow);
+    // The same without the detail: the map's count alone, in the plain loop where the light
+    // did not change.
+    void countShiftedRowsPlainly(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow, int endRow);
 
     bool m_blur;
     bool m_detailed;
@@ -192,6 +197,8 @@ private:
     std::vector<LightCounts> m_lightTallies;
     std::vector<std::uint32_t> m_histograms;
     std::vector<std::int64_t> m_stripeMoving;
+    // Without the detail: one row a stripe for the events the shifted loop counts and nobody reads.
+    std::vector<std::uint16_t> m_discardedEvents;
     bool m_lastSceneChange = false;
     int m_lastShift = 0;
 };

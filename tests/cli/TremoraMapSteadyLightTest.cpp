@@ -276,6 +276,27 @@ private slots:
         QCOMPARE(readAll(out("steady.counts.png")), counts);
     }
 
+    void mapsWithoutDataAreTheMapsWithData_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::newRow("the window's count") << QStringList{};
+        QTest::newRow("a scale, from the exact count") << QStringList{"--scale", "2"};
+    }
+
+    void mapsWithoutDataAreTheMapsWithData()
+    {
+        // The map alone is counted by a lighter loop; it must draw the same map.
+        QFETCH(QStringList, options);
+        QCOMPARE(tool(QStringList{"--data", "--steady-light"} + options + QStringList{clip("sixty.mkv")}).exitCode, 0);
+        const QByteArray withData = readAll(out("sixty.png"));
+        QVERIFY(renew());
+        QCOMPARE(tool(QStringList{"--steady-light"} + options + QStringList{clip("sixty.mkv")}).exitCode, 0);
+        QCOMPARE(readAll(out("sixty.png")), withData);
+        QVERIFY(renew());
+        QCOMPARE(tool(QStringList{"--data"} + options + QStringList{clip("sixty.mkv")}).exitCode, 0);
+        QVERIFY(readAll(out("sixty.png")) != withData);
+    }
+
     void withoutTheOptionTheTableKeepsItsFourColumns()
     {
         QCOMPARE(tool({"--data", clip("step.mkv")}).exitCode, 0);

@@ -78,6 +78,29 @@ Run countInSteadyLight(const std::vector<cv::Mat>& frames, bool blur, double sha
     return run;
 }
 
+// The counter without the detail: the map's count alone, or with the exact count kept (as a
+// combination or a chosen scale wants it). Its pairs record only the scene changes.
+Run countInSteadyLightWithoutDetail(const std::vector<cv::Mat>& frames, bool blur, bool exact, int stripes = 1)
+{
+    MotionCounter::Detail detail;
+    detail.steadyLight = true;
+    detail.exactCounts = exact;
+    MotionCounter counter(frames.front().size(), blur, stripes, detail);
+    Run run;
+    run.counts = cv::Mat(frames.front().size(), CV_8UC1, cv::Scalar(0));
+    counter.start(frames.front());
+    for (size_t i = 1; i < frames.size(); ++i) {
+        counter.addFrame(frames[i], run.counts);
+        Reference::Analysis::Pair pair;
+        pair.sceneChange = counter.lastPairWasSceneChange();
+        pair.lightShift = counter.lastLightShift();
+        run.pairs.push_back(pair);
+    }
+    if (exact)
+        run.exactCounts = counter.exactCounts().clone();
+    return run;
+}
+
 Run countByDefault(const std::vector<cv::Mat>& frames, bool blur)
 {
     MotionCounter::Detail detail;
@@ -262,6 +285,37 @@ private slots:
         const Run without = countByDefault(steady, true);
         QVERIFY(equal(withStep.exactCounts, without.exactCounts));
         QVERIFY(equal(withStep.counts, without.counts));
+    }
+
+    void withoutDetailTheMapsCountFollowsTheReference_data()
+    {
+        QTest::addColumn<bool>("blur");
+        QTest::addColumn<bool>("exact");
+        QTest::newRow("blurred, map alone") << true << false;
+        QTest::newRow("sharp, map alone") << false << false;
+        QTest::newRow("blurred, exact count") << true << true;
+    }
+
+    void withoutDetailTheMapsCountFollowsTheReference()
+    {
+        QFETCH(bool, blur);
+        QFETCH(bool, exact);
+        // A step, a flash and a scene change in one clip.
+        auto frames = walkingSquare(260, [](int i) { return (i >= 60 ? 35 : 0) + (i == 120 || i == 121 ? 50 : 0); });
+        for (size_t i = 180; i < frames.size(); ++i) {
+            frames[i](cv::Rect(0, 0, kWidth * 7 / 10, kHeight / 2)) += cv::Scalar(80);
+            frames[i](cv::Rect(0, kHeight / 2, kWidth * 7 / 10, kHeight - kHeight / 2)) -= cv::Scalar(80);
+        }
+        const Run run = countInSteadyLightWithoutDetail(frames, blur, exact, 2);
+        const Reference::Analysis reference = referenceOf(frames, blur, 0.5);
+        QVERIFY(equal(run.counts, reference.counts()));
+        if (exact)
+            QVERIFY(equal(run.exactCounts, reference.exactCounts()));
+        QCOMPARE(countOf(run.pairs, true), 1);
+        for (size_t p = 0; p < run.pairs.size(); ++p) {
+            QCOMPARE(run.pairs[p].sceneChange, reference.activity()[p].sceneChange);
+            QCOMPARE(run.pairs[p].lightShift, reference.activity()[p].lightShift);
+        }
     }
 
     void clipWithoutLightChangeCountsAsWithoutTheOption_data()
