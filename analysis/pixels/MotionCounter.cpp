@@ -87,6 +87,7 @@ void MotionCounter::setUpSteadyLight(cv::Size size, const cv::Mat& mask, double 
     if (!m_detailed)
         m_discardedEvents.assign(static_cast<size_t>(m_stripes) * static_cast<size_t>(size.width), 0);
     m_analysedPixels = cv::countNonZero(m_mask);
+    m_masked = m_analysedPixels < static_cast<std::int64_t>(m_mask.total());
     m_lightTallies.resize(static_cast<size_t>(m_stripes));
     m_stripeMoving.resize(static_cast<size_t>(m_stripes));
     m_histograms.resize(static_cast<size_t>(m_stripes) * MotionKernels::kDifferenceBins);
@@ -291,7 +292,6 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
         if (m_cellSize > 0 && m_lastPair.newEvents > 0)
             mergeCellHits();
     }
-    ++m_pairs;
 }
 
 void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow,
@@ -308,9 +308,9 @@ void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int fir
             MotionKernels::meansOf49(columnSums(frame, y, firstRow, sums), smoothed, width);
             current = smoothed;
         }
+        const std::uint8_t* mask = m_masked ? m_mask.ptr<std::uint8_t>(y) : nullptr;
         const MotionKernels::LightTally row =
-            MotionKernels::tallyLight(current, m_previous.ptr<std::uint8_t>(y), m_mask.ptr<std::uint8_t>(y), width,
-                                      threshold);
+            MotionKernels::tallyLight(current, m_previous.ptr<std::uint8_t>(y), mask, width, threshold);
         tally.darker += row.darker;
         tally.notBrighter += row.notBrighter;
         tally.beyondThreshold += row.beyondThreshold;

@@ -189,6 +189,7 @@ private:
     double m_sceneChangeShare = 0.5;
     cv::Mat m_current;
     std::int64_t m_analysedPixels = 0;
+    bool m_masked = false; // some pixel is ignored
     struct LightCounts {
         std::int64_t darker = 0;
         std::int64_t notBrighter = 0;

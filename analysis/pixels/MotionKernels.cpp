@@ -198,21 +198,35 @@ TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* columnSums, uint8_t
     });
 }
 
+// Counted in bytes over blocks of fewer than 256 pixels, which a byte cannot overflow in, so
+// that the loop runs on as many pixels at once as the vectors hold bytes; a whole number of
+// vectors, so that only a row's last block has pixels left over for the scalar tail.
+constexpr int kByteBlock = 224;
+
+// `Analysed(x)` is 1 where pixel x is analysed, else 0.
+template <typename Analysed>
 TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t* __restrict previous,
-                                const uint8_t* __restrict mask, int width, uint8_t threshold)
+                                const Analysed& analysedAt, int width, uint8_t threshold)
 {
-    uint32_t darker = 0;
-    uint32_t notBrighter = 0;
-    uint32_t beyond = 0;
-    for (int x = 0; x < width; ++x) {
-        const uint32_t analysed = mask[x] != 0 ? 1u : 0u;
-        const uint8_t high = current[x] > previous[x] ? current[x] : previous[x];
-        const uint8_t low = current[x] > previous[x] ? previous[x] : current[x];
-        darker += analysed & (current[x] < previous[x] ? 1u : 0u);
-        notBrighter += analysed & (current[x] <= previous[x] ? 1u : 0u);
-        beyond += analysed & (static_cast<uint8_t>(high - low) > threshold ? 1u : 0u);
+    LightTally tally;
+    for (int offset = 0; offset < width; offset += kByteBlock) {
+        const int end = width - offset < kByteBlock ? width : offset + kByteBlock;
+        uint8_t darker = 0;
+        uint8_t notBrighter = 0;
+        uint8_t beyond = 0;
+        for (int x = offset; x < end; ++x) {
+            const uint8_t analysed = analysedAt(x);
+            const uint8_t high = current[x] > previous[x] ? current[x] : previous[x];
+            const uint8_t low = current[x] > previous[x] ? previous[x] : current[x];
+            darker = static_cast<uint8_t>(darker + (analysed & (current[x] < previous[x] ? 1 : 0)));
+            notBrighter = static_cast<uint8_t>(notBrighter + (analysed & (current[x] <= previous[x] ? 1 : 0)));
+            beyond = static_cast<uint8_t>(beyond + (analysed & (static_cast<uint8_t>(high - low) > threshold ? 1 : 0)));
+        }
+        tally.darker += darker;
+        tally.notBrighter += notBrighter;
+        tally.beyondThreshold += beyond;
     }
-    return {darker, notBrighter, beyond};
+    return tally;
 }
 
 TREMORA_KERNEL uint32_t movingShifted(const uint8_t* __restrict current, const uint8_t* __restrict previous,
@@ -299,7 +313,13 @@ __attribute__((target("avx2"))) RowTally countBlurredDetailedAvx2(const uint16_t
 __attribute__((target("avx2"))) LightTally lightAvx2(const uint8_t* current, const uint8_t* previous,
                                                      const uint8_t* mask, int width, uint8_t threshold)
 {
-    return light(current, previous, mask, width, threshold);
+    return light(current, previous, [mask](int x) -> uint8_t { return mask[x] != 0 ? 1 : 0; }, width, threshold);
+}
+
+__attribute__((target("avx2"))) LightTally lightEverywhereAvx2(const uint8_t* current, const uint8_t* previous,
+                                                               int width, uint8_t threshold)
+{
+    return light(current, previous, [](int) -> uint8_t { return 1; }, width, threshold);
 }
 
 __attribute__((target("avx2"))) uint32_t movingShiftedAvx2(const uint8_t* current, const uint8_t* previous,
@@ -400,11 +420,16 @@ RowTally countBlurredRowDetailed(const uint16_t* columnSums, uint8_t* previous, 
 LightTally tallyLight(const uint8_t* current, const uint8_t* previous, const uint8_t* mask, int width,
                       uint8_t threshold)
 {
+    // Without a mask the loop need not read one.
 #ifdef TREMORA_AVX2_DISPATCH
-    if (hasAvx2)
-        return lightAvx2(current, previous, mask, width, threshold);
+    if (hasAvx2) {
+        return mask ? lightAvx2(current, previous, mask, width, threshold)
+                    : lightEverywhereAvx2(current, previous, width, threshold);
+    }
 #endif
-    return light(current, previous, mask, width, threshold);
+    if (mask)
+        return light(current, previous, [mask](int x) -> uint8_t { return mask[x] != 0 ? 1 : 0; }, width, threshold);
+    return light(current, previous, [](int) -> uint8_t { return 1; }, width, threshold);
 }
 
 // Only pairs in which the light changed come here, so a plain loop does.

@@ -62,7 +62,7 @@ RowTally countBlurredRowDetailed(const std::uint16_t* columnSums, std::uint8_t* 
                                  std::uint8_t threshold);
 
 // What one row of a pair shows before a change of light is taken out, over its analysed
-// pixels (`mask` non-zero): how many got darker (current < previous), how many did not get
+// pixels (`mask` non-zero; every pixel with a null `mask`): how many got darker (current < previous), how many did not get
 // brighter (current <= previous), and how many differ by more than `threshold`. The first two
 // tell whether the lower median of the differences is 0; the last is then the row's moving
 // pixels.

@@ -166,6 +166,7 @@ private:
                                  reference));
         const QJsonObject manifest = readJson(out(name + ".json"));
         QCOMPARE(manifest["scene_changes"].toObject()["count"].toInt(), sceneChangesOf(reference));
+        QCOMPARE(manifest["pairs_analysed"].toInt(), static_cast<int>(frames.size()) - 1);
     }
 
 private slots:

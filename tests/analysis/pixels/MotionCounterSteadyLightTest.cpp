@@ -75,6 +75,9 @@ Run countInSteadyLight(const std::vector<cv::Mat>& frames, bool blur, double sha
         run.pairs.push_back(pair);
     }
     run.exactCounts = counter.exactCounts().clone();
+    // Every pair counts once, scene changes too.
+    if (counter.pairs() != static_cast<int>(frames.size()) - 1)
+        return {};
     return run;
 }
 
@@ -98,6 +101,8 @@ Run countInSteadyLightWithoutDetail(const std::vector<cv::Mat>& frames, bool blu
     }
     if (exact)
         run.exactCounts = counter.exactCounts().clone();
+    if (counter.pairs() != static_cast<int>(frames.size()) - 1)
+        return {};
     return run;
 }
 
