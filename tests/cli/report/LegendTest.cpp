@@ -144,7 +144,7 @@ private slots:
 
     void contentCarriesNameSpanAndScaleAsGiven()
     {
-        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {});
+        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {}, false);
         QCOMPARE(made.name, QStringLiteral("clip.mp4"));
         QCOMPARE(made.timeSpan, QStringLiteral("0:00:00 – 0:15:00 of the video"));
         QCOMPARE(made.scale, 12.5);
@@ -152,7 +152,7 @@ private slots:
 
     void contentCountsFootageInHours()
     {
-        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}).footageHours, 1.5);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}, false).footageHours, 1.5);
     }
 
     void unknownFootageGivesNoHours_data()
@@ -165,15 +165,15 @@ private slots:
     void unknownFootageGivesNoHours()
     {
         QFETCH(double, footageSeconds);
-        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}).footageHours, 0.0);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}, false).footageHours, 0.0);
     }
 
     void masksAreNamedByFileOnceEachAndEmptyOnesLeftOut()
     {
-        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}).mask,
+        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}, false).mask,
                  QStringLiteral("mask.png, door.png"));
-        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}).mask.isEmpty());
-        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}, false).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}, false).mask.isEmpty());
     }
 };
 
