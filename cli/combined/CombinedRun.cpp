@@ -396,18 +396,20 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
     double footage = 0.0;
     bool footageKnown = true;
     QStringList masks;
+    bool steadyLight = options.steadyLight;
     for (const Item& item : items) {
         if (!item.combined)
             continue;
-        // Manifests bring the masks their videos were analysed with.
+        // Manifests bring the masks their videos were analysed with, and their light rule.
         masks << item.mask;
+        steadyLight = steadyLight || item.parameters.contains(QLatin1String("steady_light"));
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
     return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
-                                                 scale, footageKnown ? footage : 0.0, masks, options.steadyLight));
+                                                 scale, footageKnown ? footage : 0.0, masks, steadyLight));
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.
