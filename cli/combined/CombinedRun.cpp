@@ -396,23 +396,27 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
     double footage = 0.0;
     bool footageKnown = true;
     QStringList masks;
+    bool steadyLight = options.steadyLight;
     for (const Item& item : items) {
         if (!item.combined)
             continue;
-        // Manifests bring the masks their videos were analysed with.
+        // Manifests bring the masks their videos were analysed with, and their light rule.
         masks << item.mask;
+        steadyLight = steadyLight || item.parameters.contains(QLatin1String("steady_light"));
         creationTimes << item.creationTime;
         seconds << item.footageSeconds;
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
     return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
-                                                 scale, footageKnown ? footage : 0.0, masks));
+                                                 scale, footageKnown ? footage : 0.0, masks, steadyLight));
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.
+// `sceneChanges` receives the inputs' scene changes, -1 when they were not counted in steady
+// light or the run writes no data.
 QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
-                     const Outputs& outputs)
+                     const Outputs& outputs, std::int64_t* sceneChanges)
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
@@ -439,15 +443,14 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
         if (item.combined)
             sources.push_back({item.video, item.activity, item.creationTime});
     }
-    std::int64_t sceneChanges = -1;
-    QString error = CombinedActivity::write(outputs.activity, sources, options.overwrite, &sceneChanges);
+    QString error = CombinedActivity::write(outputs.activity, sources, options.overwrite, sceneChanges);
     if (!error.isEmpty())
         return error;
     const bool oneTimeLine = CombinedActivity::startOffsets(sources).has_value();
     QJsonObject manifest = manifestOf(options, items, map, scale, oneTimeLine, outputs);
     // Only when the inputs were counted in steady light, so that other manifests stay as they were.
-    if (sceneChanges >= 0)
-        manifest.insert("scene_changes", QJsonObject{{"count", static_cast<double>(sceneChanges)}});
+    if (*sceneChanges >= 0)
+        manifest.insert("scene_changes", QJsonObject{{"count", static_cast<double>(*sceneChanges)}});
     return Manifest::write(outputs.manifest, manifest, options.overwrite);
 }
 
@@ -492,7 +495,7 @@ public:
     {
         if (m_map.inputs() == 0)
             return {tr("Nothing to combine into '%1'").arg(m_options.combineName)};
-        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs);
+        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs, &m_sceneChanges);
         return error.isEmpty() ? QStringList() : QStringList{error};
     }
 
@@ -520,6 +523,7 @@ private:
     std::vector<Item>& m_items;
     CombinedMap m_map;
     const Outputs& m_outputs;
+    std::int64_t m_sceneChanges = -1; // as writeOutputs() counted them
 };
 
 // The inputs combined, as parts of one time line: by clock time when every one records it,
@@ -581,7 +585,8 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
     double largest = 0.0;
     cv::minMaxLoc(m_map.sum(), nullptr, &largest);
     const double pixels = static_cast<double>(m_map.sum().total());
-    card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels);
+    card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels,
+                                            m_sceneChanges);
     card.figures.insert(card.figures.begin(),
                         {{tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
                                                      : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},

@@ -82,13 +82,13 @@ QString SliceSet::tempFile() const
     return m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
 }
 
-QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs)
+QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges)
 {
     const QString file = tempFile();
     if (!Utils::saveImage(MapImages::eventsImage(events), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
-    m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs});
+    m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs, sceneChanges});
     return {};
 }
 
@@ -282,7 +282,9 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     double footage = 0.0;
     bool footageKnown = true;
     double end = 0.0;
+    std::int64_t sceneChanges = 0;
     for (const Piece& piece : pieces) {
+        sceneChanges += piece.sceneChanges;
         const auto found = m_sources.find(piece.source);
         if (found == m_sources.end())
             continue;
@@ -302,10 +304,11 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     cv::minMaxLoc(sum, nullptr, &outcome.maxEvents);
     outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
     outcome.footageSeconds = footageKnown ? footage : -1.0;
+    outcome.sceneChanges = m_settings.steadyLight ? sceneChanges : -1;
     if (m_settings.legends || m_settings.reportLegends) {
         const Legend::Content content = Legend::contentOf(
             series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),
-            scale, footageKnown ? footage : 0.0, {m_settings.maskName});
+            scale, footageKnown ? footage : 0.0, {m_settings.maskName}, m_settings.steadyLight);
         const QString path = m_settings.legends
             ? companionPath(series.pattern, QStringLiteral(".legend.png"), label)
             : tempFile();

@@ -10,6 +10,7 @@
 #include <opencv2/core/mat.hpp>
 
 #include <map>
+#include <cstdint>
 #include <vector>
 
 // The slice maps of a run (--slice). Passes hand over each slice's events as the slice ends;
@@ -31,6 +32,7 @@ public:
         QString maskName;          // for the legends; empty when no mask was used
         bool overwrite = false;
         bool reportLegends = false; // a legend for the report beside each slice, --legend or not
+        bool steadyLight = false;  // counted in steady light: the legends say so, the slices count scene changes
     };
 
     // A slice written, for the report's card of it.
@@ -47,6 +49,7 @@ public:
         double maxEvents = 0.0;
         double pixelsWithEventsShare = 0.0;
         double footageSeconds = -1.0; // pairs at their frame rates; -1 when a rate is unknown
+        std::int64_t sceneChanges = -1; // pairs that were scene changes; -1 unless in steady light
     };
 
     explicit SliceSet(const Settings& settings);
@@ -77,9 +80,9 @@ public:
     int series(const QString& pattern, const QString& name);
 
     // Pool threads. The events (16-bit) that began in slice `slice` of `series`, in the pairs
-    // of the input at `source` (its place in the run), over `pairs` pairs. The error, empty
-    // on success.
-    QString addPiece(int series, int source, int slice, const cv::Mat& events, int pairs);
+    // of the input at `source` (its place in the run), over `pairs` pairs of which
+    // `sceneChanges` were scene changes. The error, empty on success.
+    QString addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges);
 
     // Pool threads. The input at `source` has been analysed and belongs in its series: its
     // background (8-bit R,G,B), the seconds on the series' time line its pairs ran from and
@@ -101,6 +104,7 @@ private:
         int source = 0;
         QString file;
         int pairs = 0;
+        int sceneChanges = 0;
     };
     struct Source {
         QString background;  // file

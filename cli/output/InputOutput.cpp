@@ -45,7 +45,7 @@ const QImage& FinishedInput::legend()
                                               options.hasStart ? options.start : 0.0, footage);
         m_legend = Legend::render(map(), Legend::contentOf(QFileInfo(input.video).fileName(), span,
                                                            mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale,
-                                                           footage, {options.maskPath}));
+                                                           footage, {options.maskPath}, options.steadyLight));
     }
     return m_legend;
 }

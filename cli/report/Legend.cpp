@@ -88,7 +88,9 @@ struct Layout {
     int height = 0;   // of the whole strip
 };
 
-Layout layoutFor(int width, bool perHour)
+// `lightLine`: a line of its own says that changes of light were ignored, rather than
+// sharing the facts' line, where a long time span would elide it on a narrow map.
+Layout layoutFor(int width, bool perHour, bool lightLine)
 {
     Layout layout;
     layout.text = Legend::textPixels(width);
@@ -98,7 +100,8 @@ Layout layoutFor(int width, bool perHour)
     const int titleLine = QFontMetrics(fontOf(layout.text + layout.text / 4, true)).height();
     const int tickLines = perHour ? 2 : 1;
     layout.height = layout.margin + titleLine + layout.line + layout.margin / 2 + layout.barHeight
-        + layout.text / 3 + tickLines * layout.line + layout.margin / 2 + layout.line + layout.margin;
+        + layout.text / 3 + tickLines * layout.line + layout.margin / 2 + layout.line + layout.margin
+        + (lightLine ? layout.line : 0);
     return layout;
 }
 
@@ -107,7 +110,7 @@ Layout layoutFor(int width, bool perHour)
 namespace Legend {
 
 Content contentOf(const QString& name, const QString& timeSpan, double scale, double footageSeconds,
-                  const QStringList& maskPaths)
+                  const QStringList& maskPaths, bool steadyLight)
 {
     QStringList masks;
     for (const QString& path : maskPaths) {
@@ -121,6 +124,7 @@ Content contentOf(const QString& name, const QString& timeSpan, double scale, do
     content.scale = scale;
     content.footageHours = footageSeconds > 0.0 ? footageSeconds / 3600.0 : 0.0;
     content.mask = masks.join(QStringLiteral(", "));
+    content.steadyLight = steadyLight;
     return content;
 }
 
@@ -208,7 +212,7 @@ QImage render(const QImage& map, const Content& content)
     // A smaller map sits centred above a strip of the narrowest width its text fits in.
     const int width = std::max(map.width(), kMinimumWidth);
     const bool perHour = content.footageHours > 0.0;
-    const Layout layout = layoutFor(width, perHour);
+    const Layout layout = layoutFor(width, perHour, content.steadyLight);
     QImage legend(width, map.height() + layout.height, QImage::Format_RGB888);
     legend.setDotsPerMeterX(map.dotsPerMeterX());
     legend.setDotsPerMeterY(map.dotsPerMeterY());
@@ -236,7 +240,13 @@ QImage render(const QImage& map, const Content& content)
     facts << (content.mask.isEmpty() ? tr("no mask") : tr("mask: %1").arg(content.mask));
     painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
                      painter.fontMetrics().elidedText(facts.join(QStringLiteral("  ·  ")), Qt::ElideRight, textWidth));
-    y += layout.line + layout.margin / 2;
+    y += layout.line;
+    if (content.steadyLight) {
+        painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
+                         painter.fontMetrics().elidedText(tr("light changes ignored"), Qt::ElideRight, textWidth));
+        y += layout.line;
+    }
+    y += layout.margin / 2;
 
     // The unit labels take the right end of the bar's rows.
     const QString eventsUnit = tr("events");

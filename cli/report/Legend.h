@@ -16,14 +16,16 @@ struct Content {
     double scale = 8.5;        // events at the top of the colour scale
     double footageHours = 0.0; // hours of video analysed; 0 when unknown (no per-hour labels)
     QString mask;              // the mask's file name; empty when none was used
+    bool steadyLight = false;  // counted in steady light: changes of light were not motion
 };
 
 // What the strip under a map named `name` says: it covers `timeSpan` (see timeSpan() and
 // combinedTimeSpan()), its colour scale reaches its top at `scale` events, it was made from
 // `footageSeconds` of video (0 or less when unknown: no per-hour labels), with the masks at
-// `maskPaths` (shown by file name, each once; empty paths stand for none). Reentrant.
+// `maskPaths` (shown by file name, each once; empty paths stand for none), counted in steady
+// light or not. Reentrant.
 Content contentOf(const QString& name, const QString& timeSpan, double scale, double footageSeconds,
-                  const QStringList& maskPaths);
+                  const QStringList& maskPaths, bool steadyLight);
 
 // What a map covers: "2024-05-01 10:00:00 – 10:15:00 UTC" from `creationTime` (as
 // containers record it) plus `fromSeconds`, lasting `seconds`; without a readable creation

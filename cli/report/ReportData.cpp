@@ -14,6 +14,8 @@ void ActivityBySecond::add(const MotionPassHooks::PairRecord& record)
     Second& last = m_seconds.back();
     last.movingPixels = std::max(last.movingPixels, record.movingPixels);
     last.newEvents += record.newEvents;
+    last.sceneChanges += record.sceneChange ? 1 : 0;
+    m_sceneChanges += record.sceneChange ? 1 : 0;
 }
 
 namespace {
@@ -129,7 +131,7 @@ QByteArray cellsJson(const CellEventTimes& times, int width, int height)
     return json + "}}";
 }
 
-QByteArray activityJson(const std::vector<Second>& seconds)
+QByteArray activityJson(const std::vector<Second>& seconds, bool sceneChanges)
 {
     QByteArray json = "{\"seconds\":[";
     for (size_t i = 0; i < seconds.size(); ++i) {
@@ -137,7 +139,10 @@ QByteArray activityJson(const std::vector<Second>& seconds)
             json += ',';
         json += '[' + QByteArray::number(static_cast<qlonglong>(seconds[i].second)) + ','
             + QByteArray::number(static_cast<qlonglong>(seconds[i].movingPixels)) + ','
-            + QByteArray::number(static_cast<qlonglong>(seconds[i].newEvents)) + ']';
+            + QByteArray::number(static_cast<qlonglong>(seconds[i].newEvents));
+        if (sceneChanges)
+            json += ',' + QByteArray::number(static_cast<qlonglong>(seconds[i].sceneChanges));
+        json += ']';
     }
     return json + "]}";
 }

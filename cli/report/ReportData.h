@@ -17,12 +17,13 @@ namespace ReportData {
 // The pixels of the video in a cell of the report's "when did motion begin here" grid.
 constexpr int kCellSize = 16;
 
-// One second of a video's activity: the most pixels that moved in one of its pairs, and the
-// new events of all its pairs.
+// One second of a video's activity: the most pixels that moved in one of its pairs, the
+// new events of all its pairs and, in steady light, the pairs that were scene changes.
 struct Second {
     std::int64_t second = 0;
     std::int64_t movingPixels = 0;
     std::int64_t newEvents = 0;
+    std::int64_t sceneChanges = 0;
 };
 
 // Sums the pairs of a pass into seconds (floor of the pair's time) as they come; a video of
@@ -32,9 +33,12 @@ class ActivityBySecond {
 public:
     void add(const MotionPassHooks::PairRecord& record);
     const std::vector<Second>& seconds() const { return m_seconds; }
+    // The pairs added that were scene changes.
+    std::int64_t sceneChanges() const { return m_sceneChanges; }
 
 private:
     std::vector<Second> m_seconds;
+    std::int64_t m_sceneChanges = 0;
 };
 
 // Sorted distinct seconds as text, in the shorter of two forms. Runs: each run of consecutive
@@ -55,7 +59,8 @@ QByteArray script(const QString& name, const QByteArray& objectJson);
 // "times", an object from cell index to encodeSeconds text, for cells with events only.
 QByteArray cellsJson(const CellEventTimes& times, int width, int height);
 
-// The seconds as JSON: {"seconds": [[second, moving pixels, new events], ...]}.
-QByteArray activityJson(const std::vector<Second>& seconds);
+// The seconds as JSON: {"seconds": [[second, moving pixels, new events], ...]}; with
+// `sceneChanges` (a run in steady light) each row ends with its scene changes as well.
+QByteArray activityJson(const std::vector<Second>& seconds, bool sceneChanges);
 
 } // namespace ReportData

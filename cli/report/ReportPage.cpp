@@ -212,13 +212,16 @@ QString clockText(double seconds)
 }
 
 std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
-                                                      double pixelsWithEventsShare)
+                                                      double pixelsWithEventsShare, std::int64_t sceneChanges)
 {
-    return {
+    std::vector<std::pair<QString, QString>> figures{
         {tr("Events"), QString::number(eventsTotal, 'f', 0)},
         {tr("Most at a pixel"), QString::number(maxEvents, 'f', 0)},
         {tr("Pixels with motion"), percentText(pixelsWithEventsShare)},
     };
+    if (sceneChanges >= 0)
+        figures.push_back({tr("Scene changes"), QString::number(static_cast<qlonglong>(sceneChanges))});
+    return figures;
 }
 
 std::pair<QString, QString> footageFigure(double seconds)
@@ -259,9 +262,14 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
         {tr("Size"), QStringLiteral("%1 × %2").arg(card.width).arg(card.height)},
         {tr("Recorded"), card.creationTime.isEmpty() ? tr("unknown") : card.creationTime},
     };
+    // A manifest records its scene changes only when its run counted in steady light.
+    const QJsonValue sceneChanges = manifest.value(QLatin1String("scene_changes"));
     const auto counts = countFigures(summary.value(QLatin1String("events_total")).toDouble(),
                                      summary.value(QLatin1String("max_events")).toDouble(),
-                                     summary.value(QLatin1String("pixels_with_events_share")).toDouble());
+                                     summary.value(QLatin1String("pixels_with_events_share")).toDouble(),
+                                     sceneChanges.isObject()
+                                         ? sceneChanges.toObject().value(QLatin1String("count")).toVariant().toLongLong()
+                                         : -1);
     card.figures.insert(card.figures.end(), counts.begin(), counts.end());
     card.figures.push_back(
         {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())});

@@ -4,6 +4,7 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -60,9 +61,10 @@ QString clockText(double seconds);
 QString percentText(double share);
 
 // The figures under every map about the counts it draws, after the card's own figures: the
-// events in all, the most at one pixel and the share of pixels with motion.
+// events in all, the most at one pixel, the share of pixels with motion and, for a map
+// counted in steady light (`sceneChanges` 0 or more), its scene changes.
 std::vector<std::pair<QString, QString>> countFigures(double eventsTotal, double maxEvents,
-                                                      double pixelsWithEventsShare);
+                                                      double pixelsWithEventsShare, std::int64_t sceneChanges = -1);
 // The footage a card's map was made from as a clock; "unknown" below 0.
 std::pair<QString, QString> footageFigure(double seconds);
 

@@ -25,18 +25,18 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-// An activity table of --data ("pair,time_s,moving_pixels,new_events") by second; false when
-// it does not read. A time beyond any recording, which no second can number, fails the
-// table with `error`.
+// An activity table of --data ("pair,time_s,moving_pixels,new_events", and ",scene_change"
+// from a run in steady light) by second; false when it does not read. A time beyond any
+// recording, which no second can number, fails the table with `error`.
 bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QString* error)
 {
     QFile table(path);
     if (!table.open(QIODevice::ReadOnly))
         return false;
-    table.readLine();
+    const int columns = table.readLine().count(',') + 1;
     while (!table.atEnd()) {
         const QList<QByteArray> fields = table.readLine().trimmed().split(',');
-        if (fields.size() != 4)
+        if (fields.size() != columns || columns < 4)
             continue;
         const double time = fields[1].toDouble();
         if (!(std::abs(time) < MotionPass::kLatestTime)) {
@@ -45,7 +45,8 @@ bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QS
                          .arg(path, QString::fromLatin1(fields[1]));
             return false;
         }
-        seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong()});
+        const bool sceneChange = columns > 4 && fields[4] == "1";
+        seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong(), sceneChange});
     }
     return true;
 }
@@ -66,19 +67,26 @@ double windowStartOf(const QJsonObject& manifest)
         .value(QLatin1String("start_s")).toDouble(0.0);
 }
 
+// Whether the run that wrote the manifest counted in steady light.
+bool countsInSteadyLight(const QJsonObject& manifest)
+{
+    return manifest.value(QLatin1String("parameters")).toObject().contains(QLatin1String("steady_light"));
+}
+
 } // namespace
 
 namespace ReportStaging {
 
 QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
-                  const CellEventTimes& eventTimes, int width, int height)
+                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height)
 {
     const QDir data(staging + QStringLiteral("/data"));
     const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
     const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
     // The staging folder is the run's own: nothing there is a user's to keep.
     const QString error = OutputFile::write(
-        activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds)), true);
+        activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds, sceneChanges)),
+        true);
     if (!error.isEmpty() || eventTimes.empty())
         return error;
     return OutputFile::write(
@@ -141,16 +149,17 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
     if (!error.isEmpty())
         return error;
     *manifest = readJson(manifestPath);
+    const bool steadyLight = countsInSteadyLight(*manifest);
     const Legend::Content content =
         Legend::contentOf(QFileInfo(header.videoPath).fileName(),
                           Legend::timeSpan(header.creationTime, windowStartOf(*manifest), header.footageSeconds), top,
-                          header.footageSeconds, {header.maskPath});
+                          header.footageSeconds, {header.maskPath}, steadyLight);
     error = writeLegendStrip(staging, key, Legend::render(map, content), map.height());
     if (!error.isEmpty())
         return error;
     ReportData::ActivityBySecond seconds;
     if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds, &error)) {
-        error = writeData(staging, key, seconds.seconds(), CellEventTimes(), events.cols, events.rows);
+        error = writeData(staging, key, seconds.seconds(), steadyLight, CellEventTimes(), events.cols, events.rows);
         if (!error.isEmpty())
             return error;
     }
@@ -182,7 +191,8 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
-    card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare);
+    card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare,
+                                            slice.sceneChanges);
     card.figures.insert(card.figures.begin(),
                         {{tr("Time"), ReportPage::clockText(slice.from) + QStringLiteral(" – ")
                                           + ReportPage::clockText(slice.to)},

@@ -16,9 +16,10 @@
 // error, empty on success, and is reentrant: pool threads write their own inputs' files.
 namespace ReportStaging {
 
-// data/KEY.activity.js and, when `eventTimes` is not empty, data/KEY.cells.js.
+// data/KEY.activity.js, with the seconds' scene changes when `sceneChanges` (a run in steady
+// light), and, when `eventTimes` is not empty, data/KEY.cells.js.
 QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
-                  const CellEventTimes& eventTimes, int width, int height);
+                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height);
 
 // maps/KEY.png from a map the run did not write as a file of its own; `file` receives
 // "maps/KEY.png".
@@ -45,7 +46,8 @@ QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapCo
 
 // The card's files of an input of --combine that is a manifest written by --data: its map
 // (coloured as `colours` says) and legend strip from its files, the legend covering the time
-// window the manifest records, and its activity table by second. `manifest` receives the
+// window the manifest records (and saying that light changes were ignored when it records
+// steady light), and its activity table by second, with its scene changes. `manifest` receives the
 // manifest itself.
 QString writeManifestInput(const QString& staging, const QString& key, const QString& manifestPath,
                            const MapColours& colours, QJsonObject* manifest);

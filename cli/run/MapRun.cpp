@@ -110,14 +110,19 @@ public:
         ++m_pairsCounted;
         m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
         ++m_slicePairs;
+        if (record.sceneChange) {
+            ++m_sliceSceneChanges;
+            m_sceneChanges.add(record.time);
+        }
     }
     // A slice without an event would only show the background; it is not written.
     void sliceEnded(int slice, double, const cv::Mat& exactCounts) override
     {
         const int pairs = std::exchange(m_slicePairs, 0);
+        const int sceneChanges = std::exchange(m_sliceSceneChanges, 0);
         if (!m_slices.set || !m_sliceError.isEmpty() || cv::countNonZero(exactCounts) == 0)
             return;
-        m_sliceError = m_slices.set->addPiece(m_slices.series, m_job.index, slice, exactCounts, pairs);
+        m_sliceError = m_slices.set->addPiece(m_slices.series, m_job.index, slice, exactCounts, pairs, sceneChanges);
     }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
@@ -129,6 +134,8 @@ public:
     double lastPairTime() const { return m_lastPairTime; }
     // Pairs in which at least one pixel moved (with --data, --report or --slice).
     std::int64_t pairsWithMotion() const { return m_pairsWithMotion; }
+    // The scene changes counted (with --steady-light and --data, --report or --slice).
+    const Manifest::SceneChanges& sceneChanges() const { return m_sceneChanges; }
 
 private:
     FileJob& m_job;
@@ -141,6 +148,8 @@ private:
     std::int64_t m_pairsCounted = 0;
     std::int64_t m_pairsWithMotion = 0;
     int m_slicePairs = 0;
+    int m_sliceSceneChanges = 0;
+    Manifest::SceneChanges m_sceneChanges;
     double m_firstPairTime = 0.0;
     double m_lastPairTime = 0.0;
 };
@@ -237,8 +246,8 @@ QString stageReport(FileJob& job, const RunContext& context, FinishedInput& fini
 {
     const QString& staging = context.reportStaging;
     const MotionPassFacts& facts = finished.facts;
-    QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), facts.eventTimes, facts.video.width,
-                                             facts.video.height);
+    QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), context.options.steadyLight,
+                                             facts.eventTimes, facts.video.width, facts.video.height);
     if (!error.isEmpty())
         return error;
     if (job.input.mapPath.isEmpty() || context.sink) {
@@ -267,6 +276,7 @@ QString passToSink(FileJob& job, const RunContext& context, InputOutputList& out
     Manifest::Content content = finished.manifestContent();
     content.mapScale = 0.0;
     content.written.clear();
+    content.sceneChanges = &hooks.sceneChanges();
     job.manifest = Manifest::build(content);
     return stageReport(job, context, finished, *seconds);
 }
@@ -483,6 +493,7 @@ private:
         settings.maskName = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
         settings.overwrite = options.overwrite;
         settings.reportLegends = !options.reportDir.isEmpty();
+        settings.steadyLight = options.steadyLight;
         return settings;
     }
 

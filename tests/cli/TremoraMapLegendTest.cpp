@@ -215,6 +215,20 @@ private slots:
         // 75 pairs: three seconds of the video.
         QVERIFY2(lines[1].startsWith(QStringLiteral("0:00:00 - 0:00:03 of the video")), qPrintable(lines[1]));
         QVERIFY2(lines[1].endsWith(QStringLiteral("no mask")), qPrintable(lines[1]));
+        QVERIFY2(!lines.join(QLatin1Char('|')).contains(QStringLiteral("light")), qPrintable(lines.join(QLatin1Char('|'))));
+    }
+
+    void aStripInSteadyLightSaysLightChangesWereIgnored()
+    {
+        QVERIFY(TestSupport::runFfmpeg({"-f", "lavfi", "-i", "testsrc=size=960x540:rate=25", "-frames:v", "26",
+                                        "-c:v", "ffv1", clip("lamp.mkv")}));
+        QString error;
+        const QStringList lines = legendLines(QStringLiteral("lamp"), {"--steady-light"}, &error);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QVERIFY2(lines.size() >= 3, qPrintable(lines.join(QLatin1Char('|'))));
+        QCOMPARE(lines[0], QStringLiteral("lamp.mkv"));
+        QVERIFY2(lines[1].endsWith(QStringLiteral("no mask")), qPrintable(lines[1]));
+        QCOMPARE(lines[2], QStringLiteral("light changes ignored"));
     }
 
     void anExistingLegendIsNotReplacedAndItsVideoNotAnalysed()

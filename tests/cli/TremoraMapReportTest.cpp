@@ -9,6 +9,8 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QMap>
+#include <QRegularExpression>
 
 #include <signal.h>
 
@@ -36,6 +38,48 @@ bool makeWrappingClip(const QString& path)
 QImage rgb(const QString& path)
 {
     return QImage(path).convertToFormat(QImage::Format_RGB888);
+}
+
+// Four seconds of grey in which, from 2 s on, the left 60 % of the picture changes, its top
+// half brighter and its bottom half darker by 80: in steady light the pair at 2 s is the one
+// scene change. Boxes on the right flash at 1 s and at 3 s, so that both halves of the clip
+// have events.
+bool makeSceneChangeClip(const QString& path)
+{
+    return TestSupport::runFfmpeg(
+        {"-f", "lavfi", "-i",
+         "color=c=0x505050:size=64x48:rate=25:d=4,format=gray,"
+         "drawbox=x=0:y=0:w=38:h=24:color=0xA0A0A0:t=fill:enable='gte(t,2)',"
+         "drawbox=x=0:y=24:w=38:h=24:color=black:t=fill:enable='gte(t,2)',"
+         "drawbox=x=48:y=8:w=8:h=8:color=white:t=fill:enable='between(t,1,1.07)',"
+         "drawbox=x=48:y=32:w=8:h=8:color=white:t=fill:enable='between(t,3,3.07)'",
+         "-c:v", "ffv1", "-pix_fmt", "gray", path});
+}
+
+// Each card's "Scene changes" figure by the card's id ("card-1"); cards without one are left out.
+QMap<QString, QString> sceneChangeFigures(const QByteArray& page)
+{
+    QMap<QString, QString> figures;
+    static const QRegularExpression card(QStringLiteral("<article class=\"card\" id=\"([^\"]+)\".*?</article>"),
+                                         QRegularExpression::DotMatchesEverythingOption);
+    static const QRegularExpression figure(QStringLiteral("<dt>Scene changes</dt><dd>([^<]*)</dd>"));
+    for (auto it = card.globalMatch(QString::fromUtf8(page)); it.hasNext();) {
+        const QRegularExpressionMatch match = it.next();
+        const QRegularExpressionMatch found = figure.match(match.captured(0));
+        if (found.hasMatch())
+            figures.insert(match.captured(1), found.captured(1));
+    }
+    return figures;
+}
+
+// The rows of a card's activity data as the page gets them, "[second,moving,events(,scene changes)]".
+QStringList activityRows(const QString& script)
+{
+    static const QRegularExpression row(QStringLiteral("\\[(\\d+(,\\d+)*)\\]"));
+    QStringList rows;
+    for (auto it = row.globalMatch(QString::fromUtf8(ToolRunning::readAll(script))); it.hasNext();)
+        rows << it.next().captured(1);
+    return rows;
 }
 
 } // namespace
@@ -331,6 +375,55 @@ private slots:
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("far.activity.csv") && result.err.contains("beyond any real recording"),
                  result.err.constData());
+    }
+
+    void inSteadyLightEveryKindOfCardCountsItsSceneChanges()
+    {
+        QVERIFY(makeSceneChangeClip(clip("lamp.mkv")));
+        QVERIFY(QFile::copy(clip("lamp.mkv"), clip("lamp2.mkv")));
+        ToolRunning::Result result =
+            toolIntoMaps({"--steady-light", "--slice", "2s", "--report", out("sliced"), clip("lamp.mkv")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        // The video's card, the slice before the change and the slice that begins with it.
+        QCOMPARE(sceneChangeFigures(ToolRunning::readAll(out("sliced/index.html"))),
+                 (QMap<QString, QString>{{"card-1", "1"}, {"card-s1", "0"}, {"card-s2", "1"}}));
+        const QStringList rows = activityRows(out("sliced/data/1.activity.js"));
+        QCOMPARE(rows.size(), 4);
+        QVERIFY2(rows[2].startsWith(QStringLiteral("2,")) && rows[2].endsWith(QStringLiteral(",1")), qPrintable(rows[2]));
+        for (const int second : {0, 1, 3})
+            QVERIFY2(rows[second].count(QLatin1Char(',')) == 3 && rows[second].endsWith(QStringLiteral(",0")),
+                     qPrintable(rows[second]));
+
+        result = toolIntoMaps({"--steady-light", "--combine", "both", "--report", out("combined"), clip("lamp.mkv"),
+                               clip("lamp2.mkv")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QCOMPARE(sceneChangeFigures(ToolRunning::readAll(out("combined/index.html"))),
+                 (QMap<QString, QString>{{"card-1", "1"}, {"card-2", "1"}, {"card-c", "2"}}));
+
+        // A manifest counted in steady light keeps its count, and its data its scene change,
+        // in a run without the option.
+        QVERIFY(renew());
+        result = tool({"--steady-light", "--data", clip("lamp.mkv")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        result = toolIntoMaps({"--combine", "again", "--report", out("manifest"), out("lamp.json")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QCOMPARE(sceneChangeFigures(ToolRunning::readAll(out("manifest/index.html"))),
+                 (QMap<QString, QString>{{"card-1", "1"}, {"card-c", "1"}}));
+        QCOMPARE(activityRows(out("manifest/data/1.activity.js")), rows);
+    }
+
+    void withoutSteadyLightNoCardCountsSceneChanges()
+    {
+        QVERIFY(makeSceneChangeClip(clip("lamp.mkv")));
+        const ToolRunning::Result result = toolIntoMaps({"--slice", "2s", "--report", out("plain"), clip("lamp.mkv")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        const QByteArray page = ToolRunning::readAll(out("plain/index.html"));
+        QVERIFY(page.contains("id=\"card-s1\""));
+        QVERIFY(sceneChangeFigures(page).isEmpty());
+        const QStringList rows = activityRows(out("plain/data/1.activity.js"));
+        QCOMPARE(rows.size(), 4);
+        for (const QString& row : rows)
+            QVERIFY2(row.count(QLatin1Char(',')) == 2, qPrintable(row));
     }
 
     void anEmptyReportFolderNameIsAUsageError()

@@ -89,7 +89,8 @@ var Tremora = (function () {
 
   function lineSecond(part, second) { return Math.floor(second + part.offset); }
 
-  // Every part's seconds on the card's line and in its window; overlapping parts add up.
+  // Every part's seconds on the card's line and in its window; overlapping parts add up. A
+  // run in steady light gives each second its scene changes as a fourth value.
   function lineActivity(card) {
     var parts = partsOf(card), w = windowOf(card);
     return Promise.all(parts.map(function (p) { return load(p.key + ".activity"); })).then(function (all) {
@@ -101,6 +102,7 @@ var Tremora = (function () {
           var sum = bySecond[s] || (bySecond[s] = [s, 0, 0]);
           sum[1] += r[1];
           sum[2] += r[2];
+          if (r.length > 3) sum[3] = (sum[3] || 0) + r[3];
         });
       });
       return Object.keys(bySecond).map(Number).sort(function (a, b) { return a - b; })
@@ -121,7 +123,8 @@ var Tremora = (function () {
     var box = card.querySelector(".chart");
     var w = windowOf(card);
     var origin = w.from;
-    var rows = lineRows.map(function (r) { return [r[0] - origin, r[1], r[2]]; });
+    var rows = lineRows.map(function (r) { return [r[0] - origin, r[1], r[2], r[3] || 0]; });
+    var steadyLight = lineRows.some(function (r) { return r.length > 3; });
     var end = isFinite(w.to) ? w.to - origin : (rows.length ? rows[rows.length - 1][0] + 1 : 1);
     var last = Math.max(1, end);
     var maxMoving = 1, maxEvents = 1;
@@ -129,7 +132,7 @@ var Tremora = (function () {
     var W = 1000, H = 100;
     var key = el("div", { "class": "legend-key" }, box);
     key.innerHTML = '<span class="k-moving">moving pixels</span><span class="k-events">new events</span>' +
-      '<span class="k-marks">chosen point</span>';
+      '<span class="k-marks">chosen point</span>' + (steadyLight ? '<span class="k-scene">scene change</span>' : "");
     var wallStart = wallClock(card, origin);
     el("span", { "class": "span" }, key).textContent = clock(origin) + " – " + clock(origin + last) +
       (wallStart ? " (" + wallStart + " – " + wallClock(card, origin + last) + ")" : "");
@@ -145,6 +148,14 @@ var Tremora = (function () {
     el("path", { d: area, "class": "moving" }, svg, true);
     if (line) el("path", { d: line, "class": "events" }, svg, true);
     el("line", { x1: 0, x2: W, y1: H - 0.5, y2: H - 0.5, "class": "axis" }, svg, true);
+    // A thin mark where the light or the view changed so much that the second counted no
+    // motion; its title is the mouse's tip, and the slider's text says it too.
+    rows.forEach(function (r) {
+      if (!r[3]) return;
+      var mark = el("line", { x1: x(r[0]), x2: x(r[0]), y1: 0, y2: H, "class": "scene-change",
+                              "data-second": r[0] }, svg, true);
+      el("title", {}, mark, true).textContent = "scene change";
+    });
     var marks = el("g", { "class": "marks" }, svg, true);
     var hover = el("line", { y1: 0, y2: H, "class": "hover", visibility: "hidden" }, svg, true);
     var bySecond = {};
@@ -170,9 +181,11 @@ var Tremora = (function () {
     var page = Math.max(10, Math.round(last / 10));
 
     function describe(s) {
-      var r = bySecond[s] || [s, 0, 0];
+      var r = bySecond[s] || [s, 0, 0, 0];
       var wall = wallClock(card, origin + s);
-      return [clock(origin + s) + (wall ? " (" + wall + ")" : ""), r[1] + " moving pixels", r[2] + " new events"];
+      var parts = [clock(origin + s) + (wall ? " (" + wall + ")" : ""), r[1] + " moving pixels", r[2] + " new events"];
+      if (r[3]) parts.push("scene change");
+      return parts;
     }
 
     function show(s) {

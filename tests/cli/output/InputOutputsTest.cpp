@@ -348,7 +348,7 @@ void InputOutputsTest::theFilesWrittenAreTheMapsImagesTableAndManifest()
     QVERIFY(sameAs("clip.png", map));
     const double footage = 3 / 25.0;
     QVERIFY(sameAs("clip.legend.png", Legend::render(map, Legend::contentOf("clip.mp4", Legend::timeSpan("", 0.0, footage),
-                                                                            MotionMap::kDefaultScale, footage, {}))));
+                                                                            MotionMap::kDefaultScale, footage, {}, false))));
     QVERIFY(sameAs("clip.counts.png", MapImages::countsImage(pass.motionCount)));
     QVERIFY(sameAs("clip.events.png", MapImages::eventsImage(pass.exactCounts)));
     QVERIFY(sameAs("clip.background.png", MapImages::backgroundImage(pass.background)));

@@ -102,6 +102,45 @@ private slots:
         QVERIFY(Legend::render(map, withoutHours).height() < Legend::render(map, content()).height());
     }
 
+    void steadyLightAddsOneLineOfTextAndMovesNothingElse()
+    {
+        Legend::Content steady = content();
+        steady.steadyLight = true;
+        const QImage map = mapOf(640, 480);
+        const QImage plain = Legend::render(map, content()).convertToFormat(QImage::Format_RGB888);
+        const QImage withLine = Legend::render(map, steady).convertToFormat(QImage::Format_RGB888);
+        QCOMPARE(withLine.width(), plain.width());
+        const int added = withLine.height() - plain.height();
+        QVERIFY(added > 0);
+        const auto sameRow = [&](int plainRow, int steadyRow) {
+            return std::equal(plain.constScanLine(plainRow), plain.constScanLine(plainRow) + plain.width() * 3,
+                              withLine.constScanLine(steadyRow));
+        };
+        int top = 0;
+        while (top < plain.height() && sameRow(top, top))
+            ++top;
+        int bottom = 0;
+        while (bottom < plain.height() && sameRow(plain.height() - 1 - bottom, withLine.height() - 1 - bottom))
+            ++bottom;
+        // Every row of the plain strip is still there, above or below the one line put in,
+        // which lies below the map and holds text.
+        QVERIFY2(top + bottom >= plain.height(), qPrintable(QStringLiteral("%1 + %2").arg(top).arg(bottom)));
+        QVERIFY(top > map.height());
+        // The line is drawn in the quieter grey of the facts above it, well off the paper.
+        const QImage line = withLine.copy(0, top, withLine.width(), added);
+        int written = 0;
+        for (int y = 0; y < line.height(); ++y)
+            for (int x = 0; x < line.width(); ++x)
+                written += qGray(line.pixel(x, y)) < 160 ? 1 : 0;
+        QVERIFY2(written > 10 * Legend::textPixels(640), qPrintable(QString::number(written)));
+    }
+
+    void contentSaysWhetherLightChangesWereIgnored()
+    {
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}, true).steadyLight);
+        QVERIFY(!Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}, false).steadyLight);
+    }
+
     void ticksAreRoundStepsEndingAtTheTop()
     {
         QCOMPARE(Legend::ticks(8.5), (QList<double>{2.0, 4.0, 6.0, 8.5}));
@@ -144,7 +183,7 @@ private slots:
 
     void contentCarriesNameSpanAndScaleAsGiven()
     {
-        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {});
+        const Legend::Content made = Legend::contentOf("clip.mp4", "0:00:00 – 0:15:00 of the video", 12.5, 900.0, {}, false);
         QCOMPARE(made.name, QStringLiteral("clip.mp4"));
         QCOMPARE(made.timeSpan, QStringLiteral("0:00:00 – 0:15:00 of the video"));
         QCOMPARE(made.scale, 12.5);
@@ -152,7 +191,7 @@ private slots:
 
     void contentCountsFootageInHours()
     {
-        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}).footageHours, 1.5);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, 5400.0, {}, false).footageHours, 1.5);
     }
 
     void unknownFootageGivesNoHours_data()
@@ -165,15 +204,15 @@ private slots:
     void unknownFootageGivesNoHours()
     {
         QFETCH(double, footageSeconds);
-        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}).footageHours, 0.0);
+        QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}, false).footageHours, 0.0);
     }
 
     void masksAreNamedByFileOnceEachAndEmptyOnesLeftOut()
     {
-        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}).mask,
+        QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}, false).mask,
                  QStringLiteral("mask.png, door.png"));
-        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}).mask.isEmpty());
-        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {""}, false).mask.isEmpty());
+        QVERIFY(Legend::contentOf("clip.mp4", "", 8.5, 60.0, {}, false).mask.isEmpty());
     }
 };
 

@@ -148,9 +148,41 @@ private slots:
         QCOMPARE(cells.value("5").toString(), QStringLiteral("9"));
     }
 
+    void sceneChangesAreCountedInTheSecondsOfTheirPairs()
+    {
+        ReportData::ActivityBySecond activity;
+        activity.add({0, 0.04, 10, 3, false});
+        activity.add({1, 1.20, 900, 0, true});
+        activity.add({2, 1.60, 950, 0, true});
+        activity.add({3, 1.80, 4, 1, false});
+        activity.add({4, 2.10, 0, 0, false});
+        activity.add({5, 3.00, 800, 0, true});
+        const auto& seconds = activity.seconds();
+        QCOMPARE(int(seconds.size()), 4);
+        QCOMPARE(seconds[0].sceneChanges, std::int64_t{0});
+        QCOMPARE(seconds[1].sceneChanges, std::int64_t{2});
+        QCOMPARE(seconds[1].newEvents, std::int64_t{1});
+        QCOMPARE(seconds[2].sceneChanges, std::int64_t{0});
+        QCOMPARE(seconds[3].sceneChanges, std::int64_t{1});
+        QCOMPARE(activity.sceneChanges(), std::int64_t{3});
+    }
+
+    void inSteadyLightEachSecondEndsWithItsSceneChanges()
+    {
+        const QByteArray json = ReportData::activityJson({{0, 12, 3, 0}, {4, 900, 0, 2}}, true);
+        QCOMPARE(json, QByteArray("{\"seconds\":[[0,12,3,0],[4,900,0,2]]}"));
+    }
+
+    void withoutSteadyLightTheSecondsHaveNoSceneChangeValue()
+    {
+        // A run without the option writes the file it always wrote, whatever the seconds hold.
+        const QByteArray json = ReportData::activityJson({{0, 12, 3, 0}, {4, 900, 0, 2}}, false);
+        QCOMPARE(json, QByteArray("{\"seconds\":[[0,12,3],[4,900,0]]}"));
+    }
+
     void theActivityFileListsEverySecond()
     {
-        const QByteArray json = ReportData::activityJson({{0, 12, 3}, {2, 0, 0}});
+        const QByteArray json = ReportData::activityJson({{0, 12, 3}, {2, 0, 0}}, false);
         const QJsonArray seconds = QJsonDocument::fromJson(json).object().value("seconds").toArray();
         QCOMPARE(seconds.size(), 2);
         QCOMPARE(seconds[0].toArray(), (QJsonArray{0, 12, 3}));

@@ -122,6 +122,44 @@ private slots:
         const std::vector<std::pair<QString, QString>> expected = {
             {"Events", "123457"}, {"Most at a pixel", "65535"}, {"Pixels with motion", "0.050%"}};
         QCOMPARE(ReportPage::countFigures(123456.6, 65535.0, 0.0005), expected);
+        QCOMPARE(ReportPage::countFigures(123456.6, 65535.0, 0.0005, -1), expected);
+    }
+
+    void countFiguresInSteadyLightEndWithTheSceneChanges()
+    {
+        const std::vector<std::pair<QString, QString>> expected = {
+            {"Events", "12"}, {"Most at a pixel", "3"}, {"Pixels with motion", "50.0%"}, {"Scene changes", "4"}};
+        QCOMPARE(ReportPage::countFigures(12.0, 3.0, 0.5, 4), expected);
+        // None seen is a figure too: the run looked for them.
+        QCOMPARE(ReportPage::countFigures(12.0, 3.0, 0.5, 0).back(), (std::pair<QString, QString>{"Scene changes", "0"}));
+    }
+
+    void aCardOfASteadyLightManifestCountsItsSceneChanges()
+    {
+        const QJsonObject manifest{
+            {"video", QJsonObject{{"container", "matroska,webm"}, {"codec", "ffv1"}, {"width", 160}, {"height", 120},
+                                  {"duration_s", 10}}},
+            {"frames_decoded", 250},
+            {"outcome", QJsonObject{{"status", "done"}}},
+            {"summary", QJsonObject{{"events_total", 860}, {"max_events", 1}, {"pixels_with_events_share", 0.5},
+                                    {"pairs_with_motion_share", 0.25}}},
+            {"scene_changes", QJsonObject{{"count", 3}, {"times_s", QJsonArray{4.0, 5.0, 6.0}}}},
+        };
+        const ReportCard c = ReportPage::inputCard(QStringLiteral("1"), QStringLiteral("/v/cam.mkv"), manifest, {},
+                                                   QStringLiteral("maps/1.png"), QStringLiteral("/v/report"));
+        const std::vector<std::pair<QString, QString>> expected = {
+            {"Duration", "0:10"}, {"Frames", "250"}, {"Size", "160 × 120"}, {"Recorded", "unknown"},
+            {"Events", "860"}, {"Most at a pixel", "1"}, {"Pixels with motion", "50.0%"}, {"Scene changes", "3"},
+            {"Pairs with motion", "25.0%"},
+        };
+        QCOMPARE(c.figures, expected);
+        QJsonObject without = manifest;
+        without.remove("scene_changes");
+        const ReportCard plain = ReportPage::inputCard(QStringLiteral("1"), QStringLiteral("/v/cam.mkv"), without, {},
+                                                       QStringLiteral("maps/1.png"), QStringLiteral("/v/report"));
+        QVERIFY(std::none_of(plain.figures.begin(), plain.figures.end(),
+                             [](const auto& figure) { return figure.first == QLatin1String("Scene changes"); }));
+        QCOMPARE(int(plain.figures.size()), int(expected.size()) - 1);
     }
 
     void footageIsAClockOrUnknown()

@@ -7,8 +7,10 @@ Makes clips with motion at known seconds, runs the tool with --report, and check
 as a user would meet it: no console errors, a card per input in name order, the times a
 click on a map lists, the video seeking to a chosen time, the activity chart read second by
 second with the keyboard, and a name full of characters that HTML and URLs treat specially.
-With --demo, also keeps a screenshot of the report of that clip, and one of its chart read
-with the keys beside it (PNG's name ending in -chart-keys.png). Exits 0 when every check
+It also checks that a run in steady light marks a scene change on the chart and counts it.
+With --screenshot, keeps a screenshot of that chart with the mouse on the mark (PNG's name
+ending in -scene-change.png); with --demo too, a screenshot of the report of that clip, and
+one of its chart read with the keys beside it (PNG's name ending in -chart-keys.png). Exits 0 when every check
 passed, 1 with the first failure otherwise (a browser that does not start is a failure: the
 test command installs it).
 """
@@ -57,6 +59,24 @@ def make_clip(path, extra=(), recorded=RECORDED):
          "enable='between(t,2.5,2.7)+between(t,6.5,6.7)'" % SIZE,
          "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "25", "-crf", "12",
          "-metadata", "creation_time=" + recorded, *extra, path],
+        check=True)
+
+
+def make_scene_change_clip(path):
+    """Ten seconds of grey in which, from 4 s on, the left 60 % of the picture changes: its top
+    half 80 brighter, its bottom half 80 darker. Taking out the median difference leaves 60 %
+    of the pixels moving in the pair at 4 s, a scene change in steady light. The white square
+    of make_clip still shows at 2.5 s and 6.5 s, drawn over the change."""
+    left = SIZE[0] * 6 // 10
+    half = SIZE[1] // 2
+    subprocess.run(
+        ["ffmpeg", "-hide_banner", "-loglevel", "error", "-nostdin", "-y", "-f", "lavfi", "-i",
+         "color=c=0x505050:s=%dx%d:d=10:r=25,format=gray,"
+         "drawbox=x=0:y=0:w=%d:h=%d:color=0xA0A0A0:t=fill:enable='gte(t,4)',"
+         "drawbox=x=0:y=%d:w=%d:h=%d:color=black:t=fill:enable='gte(t,4)',"
+         "drawbox=x=8:y=8:w=24:h=24:color=white:t=fill:enable='between(t,2.5,2.7)+between(t,6.5,6.7)'"
+         % (SIZE[0], SIZE[1], left, half, half, left, SIZE[1] - half),
+         "-c:v", "ffv1", "-pix_fmt", "gray", "-metadata", "creation_time=" + RECORDED, path],
         check=True)
 
 
@@ -437,6 +457,89 @@ def check_combined_card_lists_the_times_of_every_video_and_plays_each(tool, work
         driver.quit()
 
 
+SCENE_CHANGE_SECOND = 4
+
+
+def figures_of(card):
+    terms = [dt.text for dt in card.find_elements(By.CSS_SELECTOR, ".figures dt")]
+    values = [dd.text for dd in card.find_elements(By.CSS_SELECTOR, ".figures dd")]
+    return dict(zip(terms, values))
+
+
+def check_steady_light_marks_scene_changes(tool, work, shot=None):
+    """A clip whose view changes at 4 s: in steady light its chart has one thin mark there,
+    whose tip and slider text say "scene change", and its figures count one; without the
+    option the same clip's card has neither."""
+    clip = os.path.join(work, "videos", "lamp.mkv")
+    make_scene_change_clip(clip)
+    report = os.path.join(work, "steady-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "steady-maps"), "--steady-light", "--report", report, clip])
+    check(result.returncode == 0, "a steady-light run with a report: %s" % result.stderr)
+    rows = activity_rows(report, "1")
+    changed = sorted(second for second, row in rows.items() if len(row) == 4 and row[3] > 0)
+    check(all(len(row) == 4 for row in rows.values()) and changed == [SCENE_CHANGE_SECOND],
+          "the data gives second %d its scene change: %r" % (SCENE_CHANGE_SECOND, rows))
+    last = max(rows) + 1
+    driver = browser()
+    try:
+        open_report(driver, report)
+        card = show_card(driver, "card-1")
+        check(figures_of(card).get("Scene changes") == "1", "the card counts one scene change: %r" % figures_of(card))
+        marks = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-1 .chart .scene-change')).map(function (m) {"
+            " var t = m.querySelector('title'); return [Number(m.getAttribute('x1')), t ? t.textContent : null,"
+            " m.getBoundingClientRect().width]; });")
+        check(len(marks) == 1, "one mark for the one scene change: %r" % marks)
+        x, title, width = marks[0]
+        check(abs(x - (SCENE_CHANGE_SECOND + 0.5) / last * 1000) < 0.01, "the mark stands on second 4: %r" % marks)
+        check(title == "scene change", "the mark's tip says 'scene change': %r" % title)
+        check(width <= 3, "the mark is thin: %r pixels" % width)
+        key = card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text
+        check("scene change" in key, "the chart's key names the mark: %r" % key)
+
+        # The mouse on the mark, and the keys on its second, show the same words.
+        svg = card.find_element(By.CSS_SELECTOR, ".chart svg")
+        driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", svg)
+        dx = (SCENE_CHANGE_SECOND + 0.5) / last * svg.size["width"] - svg.size["width"] / 2
+        ActionChains(driver).move_to_element_with_offset(svg, dx, 0).perform()
+        state = chart_state(driver, "card-1")
+        check(state["tip"] is not None and state["tip"].endswith(" · scene change"),
+              "the tip over the mark says 'scene change': %r" % state)
+        if shot:
+            driver.save_screenshot(shot)
+        ActionChains(driver).move_to_element(card.find_element(By.CSS_SELECTOR, "h2")).perform()
+        tab_to_chart(driver, card)
+        ActionChains(driver).send_keys(*[Keys.ARROW_RIGHT] * SCENE_CHANGE_SECOND).perform()
+        state = chart_state(driver, "card-1")
+        check(state["now"] == str(SCENE_CHANGE_SECOND) and state["tip"].endswith(" · scene change")
+              and state["text"].endswith(", scene change"),
+              "the keys reach the scene change and its tip says so: %r" % state)
+        ActionChains(driver).send_keys(Keys.ARROW_RIGHT).perform()
+        state = chart_state(driver, "card-1")
+        check("scene change" not in state["tip"] and "scene change" not in state["text"],
+              "the second after says nothing of a scene change: %r" % state)
+        errors = console_errors(driver)
+        check(not errors, "console errors on the steady-light report: %r" % errors)
+    finally:
+        driver.quit()
+
+    plain_report = os.path.join(work, "unsteady-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "unsteady-maps"), "--report", plain_report, clip])
+    check(result.returncode == 0, "the same clip without steady light: %s" % result.stderr)
+    check(all(len(row) == 3 for row in activity_rows(plain_report, "1").values()),
+          "without steady light the data has no scene changes")
+    driver = browser()
+    try:
+        open_report(driver, plain_report)
+        card = show_card(driver, "card-1")
+        check("Scene changes" not in figures_of(card), "without steady light no figure counts scene changes")
+        check(not card.find_elements(By.CSS_SELECTOR, ".chart .scene-change"), "without steady light no mark")
+        check("scene change" not in card.find_element(By.CSS_SELECTOR, ".chart .legend-key").text,
+              "without steady light the key names no mark")
+    finally:
+        driver.quit()
+
+
 def screenshot(tool, work, demo, out, keys_out):
     report = os.path.join(work, "demo-report")
     result = run_tool(tool, ["-o", os.path.join(work, "demo-maps"), "--report", report, demo])
@@ -485,6 +588,8 @@ def main():
         check_report(args.tool, args.work)
         check_slice_cards_list_the_times_of_their_slice(args.tool, args.work)
         check_combined_card_lists_the_times_of_every_video_and_plays_each(args.tool, args.work)
+        scene_shot = os.path.splitext(args.screenshot)[0] + "-scene-change.png" if args.screenshot else None
+        check_steady_light_marks_scene_changes(args.tool, args.work, scene_shot)
         if args.demo and args.screenshot:
             if not os.path.exists(args.demo):
                 make_demo_clip(args.demo)
