@@ -27,6 +27,7 @@ struct MpegWriterState {
     CodecContextPtr codecContext;
     PacketPtr packet;
     bool headerWritten = false;
+    bool drained = false;
 };
 
 namespace {
@@ -92,9 +93,46 @@ bool fitsEncoder(const MpegWriterState& state, const AVFrame* picture)
 bool writePacket(MpegWriterState& state)
 {
     AVPacket* packet = state.packet.get();
+    // Every picture lasts one unit of the time base. Encoders that leave the duration unset
+    // would let a container that stores durations (MP4) give the last picture none, and a
+    // player would not show it.
+    if (packet->duration == 0)
+        packet->duration = 1;
     av_packet_rescale_ts(packet, state.codecContext->time_base, state.stream->time_base);
     packet->stream_index = state.stream->index;
     return av_interleaved_write_frame(state.formatContext.get(), packet) >= 0;
+}
+
+struct PacketsWritten {
+    bool any = false;   // at least one packet was written
+    bool all = true;    // no packet failed, and the encoder reported no error
+    bool ended = false; // the encoder has handed out everything it will (after a drain only)
+};
+
+// Writes every packet the encoder has ready.
+PacketsWritten writeReadyPackets(MpegWriterState& state)
+{
+    PacketsWritten packets;
+    for (;;) {
+        const int received = avcodec_receive_packet(state.codecContext.get(), state.packet.get());
+        // EAGAIN: the encoder wants more pictures before it hands back another packet.
+        if (received == AVERROR(EAGAIN))
+            return packets;
+        // EOF: a drained encoder has handed out its last packet.
+        if (received == AVERROR_EOF) {
+            packets.ended = true;
+            return packets;
+        }
+        // Any other failure is an error of the encoder.
+        if (received < 0) {
+            packets.all = false;
+            return packets;
+        }
+        // A packet: into the file, whether or not an earlier one failed.
+        const bool written = writePacket(state);
+        packets.any = packets.any || written;
+        packets.all = packets.all && written;
+    }
 }
 
 } // namespace
@@ -139,28 +177,25 @@ bool MpegWriter::open(const char* path, int bitRate, int width, int height, doub
 
 bool MpegWriter::write(MpegFrame* frame)
 {
-    if (!isOpen() || !frame || !fitsEncoder(*m_state, frame->avFrame()))
+    if (!isOpen() || m_state->drained || !frame || !fitsEncoder(*m_state, frame->avFrame()))
         return false;
     MpegWriterState& state = *m_state;
     if (avcodec_send_frame(state.codecContext.get(), frame->avFrame()) < 0)
         return false;
+    const PacketsWritten packets = writeReadyPackets(state);
+    return packets.any && packets.all;
+}
 
-    bool anyWritten = false;
-    bool allWritten = true;
-    for (;;) {
-        const int received = avcodec_receive_packet(state.codecContext.get(), state.packet.get());
-        // EAGAIN: the encoder wants more pictures before it hands back another packet.
-        if (received == AVERROR(EAGAIN))
-            break;
-        // Any other failure (EOF cannot happen, the encoder is never flushed) is an error.
-        if (received < 0)
-            return false;
-        // A packet: into the file, whether or not an earlier one failed.
-        const bool written = writePacket(state);
-        anyWritten = anyWritten || written;
-        allWritten = allWritten && written;
-    }
-    return anyWritten && allWritten;
+bool MpegWriter::drain()
+{
+    if (!isOpen() || m_state->drained)
+        return false;
+    MpegWriterState& state = *m_state;
+    state.drained = true;
+    if (avcodec_send_frame(state.codecContext.get(), nullptr) < 0)
+        return false;
+    const PacketsWritten packets = writeReadyPackets(state);
+    return packets.ended && packets.all;
 }
 
 void MpegWriter::close()

@@ -12,7 +12,8 @@ struct MpegWriterState;
 // The writer neither converts nor rescales pictures and does not set their timestamps: the
 // caller hands in AV_PIX_FMT_YUV420P pictures of the size given to open() whose pts counts in
 // units of timeBase() (one unit a picture at the frame rate given to open()). Pictures the
-// encoder still holds when the file is closed are dropped, not flushed into the file.
+// encoder still holds when the file is closed are dropped, not flushed into the file, unless
+// the caller drains the encoder first.
 //
 // Not thread-safe: one thread at a time. Opening and closing codecs must not run at the same
 // time as another reader's or writer's, so callers hold the process-wide ffmpegMutex around
@@ -39,6 +40,13 @@ public:
     // size given to open() (it is refused, not converted) and when no file is open. The frame
     // stays the caller's.
     bool write(MpegFrame* frame);
+
+    // Tells the encoder that no picture follows and writes every packet it still holds (the
+    // pictures a look-ahead or reordering kept back), so that a caller who must not lose
+    // pictures calls this before close(). True when every packet was written, also when there
+    // were none; false for an encoding or writing error and when no file is open. After it,
+    // write() and drain() refuse: the encoder has ended.
+    bool drain();
 
     // Writes the trailer if the header was written and releases everything. Safe in every
     // state and when called repeatedly.

@@ -132,6 +132,11 @@ private slots:
     void writeWithoutOpenFileReturnsFalse();
     void pictureOfOtherSizeOrFormatIsRefused();
 
+    void drainWritesThePictureMpeg1HeldBack();
+    void drainWritesEveryPictureH264HeldForItsLookAhead();
+    void afterDrainWriteAndDrainAreRefused();
+    void drainWithoutOpenFileReturnsFalse();
+
     void unwritablePathFailsAndCloseIsSafe();
     void containerWithoutVideoCodecFailsBeforeStreamExists();
     void encoderRefusingSettingsFailsAndCloseIsSafe();
@@ -312,6 +317,54 @@ void MpegWriterTest::heldBackPictureReturnsFalseAndIsNotFlushedAtClose()
 
     // The picture still held at close is dropped, not flushed.
     QCOMPARE(probePacketCount(path("clip.mpg")), kPictures - 1);
+}
+
+void MpegWriterTest::drainWritesThePictureMpeg1HeldBack()
+{
+    MpegWriter writer;
+    QVERIFY(writer.open(path("drained.mpg").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    constexpr int kPictures = 8;
+    QCOMPARE(writePictures(writer, kPictures), kPictures - 1);
+    QVERIFY(writer.drain());
+    writer.close();
+    QCOMPARE(probePacketCount(path("drained.mpg")), kPictures);
+}
+
+void MpegWriterTest::drainWritesEveryPictureH264HeldForItsLookAhead()
+{
+    MpegWriter writer;
+    QVERIFY(writer.open(path("drained.mp4").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    QCOMPARE(QByteArray(writer.codecName()), QByteArray("libx264"));
+    constexpr int kPictures = 30;
+    // The encoder's look-ahead holds more pictures than that, so none comes back yet.
+    QCOMPARE(writePictures(writer, kPictures), 0);
+    QVERIFY(writer.drain());
+    writer.close();
+    QCOMPARE(probePacketCount(path("drained.mp4")), kPictures);
+    QCOMPARE(probe(path("drained.mp4"), "stream=nb_read_frames", {"-count_frames"}), QString::number(kPictures));
+}
+
+void MpegWriterTest::afterDrainWriteAndDrainAreRefused()
+{
+    MpegWriter writer;
+    QVERIFY(writer.open(path("ended.mpg").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    QCOMPARE(writePictures(writer, 4), 3);
+    QVERIFY(writer.drain());
+    const std::unique_ptr<MpegFrame> late = makePicture(90, 4);
+    QVERIFY(!writer.write(late.get()));
+    QVERIFY(!writer.drain());
+    writer.close();
+    QCOMPARE(probePacketCount(path("ended.mpg")), 4);
+}
+
+void MpegWriterTest::drainWithoutOpenFileReturnsFalse()
+{
+    MpegWriter never;
+    QVERIFY(!never.drain());
+    MpegWriter closed;
+    QVERIFY(closed.open(path("closed.mpg").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    closed.close();
+    QVERIFY(!closed.drain());
 }
 
 void MpegWriterTest::writeWithoutOpenFileReturnsFalse()
