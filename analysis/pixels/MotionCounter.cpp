@@ -143,13 +143,7 @@ void MotionCounter::addFrame(const cv::Mat& frame, cv::Mat& motionCount)
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
             countRowsDetailed(frame, motionCount, stripe, firstRow, endRow, sums);
         });
-        m_lastPair = {};
-        for (const PairActivity& tally : m_stripeTallies) {
-            m_lastPair.movingPixels += tally.movingPixels;
-            m_lastPair.newEvents += tally.newEvents;
-        }
-        if (m_cellSize > 0 && m_lastPair.newEvents > 0)
-            mergeCellHits();
+        gatherStripeTallies();
     } else if (m_exact) {
         takeCountsGiven(motionCount);
         forEachStripe([&](int, int firstRow, int endRow, std::uint16_t* sums) {
@@ -284,13 +278,7 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
             countShiftedRows(current, motionCount, stripe, firstRow, endRow);
         });
-        m_lastPair = {};
-        for (const PairActivity& tally : m_stripeTallies) {
-            m_lastPair.movingPixels += tally.movingPixels;
-            m_lastPair.newEvents += tally.newEvents;
-        }
-        if (m_cellSize > 0 && m_lastPair.newEvents > 0)
-            mergeCellHits();
+        gatherStripeTallies();
     }
 }
 
@@ -395,6 +383,17 @@ void MotionCounter::countShiftedRowsPlainly(const cv::Mat& current, cv::Mat& mot
             MotionKernels::countRowShifted(current.ptr<std::uint8_t>(y), previous, quiet, counts, discarded,
                                            m_mask.ptr<std::uint8_t>(y), width, threshold, m_lastShift);
     }
+}
+
+void MotionCounter::gatherStripeTallies()
+{
+    m_lastPair = {};
+    for (const PairActivity& tally : m_stripeTallies) {
+        m_lastPair.movingPixels += tally.movingPixels;
+        m_lastPair.newEvents += tally.newEvents;
+    }
+    if (m_cellSize > 0 && m_lastPair.newEvents > 0)
+        mergeCellHits();
 }
 
 void MotionCounter::markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const

@@ -137,6 +137,8 @@ private:
     // from kQuietForNewEvent (`quietBefore`) to 0: a new event.
     void markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const;
     void mergeCellHits();
+    // The detailed count's pair activity (and cells) from what each stripe saw.
+    void gatherStripeTallies();
 
     // Steady light: the pair's pictures are compared twice, once to find the change of light
     // and once to count, so the new picture is smoothed into a buffer of its own first.

@@ -42,16 +42,12 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
-// countPixel with a mask and the exact count; returns 1 for a new event, else 0. A pixel
-// that moved is left with `quiet` at 0, which is how the row's moving pixels are counted.
-inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
-                                  uint16_t& events, uint8_t mask, uint8_t threshold)
+// What the detailed rule does once it knows whether the pixel moved: returns 1 for a new
+// event, else 0. A pixel that moved is left with `quiet` at 0, which is how the row's moving
+// pixels are counted.
+inline uint8_t recordMotion(bool moved, uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
+                            uint16_t& events)
 {
-    const uint8_t before = previous;
-    const uint8_t high = current > before ? current : before;
-    const uint8_t low = current > before ? before : current;
-    const uint8_t difference = static_cast<uint8_t>(high - low);
-    const bool moved = (difference > threshold) & (mask != 0);
     const uint8_t wasQuiet = quiet;
     const uint8_t newEvent = static_cast<uint8_t>(moved & (wasQuiet == kQuietForNewEvent));
     count = static_cast<uint8_t>(count + newEvent);
@@ -62,21 +58,24 @@ inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& q
     return newEvent;
 }
 
+// countPixel with a mask and the exact count.
+inline uint8_t countPixelDetailed(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
+                                  uint16_t& events, uint8_t mask, uint8_t threshold)
+{
+    const uint8_t before = previous;
+    const uint8_t high = current > before ? current : before;
+    const uint8_t low = current > before ? before : current;
+    const uint8_t difference = static_cast<uint8_t>(high - low);
+    return recordMotion((difference > threshold) & (mask != 0), current, previous, quiet, count, events);
+}
+
 // countPixelDetailed on the difference with the change of light `shift` taken out.
 inline uint8_t countPixelShifted(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8_t& count,
                                  uint16_t& events, uint8_t mask, uint8_t threshold, int16_t shift)
 {
     const int16_t difference = static_cast<int16_t>(current - previous - shift);
     const int16_t magnitude = difference < 0 ? static_cast<int16_t>(-difference) : difference;
-    const bool moved = (magnitude > threshold) & (mask != 0);
-    const uint8_t wasQuiet = quiet;
-    const uint8_t newEvent = static_cast<uint8_t>(moved & (wasQuiet == kQuietForNewEvent));
-    count = static_cast<uint8_t>(count + newEvent);
-    events = static_cast<uint16_t>(events + static_cast<uint16_t>(newEvent & (events != 0xFFFF)));
-    const uint8_t older = static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
-    quiet = moved ? uint8_t{0} : older;
-    previous = current;
-    return newEvent;
+    return recordMotion((magnitude > threshold) & (mask != 0), current, previous, quiet, count, events);
 }
 
 // The loop bodies, inlined into one copy per instruction set below.
