@@ -235,7 +235,7 @@ TREMORA_KERNEL uint32_t movingShifted(const uint8_t* __restrict current, const u
     for (int x = 0; x < width; ++x) {
         const int16_t difference = static_cast<int16_t>(current[x] - previous[x] - shift);
         const int16_t magnitude = difference < 0 ? static_cast<int16_t>(-difference) : difference;
-        moving += (mask[x] != 0) & (magnitude > threshold) ? 1u : 0u;
+        moving += static_cast<uint32_t>((mask[x] != 0) & (magnitude > threshold));
     }
     return moving;
 }
