@@ -84,8 +84,10 @@ void MotionCounter::setUpSteadyLight(cv::Size size, const cv::Mat& mask, double 
     // The light is measured over the analysed pixels, with or without the detail.
     if (m_mask.empty())
         m_mask = analysedPixels(size, mask);
-    if (!m_detailed)
+    if (!m_detailed) {
+        LargePageMats::create(m_quietAfter, size, CV_8UC1, cv::Scalar(0));
         m_discardedEvents.assign(static_cast<size_t>(m_stripes) * static_cast<size_t>(size.width), 0);
+    }
     m_analysedPixels = cv::countNonZero(m_mask);
     m_masked = m_analysedPixels < static_cast<std::int64_t>(m_mask.total());
     m_lightTallies.resize(static_cast<size_t>(m_stripes));
@@ -246,8 +248,12 @@ void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount
 
 void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionCount)
 {
+    // Without the detail the pair is counted while the light is tallied, the rows still in the
+    // cache, as if the light had not changed, which it has not in most pairs; the count is
+    // taken back in the few where it has.
+    cv::Mat* countedAlong = m_detailed ? nullptr : &motionCount;
     forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t* sums) {
-        smoothAndTallyRows(frame, stripe, firstRow, endRow, sums);
+        smoothAndTallyRows(frame, stripe, firstRow, endRow, sums, countedAlong);
     });
     const cv::Mat& current = m_blur ? m_current : frame;
     LightCounts light;
@@ -264,16 +270,12 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
     m_lastShift = lightUnchanged ? 0 : lightShift(current);
     const std::int64_t moving = m_lastShift == 0 ? light.beyondThreshold : movingAfterShift(current, m_lastShift);
     m_lastSceneChange = static_cast<double>(moving) > m_sceneChangeShare * static_cast<double>(m_analysedPixels);
-    if (m_lastSceneChange) {
+    if (!m_detailed) {
+        settleCountMadeAlong(current, motionCount);
+    } else if (m_lastSceneChange) {
         // The counts and quiet pairs stay as they were; only the picture moves on.
-        current.copyTo(m_previous);
-        if (m_detailed)
-            m_lastPair = {moving, 0};
-    } else if (!m_detailed) {
-        // Only the map's count is kept: the plain loop, unless the light changed.
-        forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
-            countShiftedRowsPlainly(current, motionCount, stripe, firstRow, endRow);
-        });
+        takeAsPrevious(current);
+        m_lastPair = {moving, 0};
     } else {
         forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
             countShiftedRows(current, motionCount, stripe, firstRow, endRow);
@@ -282,8 +284,41 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
     }
 }
 
+void MotionCounter::settleCountMadeAlong(const cv::Mat& current, cv::Mat& motionCount)
+{
+    if (m_lastShift == 0 && !m_lastSceneChange) {
+        cv::swap(m_quiet, m_quietAfter);
+        takeAsPrevious(current);
+        return;
+    }
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    forEachStripe([&](int, int firstRow, int endRow, std::uint16_t*) {
+        for (int y = firstRow; y < endRow; ++y)
+            MotionKernels::uncountRow(current.ptr<std::uint8_t>(y), m_previous.ptr<std::uint8_t>(y),
+                                      m_quiet.ptr<std::uint8_t>(y), motionCount.ptr<std::uint8_t>(y), m_previous.cols,
+                                      threshold);
+    });
+    if (m_lastSceneChange) {
+        // The counts and quiet pairs stay as they were; only the picture moves on.
+        takeAsPrevious(current);
+        return;
+    }
+    forEachStripe([&](int stripe, int firstRow, int endRow, std::uint16_t*) {
+        countShiftedRowsPlainly(current, motionCount, stripe, firstRow, endRow);
+    });
+}
+
+void MotionCounter::takeAsPrevious(const cv::Mat& current)
+{
+    // The smoothed picture is the counter's own and need not be copied.
+    if (&current == &m_current)
+        cv::swap(m_previous, m_current);
+    else
+        current.copyTo(m_previous);
+}
+
 void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow,
-                                       std::uint16_t* sums)
+                                       std::uint16_t* sums, cv::Mat* countedAlong)
 {
     LightCounts& tally = m_lightTallies[static_cast<size_t>(stripe)];
     tally = {};
@@ -302,6 +337,10 @@ void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int fir
         tally.darker += row.darker;
         tally.notBrighter += row.notBrighter;
         tally.beyondThreshold += row.beyondThreshold;
+        if (countedAlong)
+            MotionKernels::countRowApart(current, m_previous.ptr<std::uint8_t>(y), m_quiet.ptr<std::uint8_t>(y),
+                                         m_quietAfter.ptr<std::uint8_t>(y), countedAlong->ptr<std::uint8_t>(y), width,
+                                         threshold);
     }
 }
 
@@ -377,11 +416,8 @@ void MotionCounter::countShiftedRowsPlainly(const cv::Mat& current, cv::Mat& mot
         std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
         std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
         std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
-        if (m_lastShift == 0)
-            MotionKernels::countRow(current.ptr<std::uint8_t>(y), previous, quiet, counts, width, threshold);
-        else
-            MotionKernels::countRowShifted(current.ptr<std::uint8_t>(y), previous, quiet, counts, discarded,
-                                           m_mask.ptr<std::uint8_t>(y), width, threshold, m_lastShift);
+        MotionKernels::countRowShifted(current.ptr<std::uint8_t>(y), previous, quiet, counts, discarded,
+                                       m_mask.ptr<std::uint8_t>(y), width, threshold, m_lastShift);
     }
 }
 

@@ -140,19 +140,26 @@ private:
     // The detailed count's pair activity (and cells) from what each stripe saw.
     void gatherStripeTallies();
 
-    // Steady light: the pair's pictures are compared twice, once to find the change of light
-    // and once to count, so the new picture is smoothed into a buffer of its own first.
+    // Steady light: the pair's pictures are compared to find the change of light and to count,
+    // so the new picture is smoothed into a buffer of its own first.
     void addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionCount);
-    // Smooths (with blur) the stripe's rows of `frame` into m_current and tallies them.
-    void smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow, std::uint16_t* sums);
+    // Smooths (with blur) the stripe's rows of `frame` into m_current and tallies them; given
+    // `countedAlong`, also counts them into it as if the light had not changed, the new quiet
+    // pairs into m_quietAfter.
+    void smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow, std::uint16_t* sums,
+                            cv::Mat* countedAlong);
+    // Keeps the count smoothAndTallyRows made along where the light did not change and the scene
+    // did not either; otherwise takes it back and counts as the pair's light and scene say.
+    void settleCountMadeAlong(const cv::Mat& current, cv::Mat& motionCount);
+    // m_previous becomes the new picture `current` (m_current, or the frame without blur).
+    void takeAsPrevious(const cv::Mat& current);
     // The change of light of the pair whose new picture is `current`: its lower median difference.
     int lightShift(const cv::Mat& current);
     std::int64_t movingAfterShift(const cv::Mat& current, int shift);
     // Compares rows of the new picture with m_previous, as countRowsDetailed does, with the
     // change of light `m_lastShift` taken out.
     void countShiftedRows(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow, int endRow);
-    // The same without the detail: the map's count alone, in the plain loop where the light
-    // did not change.
+    // The same without the detail: the map's count alone.
     void countShiftedRowsPlainly(const cv::Mat& current, cv::Mat& motionCount, int stripe, int firstRow, int endRow);
 
     bool m_blur;
@@ -200,7 +207,9 @@ private:
     std::vector<LightCounts> m_lightTallies;
     std::vector<std::uint32_t> m_histograms;
     std::vector<std::int64_t> m_stripeMoving;
-    // Without the detail: one row a stripe for the events the shifted loop counts and nobody reads.
+    // Without the detail: the quiet pairs after a pair counted along with the tally, and one row
+    // a stripe for the events the shifted loop counts and nobody reads.
+    cv::Mat m_quietAfter;
     std::vector<std::uint16_t> m_discardedEvents;
     bool m_lastSceneChange = false;
     int m_lastShift = 0;

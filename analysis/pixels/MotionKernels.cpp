@@ -42,6 +42,17 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
+// countPixel with `previous` and `quiet` left as they are and the new quiet count written to
+// `quietAfter`, so that the pair can still be taken back.
+inline void countPixelApart(uint8_t current, uint8_t previous, uint8_t quiet, uint8_t& quietAfter, uint8_t& count,
+                            uint8_t threshold)
+{
+    uint8_t before = previous;
+    uint8_t after = quiet;
+    countPixel(current, before, after, count, threshold);
+    quietAfter = after;
+}
+
 // What the detailed rule does once it knows whether the pixel moved: returns 1 for a new
 // event, else 0. A pixel that moved is left with `quiet` at 0, which is how the row's moving
 // pixels are counted.
@@ -105,6 +116,14 @@ TREMORA_KERNEL void count(const uint8_t* __restrict current, uint8_t* __restrict
 {
     for (int x = 0; x < width; ++x)
         countPixel(current[x], previous[x], quiet[x], counts[x], threshold);
+}
+
+TREMORA_KERNEL void countApart(const uint8_t* __restrict current, const uint8_t* __restrict previous,
+                               const uint8_t* __restrict quiet, uint8_t* __restrict quietAfter,
+                               uint8_t* __restrict counts, int width, uint8_t threshold)
+{
+    for (int x = 0; x < width; ++x)
+        countPixelApart(current[x], previous[x], quiet[x], quietAfter[x], counts[x], threshold);
 }
 
 TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
@@ -289,6 +308,13 @@ __attribute__((target("avx2"))) void countAvx2(const uint8_t* current, uint8_t* 
     count(current, previous, quiet, counts, width, threshold);
 }
 
+__attribute__((target("avx2"))) void countApartAvx2(const uint8_t* current, const uint8_t* previous,
+                                                   const uint8_t* quiet, uint8_t* quietAfter, uint8_t* counts,
+                                                   int width, uint8_t threshold)
+{
+    countApart(current, previous, quiet, quietAfter, counts, width, threshold);
+}
+
 __attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet,
                                                      uint8_t* counts, int width, uint8_t threshold)
 {
@@ -374,6 +400,28 @@ void countRow(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t
         return countAvx2(current, previous, quiet, counts, width, threshold);
 #endif
     count(current, previous, quiet, counts, width, threshold);
+}
+
+void countRowApart(const uint8_t* current, const uint8_t* previous, const uint8_t* quiet, uint8_t* quietAfter,
+                   uint8_t* counts, int width, uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countApartAvx2(current, previous, quiet, quietAfter, counts, width, threshold);
+#endif
+    countApart(current, previous, quiet, quietAfter, counts, width, threshold);
+}
+
+// Only pairs in which the light or the scene changed come here, so a plain loop does.
+void uncountRow(const uint8_t* current, const uint8_t* previous, const uint8_t* quiet, uint8_t* counts, int width,
+                uint8_t threshold)
+{
+    for (int x = 0; x < width; ++x) {
+        const uint8_t high = current[x] > previous[x] ? current[x] : previous[x];
+        const uint8_t low = current[x] > previous[x] ? previous[x] : current[x];
+        const bool newEvent = static_cast<uint8_t>(high - low) > threshold && quiet[x] == kQuietForNewEvent;
+        counts[x] = static_cast<uint8_t>(counts[x] - static_cast<uint8_t>(newEvent));
+    }
 }
 
 void countBlurredRow(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet, uint8_t* counts, int width,

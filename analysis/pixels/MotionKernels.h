@@ -31,8 +31,17 @@ void meansOf49(const std::uint16_t* columnSums, std::uint8_t* out, int width);
 void countRow(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet, std::uint8_t* count,
               int width, std::uint8_t threshold);
 
-// The same with the row's new picture given as column sums, as meansOf49 turns them into
-// pixels.
+// countRow that leaves `previous` and `quiet` as they were and writes the new quiet counts to
+// `quietAfter`: a pair counted this way can be taken back with uncountRow.
+void countRowApart(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* quiet,
+                   std::uint8_t* quietAfter, std::uint8_t* count, int width, std::uint8_t threshold);
+
+// Takes back the new events countRowApart added to `count` from the same rows.
+void uncountRow(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* quiet,
+                std::uint8_t* count, int width, std::uint8_t threshold);
+
+// The same as countRow with the row's new picture given as column sums, as meansOf49 turns
+// them into pixels.
 void countBlurredRow(const std::uint16_t* columnSums, std::uint8_t* previous, std::uint8_t* quiet,
                      std::uint8_t* count, int width, std::uint8_t threshold);
 

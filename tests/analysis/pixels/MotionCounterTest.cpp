@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <functional>
 #include <vector>
 
@@ -706,6 +707,40 @@ private slots:
             QVERIFY(std::all_of(events.begin(), events.end(), [](std::uint16_t e) { return e == 65535; }));
             QCOMPARE(int(counts[13]), 9);
         }
+    }
+
+    // A pair counted apart leaves the picture and the quiet pairs as they were, writes the
+    // rule's new quiet pairs beside them, and is taken back to the counts it started from, also
+    // where a count wrapped.
+    void aRowCountedApartFollowsTheRuleAndIsTakenBackExactly()
+    {
+        const int width = 1013; // whole vectors and a tail
+        const std::uint8_t threshold = 20;
+        cv::RNG random(23);
+        std::vector<std::uint8_t> current(width), previous(width), quiet(width), counts(width);
+        for (int x = 0; x < width; ++x) {
+            current[static_cast<size_t>(x)] = static_cast<std::uint8_t>(random.uniform(0, 256));
+            previous[static_cast<size_t>(x)] = static_cast<std::uint8_t>(random.uniform(0, 256));
+            quiet[static_cast<size_t>(x)] = static_cast<std::uint8_t>(std::min(random.uniform(0, 80), 50));
+            counts[static_cast<size_t>(x)] = static_cast<std::uint8_t>(x % 3 == 0 ? 255 : random.uniform(0, 256));
+        }
+        const std::vector<std::uint8_t> previousBefore = previous, quietBefore = quiet, countsBefore = counts;
+        std::vector<std::uint8_t> quietAfter(width, 99);
+        MotionKernels::countRowApart(current.data(), previous.data(), quiet.data(), quietAfter.data(), counts.data(),
+                                     width, threshold);
+        QCOMPARE(previous, previousBefore);
+        QCOMPARE(quiet, quietBefore);
+        int newEvents = 0;
+        for (size_t x = 0; x < current.size(); ++x) {
+            const bool moved = std::abs(int(current[x]) - int(previous[x])) > threshold;
+            const bool newEvent = moved && quiet[x] == 50;
+            newEvents += newEvent ? 1 : 0;
+            QCOMPARE(int(counts[x]), (countsBefore[x] + (newEvent ? 1 : 0)) % 256);
+            QCOMPARE(int(quietAfter[x]), moved ? 0 : std::min(quiet[x] + 1, 50));
+        }
+        QVERIFY(newEvents > 10);
+        MotionKernels::uncountRow(current.data(), previous.data(), quiet.data(), counts.data(), width, threshold);
+        QCOMPARE(counts, countsBefore);
     }
 
     void foldingAddsWhatTheWrappingCountGrewByAndSaturatesAt65535()
