@@ -61,6 +61,7 @@ Manifest::Content FinishedInput::manifestContent() const
     content.written = written;
     content.pairsWithMotion = pairsWithMotion;
     content.mapScale = mapScale;
+    content.zones = zones;
     return content;
 }
 
@@ -83,6 +84,11 @@ QString InputOutput::refusal() const
 
 void InputOutput::pairCounted(const MotionPassHooks::PairRecord&)
 {
+}
+
+QString InputOutput::failureOf(const FinishedInput&) const
+{
+    return {};
 }
 
 bool InputOutput::recordsEveryOutcome() const

@@ -182,6 +182,7 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     settings.windowEnd = options.end;
     settings.steadyLight = options.steadyLight;
     settings.sceneChangeShare = options.sceneChangeShare;
+    settings.zones = ZoneFile::polygonsOf(options.zones);
     if (!options.reportDir.isEmpty())
         settings.eventCellSize = ReportData::kCellSize;
     return settings;
