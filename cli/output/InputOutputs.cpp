@@ -63,6 +63,8 @@ InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& 
     InputOutputList outputs;
     if (options.data)
         outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true, options.steadyLight));
+    if (!input.zonesPath.isEmpty())
+        outputs.push_back(std::make_unique<ZonesOutput>(input.zonesPath, true, options.zones));
     return outputs;
 }
 

@@ -139,6 +139,19 @@ QJsonArray toJson(const std::vector<Zone>& zones)
     return list;
 }
 
+std::vector<Zone> fromJson(const QJsonArray& zones)
+{
+    std::vector<Zone> read;
+    for (const QJsonValue& value : zones) {
+        Zone zone;
+        zone.name = value.toObject()["name"].toString();
+        for (const QJsonValue& point : value.toObject()["polygon"].toArray())
+            zone.polygon.emplace_back(point.toArray()[0].toInt(), point.toArray()[1].toInt());
+        read.push_back(std::move(zone));
+    }
+    return read;
+}
+
 std::vector<std::vector<cv::Point>> polygonsOf(const std::vector<Zone>& zones)
 {
     std::vector<std::vector<cv::Point>> polygons;

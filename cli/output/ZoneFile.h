@@ -35,6 +35,9 @@ std::vector<Zone> load(const QString& path, QString* error);
 // The zones as the file writes them: [{"name": ..., "polygon": [[x, y], ...]}, ...].
 QJsonArray toJson(const std::vector<Zone>& zones);
 
+// The zones of a manifest's "parameters.zones" (as toJson writes them), taken as recorded.
+std::vector<Zone> fromJson(const QJsonArray& zones);
+
 // The polygons alone, in the zones' order.
 std::vector<std::vector<cv::Point>> polygonsOf(const std::vector<Zone>& zones);
 

@@ -267,7 +267,7 @@ QString passToSink(FileJob& job, const RunContext& context, InputOutputList& out
     InputOutputs::writeAll(outputs, finished);
     QString error = finished.error;
     if (error.isEmpty())
-        error = context.sink->takePass(job.index, finished.facts, finished.background);
+        error = context.sink->takePass(job.index, finished.facts, finished.background, finished.zones);
     if (error.isEmpty())
         error = keepSlices(job, context, sliceTarget, hooks, finished.facts, finished.background);
     if (!seconds || !error.isEmpty())
