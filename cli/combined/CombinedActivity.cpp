@@ -60,8 +60,8 @@ bool copyRows(const CombinedActivity::Source& source, const QByteArray& header, 
         if (withSceneChanges && line.trimmed().endsWith(",1"))
             ++*sceneChanges;
         if (offset) {
-            const int zoneEnd = zoneLed ? line.indexOf("\",") + 2 : 0;
-            if (zoneLed && zoneEnd < 2)
+            const int zoneEnd = zoneLed ? ZonesOutput::quotedFieldEnd(line, 0) + 1 : 0;
+            if (zoneEnd < 0)
                 return false;
             QList<QByteArray> fields = line.mid(zoneEnd).split(',');
             if (fields.size() != columns)

@@ -430,12 +430,12 @@ std::map<QString, ZoneTimes> zoneTimesOf(const QString& path)
     table.readLine();
     while (!table.atEnd()) {
         const QByteArray line = table.readLine().trimmed();
-        const int zoneStart = line.indexOf("\",\"") + 2;
-        const int zoneEnd = line.lastIndexOf("\",");
-        if (zoneStart < 2 || zoneEnd < zoneStart)
+        QString zone;
+        const int fileEnd = ZonesOutput::quotedFieldEnd(line, 0);
+        const int zoneEnd = fileEnd < 0 ? -1 : ZonesOutput::quotedFieldEnd(line, fileEnd + 1, &zone);
+        if (zoneEnd < 0)
             continue;
-        const QString zone = QString::fromUtf8(line.mid(zoneStart + 1, zoneEnd - zoneStart - 1).replace("\"\"", "\""));
-        const QList<QByteArray> fields = line.mid(zoneEnd + 2).split(',');
+        const QList<QByteArray> fields = line.mid(zoneEnd + 1).split(',');
         if (fields.size() != 4)
             continue;
         ZoneTimes& seen = times[zone];

@@ -34,6 +34,26 @@ QByteArray ZonesOutput::quoted(const QString& name)
     return '"' + field + '"';
 }
 
+int ZonesOutput::quotedFieldEnd(const QByteArray& line, int from, QString* field)
+{
+    if (from >= line.size() || line[from] != '"')
+        return -1;
+    QByteArray text;
+    for (int at = from + 1; at < line.size(); ++at) {
+        if (line[at] != '"') {
+            text += line[at];
+        } else if (at + 1 < line.size() && line[at + 1] == '"') {
+            text += '"';
+            ++at;
+        } else {
+            if (field)
+                *field = QString::fromUtf8(text);
+            return at + 1;
+        }
+    }
+    return -1;
+}
+
 void ZonesOutput::pairCounted(const MotionPassHooks::PairRecord& record)
 {
     if (!record.zones)

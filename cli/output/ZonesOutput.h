@@ -32,6 +32,9 @@ public:
 
     // A zone's name as a CSV field: in double quotes, a quote in it doubled.
     static QByteArray quoted(const QString& name);
+    // Where the quoted field that begins at `from` in `line` ends (just past its closing
+    // quote), and its text in `field` when given; -1 when no quoted field begins there.
+    static int quotedFieldEnd(const QByteArray& line, int from, QString* field = nullptr);
 
 private:
     // What one zone saw over the pairs so far.

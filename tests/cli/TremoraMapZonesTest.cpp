@@ -205,6 +205,17 @@ private:
     std::vector<cv::Mat> m_frames;
     std::vector<cv::Mat> m_squares;
 
+    // Two clips of the shop recorded two seconds apart, so that they lie on one time line.
+    bool writeDayClips()
+    {
+        if (QFile::exists(clip("noon.mkv")))
+            return true;
+        return ClipMaking::writeGray(clip("morning.mkv"), m_frames,
+                                     {"-c:v", "ffv1", "-metadata", "creation_time=2024-05-01T10:00:00Z"})
+               && ClipMaking::writeGray(clip("noon.mkv"), stillOnTheRight(),
+                                        {"-c:v", "ffv1", "-metadata", "creation_time=2024-05-01T10:00:02Z"});
+    }
+
 private slots:
     void initTestCase()
     {
@@ -377,6 +388,83 @@ private slots:
         const ToolRunning::Result run = tool({"--zones", clip("hidden.json"), "--mask", clip("left.png"), clip("shop.mkv")});
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains("Zone 'hidden' has no analysed pixel"), run.err.constData());
+    }
+
+    void combiningVideosAndCombiningTheirManifestsGiveTheSameZones()
+    {
+        QVERIFY(writeDayClips());
+        const QString each = outPath() + QStringLiteral("/each");
+        const QString fromVideos = outPath() + QStringLiteral("/videos");
+        const QString fromManifests = outPath() + QStringLiteral("/manifests");
+        const QStringList zones{"--no-blur", "--zones", clip("zones.json")};
+        QCOMPARE(tool(zones + QStringList{"-o", each, clip("morning.mkv"), clip("noon.mkv")}).exitCode, 0);
+        const ToolRunning::Result combining =
+            tool(zones + QStringList{"-o", fromVideos, "--combine", "day", clip("morning.mkv"), clip("noon.mkv")});
+        QVERIFY2(combining.exitCode == 0, combining.err.constData());
+        QCOMPARE(tool({"--data", "-o", fromManifests, "--combine", "day", each + "/morning.json", each + "/noon.json"})
+                     .exitCode,
+                 0);
+        const QByteArray table = readAll(fromVideos + "/day.zones.csv");
+        QCOMPARE(readAll(fromManifests + "/day.zones.csv"), table);
+        // Each input's rows in the order given, led by its video, on the one time line: noon
+        // starts 2 seconds after morning.
+        QByteArray expected = "file,zone,pair,time_s,moving_pixels,new_events\n";
+        for (const QString& name : {QStringLiteral("morning"), QStringLiteral("noon")}) {
+            const double offset = name == QLatin1String("noon") ? 2.0 : 0.0;
+            for (const ZoneRow& row : readZoneRows(each + "/" + name + ".zones.csv")) {
+                QByteArray zone = row.zone.toUtf8();
+                zone.replace('"', "\"\"");
+                expected += "\"" + clip(name + ".mkv").toUtf8() + "\",\"" + zone + "\"," + QByteArray::number(row.pair) + ","
+                            + QByteArray::number(row.time + offset, 'f', 6) + "," + QByteArray::number(row.moving) + ","
+                            + QByteArray::number(row.newEvents) + "\n";
+            }
+        }
+        QCOMPARE(table, expected);
+        const QJsonArray combined = readJson(fromVideos + "/day.json")["zones"].toArray();
+        QCOMPARE(readJson(fromManifests + "/day.json")["zones"].toArray(), combined);
+        QCOMPARE(ToolRunning::schemaComplaint(QStringLiteral(TREMORA_COMBINED_SCHEMA), fromVideos + "/day.json"), QString());
+        const QJsonArray morning = readJson(each + "/morning.json")["zones"].toArray();
+        const QJsonArray noon = readJson(each + "/noon.json")["zones"].toArray();
+        QCOMPARE(combined.size(), static_cast<int>(kZones.size()));
+        for (int zone = 0; zone < combined.size(); ++zone) {
+            const QJsonObject sum = combined[zone].toObject();
+            const QJsonObject a = morning[zone].toObject();
+            const QJsonObject b = noon[zone].toObject();
+            QCOMPARE(sum["name"], a["name"]);
+            QCOMPARE(sum["area_pixels"], a["area_pixels"]);
+            QCOMPARE(sum["events"].toDouble(), a["events"].toDouble() + b["events"].toDouble());
+            QCOMPARE(sum["pairs_with_motion"].toDouble(), a["pairs_with_motion"].toDouble() + b["pairs_with_motion"].toDouble());
+            if (a["first_motion_s"].isNull())
+                continue;
+            QCOMPARE(sum["first_motion_s"].toDouble(), a["first_motion_s"].toDouble());
+            QVERIFY(std::abs(sum["last_motion_s"].toDouble() - (b["last_motion_s"].toDouble() + 2.0)) < 1e-6);
+        }
+    }
+
+    void manifestsCountedWithOtherZonesAreLeftOut()
+    {
+        QVERIFY(writeDayClips());
+        QVERIFY(writeFile(clip("other.json"), zoneFileOf({kZones[0], kZones[1]})));
+        QCOMPARE(tool({"--zones", clip("zones.json"), clip("morning.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--zones", clip("other.json"), clip("noon.mkv")}).exitCode, 0);
+        QCOMPARE(tool({"--data", clip("shop.mkv")}).exitCode, 0);
+        const ToolRunning::Result run =
+            tool({"--data", "-o", outPath() + "/day", "--combine", "day", out("morning.json"), out("noon.json"), out("shop.json")});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains("'" + out("noon.json").toUtf8() + "' was analysed with other parameters")
+                     && run.err.contains("zones 'door"),
+                 run.err.constData());
+        QVERIFY2(run.err.contains("'" + out("shop.json").toUtf8() + "' was analysed with other parameters")
+                     && run.err.contains("zones none, not 'door"),
+                 run.err.constData());
+        const QJsonArray inputs = readJson(out("day/day.json"))["inputs"].toArray();
+        QCOMPARE(inputs[1].toObject()["status"].toString(), QStringLiteral("left out"));
+        QCOMPARE(inputs[2].toObject()["status"].toString(), QStringLiteral("left out"));
+        // What is combined is the first input alone, its zones table led by its file.
+        const QList<QByteArray> lines = readAll(out("day/day.zones.csv")).split('\n');
+        QVERIFY(lines.size() > 2);
+        for (int i = 1; i < lines.size(); ++i)
+            QVERIFY(lines[i].isEmpty() || lines[i].startsWith("\"" + clip("morning.mkv").toUtf8() + "\","));
     }
 
     void aBadZoneFileIsAUsageErrorBeforeAnythingRuns()
