@@ -54,10 +54,17 @@ ZoneSpans::ZoneSpans(cv::Size size, const std::vector<Polygon>& polygons, const 
             const std::uint8_t* in = filled.ptr<std::uint8_t>(y);
             const std::uint8_t* kept = analysed.empty() ? nullptr : analysed.ptr<std::uint8_t>(y);
             int* label = labels.ptr<int>(y);
+            // Neighbours mostly share their combination: the last one found is asked first.
+            int from = -1;
+            int to = 0;
             for (int x = 0; x < size.width; ++x) {
                 if (in[x] == 0 || (kept && kept[x] == 0))
                     continue;
-                label[x] = combinations.with(label[x], zone);
+                if (label[x] != from) {
+                    from = label[x];
+                    to = combinations.with(from, zone);
+                }
+                label[x] = to;
                 ++m_areas[static_cast<size_t>(zone)];
             }
         }
