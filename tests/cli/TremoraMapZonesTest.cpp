@@ -368,6 +368,37 @@ private slots:
         QCOMPARE(readJson(out("shop.json"))["summary"], plain["summary"]);
     }
 
+    void theLegendOutlinesTheZonesAndTheMapStaysWithoutThem()
+    {
+        QVERIFY(writeFile(clip("one.json"), zoneFileOf({{"box", {{10, 6}, {37, 6}, {37, 25}, {10, 25}}}})));
+        QCOMPARE(tool({"--no-blur", "--legend", "--data", clip("shop.mkv")}).exitCode, 0);
+        const QByteArray plainMap = readAll(out("shop.png"));
+        const QImage plainLegend(out("shop.legend.png"));
+        QVERIFY(renew());
+        QCOMPARE(tool({"--no-blur", "--legend", "--zones", clip("one.json"), clip("shop.mkv")}).exitCode, 0);
+        QCOMPARE(readAll(out("shop.png")), plainMap);
+        const QImage map(out("shop.png"));
+        const QImage legend(out("shop.legend.png"));
+        QCOMPARE(legend.size(), plainLegend.size());
+        // The map sits centred above the strip; along the box's edges (away from its label at
+        // the first corner) the legend's pixels are the outline's, not the map's, and far from
+        // them the map is as it was.
+        const int left = (legend.width() - map.width()) / 2;
+        int outlined = 0;
+        int edgePixels = 0;
+        const auto differs = [&](int x, int y) { return legend.pixel(left + x, y) != map.pixel(x, y); };
+        for (int x = 12; x <= 35; ++x) {
+            ++edgePixels;
+            outlined += differs(x, 25) ? 1 : 0;
+        }
+        QVERIFY2(outlined == edgePixels, qPrintable(QStringLiteral("%1 of %2").arg(outlined).arg(edgePixels)));
+        QVERIFY(differs(10, 23) && differs(37, 23));
+        for (const QPoint far : {QPoint(44, 30), QPoint(2, 30), QPoint(46, 1), QPoint(3, 3)})
+            QVERIFY2(!differs(far.x(), far.y()), qPrintable(QStringLiteral("%1,%2").arg(far.x()).arg(far.y())));
+        QVERIFY(legend.copy(0, map.height(), legend.width(), legend.height() - map.height())
+                == plainLegend.copy(0, map.height(), legend.width(), legend.height() - map.height()));
+    }
+
     void aVideoWithoutAPixelOfAZoneFailsAndTheOthersGoOn()
     {
         QVERIFY(ToolRunning::makeClip(clip("wide.mkv"), 20, QStringLiteral("96x80")));
