@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -40,6 +41,9 @@ struct ReportCard {
     double from = -1.0;   // the window of the line in seconds; -1: the whole line
     double to = -1.0;
     bool ofAnInput = true;// the card of one input, not of a slice or a combined map
+    // With --zones: each zone's figures as the manifest records them (name and polygon
+    // among them); listed beside the map and outlined on it. Empty: none.
+    QJsonArray zones;
 };
 
 // The report page: index.html from the template built into the tool, with one card per entry.
