@@ -88,6 +88,19 @@ QString zonesHtml(const ReportCard& card)
     return html + QStringLiteral("</ul></section>");
 }
 
+// The choice of the chart's series: the whole picture's, or one zone's.
+QString zoneChoiceHtml(const ReportCard& card)
+{
+    QString html = QStringLiteral("<label class=\"chart-choice\">") + ReportPage::escapeHtml(tr("Chart of"))
+        + QStringLiteral(" <select class=\"chart-zone\"><option value=\"\">")
+        + ReportPage::escapeHtml(tr("the whole picture")) + QStringLiteral("</option>");
+    for (int i = 0; i < card.zones.size(); ++i)
+        html += QStringLiteral("<option") + attribute("value", QString::number(i)) + QStringLiteral(">")
+            + ReportPage::escapeHtml(tr("zone %1").arg(card.zones[i].toObject().value(QLatin1String("name")).toString()))
+            + QStringLiteral("</option>");
+    return html + QStringLiteral("</select></label>");
+}
+
 // The zones' names and polygons, for the page to outline them on the map.
 QString zoneOutlinesJson(const ReportCard& card)
 {
@@ -210,6 +223,8 @@ QString cardHtml(const ReportCard& card)
                     .arg(ReportPage::escapeHtml(tr("When motion began here")),
                          ReportPage::escapeHtml(tr("Choose a point of the map.")));
     html += QStringLiteral("</div></div>");
+    if (card.hasActivity && !card.zones.isEmpty())
+        html += zoneChoiceHtml(card);
     if (card.hasActivity)
         html += QStringLiteral("<div class=\"chart\"") + attribute("aria-label", tr("Activity over time of %1").arg(card.title))
             + QStringLiteral(" role=\"group\"></div>");

@@ -248,7 +248,7 @@ QString stageReport(FileJob& job, const RunContext& context, FinishedInput& fini
     const QString& staging = context.reportStaging;
     const MotionPassFacts& facts = finished.facts;
     QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), context.options.steadyLight,
-                                             facts.eventTimes, facts.video.width, facts.video.height);
+                                             facts.eventTimes, facts.video.width, facts.video.height, seconds.zones());
     if (!error.isEmpty())
         return error;
     if (job.input.mapPath.isEmpty() || context.sink) {

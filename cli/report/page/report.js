@@ -545,6 +545,30 @@ var Tremora = (function () {
     }, true);
   }
 
+  // A zone's series on the chart instead of the whole picture's, from the select beside it.
+  function zoneActivity(card, zone) {
+    var parts = partsOf(card), w = windowOf(card);
+    return load(parts[0].key + ".zones").then(function (zones) {
+      return zones.zones[zone].seconds.map(function (r) { return [lineSecond(parts[0], r[0]), r[1], r[2]]; })
+        .filter(function (r) { return r[0] >= w.from && r[0] < w.to; });
+    });
+  }
+
+  function setUpZoneChoice(card) {
+    var select = card.querySelector(".chart-zone");
+    if (!select) return;
+    select.addEventListener("change", function () {
+      var rows = select.value === "" ? lineActivity(card) : zoneActivity(card, Number(select.value));
+      rows.then(function (r) {
+        card.querySelector(".chart").textContent = "";
+        drawChart(card, r);
+        card.dataset.chartZone = select.value;
+      }, function () {
+        card.querySelector(".chart").textContent = "This zone's activity is missing from the report folder.";
+      });
+    });
+  }
+
   function setUp() {
     var cards = Array.prototype.slice.call(document.querySelectorAll(".card"));
     cards.forEach(setUpDrawing);
@@ -554,6 +578,7 @@ var Tremora = (function () {
       if (card.dataset.activity !== "1" || card._chartRequested) return;
       card._chartRequested = true;
       lineActivity(card).then(function (rows) { drawChart(card, rows); }, function () {});
+      setUpZoneChoice(card);
     };
     if ("IntersectionObserver" in window) {
       var seen = new IntersectionObserver(function (entries) {

@@ -609,6 +609,29 @@ def check_zones_listed_outlined_and_drawn(tool, work):
             "return Array.from(document.querySelectorAll('#card-1 .zones-overlay .zone text')).map(t => t.textContent);")
         check(outlines == ZONE_NAMES, "zones outlined: %r" % outlines)
 
+        # The chart shows a zone's series when it is chosen beside it, from the keyboard too.
+        whole = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        choice = card.find_element(By.CSS_SELECTOR, ".chart-zone")
+        options = driver.execute_script(
+            "return Array.from(arguments[0].options).map(o => o.textContent);", choice)
+        check(options == ["the whole picture"] + ["zone " + n for n in ZONE_NAMES], "chart choices: %r" % options)
+        driver.execute_script("arguments[0].focus()", choice)
+        ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '0'")
+        door = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        check(door != whole, "choosing a zone left the chart as it was")
+        zone_seconds = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-1 .chart .events rect, #card-1 .chart rect.events'))"
+            ".length;")
+        ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '1'")
+        till = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        check(till != door, "the second zone's chart is the first's")
+        ActionChains(driver).send_keys(Keys.ARROW_UP).send_keys(Keys.ARROW_UP).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === ''")
+        check(driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;") == whole,
+              "the whole picture's chart did not come back (%d zone bars)" % zone_seconds)
+
         mouse = [[10, 12], [100, 15], [45, 95]]
         drawn = draw_zone(driver, card, "by mouse", corners=mouse)
         check(drawn == {"zones": [{"name": "by mouse", "polygon": mouse}]}, "drawn with the mouse: %r" % drawn)
