@@ -58,9 +58,12 @@ QString zoneFiguresText(const QJsonObject& zone)
     QStringList parts;
     parts << tr("%1 events").arg(QString::number(zone.value(QLatin1String("events")).toDouble(), 'f', 0))
           << tr("%1 of its pixels").arg(ReportPage::percentText(zone.value(QLatin1String("pixels_with_events_share")).toDouble()));
+    // A slice's zones have no time figures: only what its summed events tell.
     const QJsonValue motion = zone.value(QLatin1String("motion_s"));
-    parts << (motion.isDouble() ? tr("motion for %1").arg(ReportPage::clockText(motion.toDouble()))
-                                : tr("motion in %1 pairs").arg(zone.value(QLatin1String("pairs_with_motion")).toInt()));
+    if (motion.isDouble())
+        parts << tr("motion for %1").arg(ReportPage::clockText(motion.toDouble()));
+    else if (zone.contains(QLatin1String("pairs_with_motion")))
+        parts << tr("motion in %1 pairs").arg(zone.value(QLatin1String("pairs_with_motion")).toInt());
     const QJsonValue first = zone.value(QLatin1String("first_motion_s"));
     if (first.isDouble())
         parts << tr("seen %1 – %2").arg(ReportPage::clockText(first.toDouble()),

@@ -195,6 +195,7 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
+    card.zones = slice.zones;
     card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare,
                                             slice.sceneChanges);
     card.figures.insert(card.figures.begin(),

@@ -368,7 +368,7 @@ public:
         , m_context{options, mask, cancel, m_pairs, {}, sink, nullptr}
     {
         if (options.sliceSeconds > 0.0)
-            m_slices = std::make_unique<SliceSet>(sliceSettingsOf(options));
+            m_slices = std::make_unique<SliceSet>(sliceSettingsOf(options, mask));
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
             job->index = static_cast<int>(m_jobs.size());
@@ -484,7 +484,7 @@ private:
         return shot;
     }
 
-    static SliceSet::Settings sliceSettingsOf(const MapToolOptions& options)
+    static SliceSet::Settings sliceSettingsOf(const MapToolOptions& options, const cv::Mat& mask)
     {
         SliceSet::Settings settings;
         settings.sliceSeconds = options.sliceSeconds;
@@ -495,6 +495,8 @@ private:
         settings.overwrite = options.overwrite;
         settings.reportLegends = !options.reportDir.isEmpty();
         settings.steadyLight = options.steadyLight;
+        settings.zones = options.zones;
+        settings.mask = mask;
         return settings;
     }
 

@@ -368,6 +368,44 @@ private slots:
         QCOMPARE(readJson(out("shop.json"))["summary"], plain["summary"]);
     }
 
+    void eachSlicesCardListsItsZonesEventsInThatSlice()
+    {
+        const QString report = outPath() + QStringLiteral("/report");
+        QCOMPARE(tool({"--no-blur", "--zones", clip("zones.json"), "--slice", "2s", "--report", report, clip("shop.mkv")})
+                     .exitCode,
+                 0);
+        const QString page = QString::fromUtf8(readAll(report + "/index.html"));
+        int slices = 0;
+        for (const QString& label : {QStringLiteral("00h00m00s"), QStringLiteral("00h00m02s"), QStringLiteral("00h00m04s")}) {
+            const cv::Mat events = readEvents(out("shop.slice-" + label + ".events.png"));
+            QVERIFY(!events.empty());
+            // The slice's card is the one whose map is this slice's.
+            const int seconds = label.mid(6, 2).toInt();
+            const QString title = QStringLiteral("shop.mkv, 0:00:%1").arg(seconds, 2, 10, QLatin1Char('0'));
+            int card = -1;
+            for (int from = 0; (from = page.indexOf(QStringLiteral("<article"), from + 1)) > 0;) {
+                const int end = page.indexOf(QStringLiteral("</article>"), from);
+                if (page.mid(from, end - from).contains(title)) {
+                    card = from;
+                    break;
+                }
+            }
+            QVERIFY2(card > 0, qPrintable(title));
+            const QString html = page.mid(card, page.indexOf(QStringLiteral("</article>"), card) - card);
+            for (size_t zone = 0; zone < kZones.size(); ++zone) {
+                cv::Mat inside(kSize, CV_32SC1, cv::Scalar(0));
+                events.copyTo(inside, zonePlane(kZones[zone].polygon, {}));
+                const QString expected = QStringLiteral("<li data-zone=\"%1\"><span class=\"zone-name\">%2</span> %3 events")
+                                             .arg(zone)
+                                             .arg(kZones[zone].name.toHtmlEscaped().replace('\'', "&#39;"))
+                                             .arg(static_cast<qint64>(cv::sum(inside)[0]));
+                QVERIFY2(html.contains(expected), qPrintable(expected));
+            }
+            ++slices;
+        }
+        QCOMPARE(slices, 3);
+    }
+
     void theLegendOutlinesTheZonesAndTheMapStaysWithoutThem()
     {
         QVERIFY(writeFile(clip("one.json"), zoneFileOf({{"box", {{10, 6}, {37, 6}, {37, 25}, {10, 25}}}})));
