@@ -226,7 +226,7 @@ QString cardHtml(const ReportCard& card)
                     .arg(ReportPage::escapeHtml(tr("When motion began here")),
                          ReportPage::escapeHtml(tr("Choose a point of the map.")));
     html += QStringLiteral("</div></div>");
-    if (card.hasActivity && !card.zones.isEmpty())
+    if (card.hasActivity && card.hasZoneSeries && !card.zones.isEmpty())
         html += zoneChoiceHtml(card);
     if (card.hasActivity)
         html += QStringLiteral("<div class=\"chart\"") + attribute("aria-label", tr("Activity over time of %1").arg(card.title))

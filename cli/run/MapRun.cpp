@@ -577,6 +577,9 @@ private:
             card.hasActivity = card.hasActivity || QFileInfo::exists(data + part.key + QStringLiteral(".activity.js"));
             card.hasCells = card.hasCells || QFileInfo::exists(data + part.key + QStringLiteral(".cells.js"));
         }
+        // The page charts a zone of the first part only: a card of several has none.
+        card.hasZoneSeries = card.parts.size() == 1
+                             && QFileInfo::exists(data + card.parts.front().key + QStringLiteral(".zones.js"));
         return card;
     }
 
