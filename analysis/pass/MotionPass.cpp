@@ -131,8 +131,10 @@ MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size
     detail.steadyLight = settings.steadyLight;
     detail.sceneChangeShare = settings.sceneChangeShare;
     detail.exactCounts = settings.exactCounts;
-    if (settings.detailed)
+    if (settings.detailed) {
         detail.cellSize = std::max(settings.eventCellSize, 0);
+        detail.zones = settings.zones;
+    }
     if (!settings.mask.empty())
         detail.mask = MotionPass::maskAt(settings.mask, size);
     return detail;
@@ -225,8 +227,9 @@ private:
         m_hooks.pairAnalysed();
         if (m_reportPairs) {
             const MotionCounter::PairActivity activity = m_counter.lastPair();
-            m_hooks.pairCounted(
-                {pairIndex, time, activity.movingPixels, activity.newEvents, m_counter.lastPairWasSceneChange()});
+            const std::vector<ZoneSpans::Tally>* zones = m_counter.zones().empty() ? nullptr : &m_counter.lastPairZones();
+            m_hooks.pairCounted({pairIndex, time, activity.movingPixels, activity.newEvents,
+                                 m_counter.lastPairWasSceneChange(), zones});
             if (!m_eventTimes.empty() && activity.newEvents > 0)
                 m_eventTimes.record(static_cast<std::int64_t>(std::floor(time)), m_counter.lastPairCells());
         }
@@ -368,6 +371,9 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
                    MotionPassHooks& hooks, Timeline& timeline, MotionPassFacts& facts)
 {
     resetMaps(size, motionCount, background);
+    // Known whether or not a pair is counted, so that a zone without a pixel is told.
+    if (settings.detailed && !settings.zones.empty())
+        facts.zones = ZoneSpans(size, settings.zones, MotionPass::maskAt(settings.mask, size));
     hooks.started();
     if (hooks.cancelRequested() || !firstFrame)
         return;

@@ -4,6 +4,7 @@
 
 #include "CellEventTimes.h"
 #include "VideoInfo.h"
+#include "ZoneSpans.h"
 
 #include <opencv2/core/mat.hpp>
 
@@ -50,6 +51,9 @@ public:
         std::int64_t newEvents = 0;
         // With MotionPassSettings::steadyLight: the pair was a scene change (no new events).
         bool sceneChange = false;
+        // With MotionPassSettings::zones: what each zone saw, in their order; the pass's
+        // own, valid during the call only. Null without zones.
+        const std::vector<ZoneSpans::Tally>* zones = nullptr;
     };
     virtual void pairCounted(const PairRecord&) {}
     // With MotionPassSettings::sliceSeconds: slice `slice`, the seconds from
@@ -114,6 +118,10 @@ struct MotionPassSettings {
     // pairs a new event needs (see MotionCounter::Detail). Costs a second look at each pair.
     bool steadyLight = false;
     double sceneChangeShare = 0.5;
+    // With `detailed`: named parts of the picture, in pixel coordinates of the video, each
+    // counted on its own in every pair (PairRecord::zones; see ZoneSpans for which pixels
+    // a zone holds). Empty: none, at no cost.
+    std::vector<ZoneSpans::Polygon> zones;
 };
 
 // What a pass learnt about its video besides the counts and the background.
@@ -126,6 +134,9 @@ struct MotionPassFacts {
     // With MotionPassSettings::eventCellSize: per cell, the seconds (floor of the pair's time)
     // at which an event began in any of its pixels.
     CellEventTimes eventTimes;
+    // With MotionPassSettings::zones (and `detailed`): the zones' pixels at the video's size,
+    // once it is known.
+    ZoneSpans zones;
     // The pass stopped at a pair it could not place (MotionPassOutcome::TimeOutOfRange), and
     // that pair's time, on the slices' time line when slicing (MotionPassSettings::sliceOffset
     // added).

@@ -68,6 +68,8 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
         m_stripeTallies.resize(static_cast<size_t>(m_stripes));
         if (detail.cellSize > 0)
             setUpCells(size, detail.cellSize);
+        if (!detail.zones.empty())
+            setUpZones(size, detail.zones);
     }
     if (m_exact)
         m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
@@ -124,6 +126,7 @@ void MotionCounter::start(const cv::Mat& firstFrame)
     m_pairs = 0;
     m_pairsUnfolded = 0;
     m_lastPair = {};
+    std::fill(m_lastZones.begin(), m_lastZones.end(), ZoneSpans::Tally{});
     m_lastSceneChange = false;
     m_lastShift = 0;
     if (!m_events.empty())
@@ -222,7 +225,8 @@ void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount
     const int width = m_previous.cols;
     const std::uint8_t threshold = thresholdByte(m_threshold);
     tally = {};
-    std::uint8_t* quietBefore = m_cellSize > 0 ? m_quietBefore.data() + static_cast<size_t>(stripe) * width : nullptr;
+    std::uint8_t* quietBefore = quietBeforeOf(stripe);
+    ZoneSpans::Tally* zones = zoneTalliesOf(stripe);
     std::uint8_t* hits = m_cellSize > 0 ? m_stripeCells.data() + static_cast<size_t>(stripe) * m_lastCells.size() : nullptr;
     if (hits)
         std::fill(hits, hits + m_lastCells.size(), std::uint8_t{0});
@@ -241,8 +245,10 @@ void MotionCounter::countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount
                                               width, threshold);
         tally.movingPixels += row.moving;
         tally.newEvents += row.newEvents;
-        if (quietBefore && row.newEvents > 0)
+        if (hits && row.newEvents > 0)
             markNewEventCells(y, quietBefore, hits);
+        if (zones && row.moving > 0)
+            m_zones.tallyRow(y, quietBefore, quiet, MotionKernels::kQuietForNewEvent, zones);
     }
 }
 
@@ -274,6 +280,8 @@ void MotionCounter::addFrameInSteadyLight(const cv::Mat& frame, cv::Mat& motionC
         settleCountMadeAlong(current, motionCount);
     } else if (m_lastSceneChange) {
         // The counts and quiet pairs stay as they were; only the picture moves on.
+        if (!m_zones.empty())
+            tallySceneChangeInZones(current);
         takeAsPrevious(current);
         m_lastPair = {moving, 0};
     } else {
@@ -387,7 +395,8 @@ void MotionCounter::countShiftedRows(const cv::Mat& current, cv::Mat& motionCoun
     PairActivity& tally = m_stripeTallies[static_cast<size_t>(stripe)];
     const int width = m_previous.cols;
     tally = {};
-    std::uint8_t* quietBefore = m_cellSize > 0 ? m_quietBefore.data() + static_cast<size_t>(stripe) * width : nullptr;
+    std::uint8_t* quietBefore = quietBeforeOf(stripe);
+    ZoneSpans::Tally* zones = zoneTalliesOf(stripe);
     std::uint8_t* hits = m_cellSize > 0 ? m_stripeCells.data() + static_cast<size_t>(stripe) * m_lastCells.size() : nullptr;
     if (hits)
         std::fill(hits, hits + m_lastCells.size(), std::uint8_t{0});
@@ -401,8 +410,10 @@ void MotionCounter::countShiftedRows(const cv::Mat& current, cv::Mat& motionCoun
             m_lastShift);
         tally.movingPixels += row.moving;
         tally.newEvents += row.newEvents;
-        if (quietBefore && row.newEvents > 0)
+        if (hits && row.newEvents > 0)
             markNewEventCells(y, quietBefore, hits);
+        if (zones && row.moving > 0)
+            m_zones.tallyRow(y, quietBefore, quiet, MotionKernels::kQuietForNewEvent, zones);
     }
 }
 
@@ -430,6 +441,59 @@ void MotionCounter::gatherStripeTallies()
     }
     if (m_cellSize > 0 && m_lastPair.newEvents > 0)
         mergeCellHits();
+    if (m_zones.empty())
+        return;
+    std::fill(m_lastZones.begin(), m_lastZones.end(), ZoneSpans::Tally{});
+    const size_t zones = m_lastZones.size();
+    for (size_t i = 0; i < m_stripeZones.size(); ++i) {
+        m_lastZones[i % zones].movingPixels += m_stripeZones[i].movingPixels;
+        m_lastZones[i % zones].newEvents += m_stripeZones[i].newEvents;
+    }
+}
+
+void MotionCounter::setUpZones(cv::Size size, const std::vector<ZoneSpans::Polygon>& zones)
+{
+    m_zones = ZoneSpans(size, zones, m_mask);
+    m_stripeZones.assign(static_cast<size_t>(m_stripes) * zones.size(), {});
+    m_lastZones.assign(zones.size(), {});
+    m_quietBefore.resize(static_cast<size_t>(m_stripes) * static_cast<size_t>(size.width));
+}
+
+std::uint8_t* MotionCounter::quietBeforeOf(int stripe)
+{
+    if (m_quietBefore.empty())
+        return nullptr;
+    return m_quietBefore.data() + static_cast<size_t>(stripe) * static_cast<size_t>(m_previous.cols);
+}
+
+ZoneSpans::Tally* MotionCounter::zoneTalliesOf(int stripe)
+{
+    if (m_zones.empty())
+        return nullptr;
+    const size_t zones = m_lastZones.size();
+    ZoneSpans::Tally* tallies = m_stripeZones.data() + static_cast<size_t>(stripe) * zones;
+    std::fill(tallies, tallies + zones, ZoneSpans::Tally{});
+    return tallies;
+}
+
+void MotionCounter::tallySceneChangeInZones(const cv::Mat& current)
+{
+    std::vector<std::int64_t> moving(m_lastZones.size(), 0);
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    for (int y = 0; y < current.rows; ++y) {
+        const std::uint8_t* now = current.ptr<std::uint8_t>(y);
+        const std::uint8_t* before = m_previous.ptr<std::uint8_t>(y);
+        const std::uint8_t* mask = m_mask.ptr<std::uint8_t>(y);
+        m_zones.countRow(
+            y,
+            [&](int begin, int end) {
+                return static_cast<std::int64_t>(MotionKernels::movingAfterShift(
+                    now + begin, before + begin, mask + begin, end - begin, m_lastShift, threshold));
+            },
+            moving.data());
+    }
+    for (size_t zone = 0; zone < moving.size(); ++zone)
+        m_lastZones[zone] = {moving[zone], 0};
 }
 
 void MotionCounter::markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const

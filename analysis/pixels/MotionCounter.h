@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ParallelStripes.h"
+#include "ZoneSpans.h"
 
 #include <opencv2/core/mat.hpp>
 
@@ -64,6 +65,10 @@ public:
         // there; it only becomes the picture the next frame is compared with.
         bool steadyLight = false;
         double sceneChangeShare = 0.5;
+        // With `enabled`: named parts of the picture whose pixels that moved and new events
+        // are also told apart in each pair (lastPairZones), in their order. Costs a copy of
+        // each row's quiet counts and a look at the zones' pixels in the rows that moved.
+        std::vector<ZoneSpans::Polygon> zones;
     };
 
     // `size` is the video's frame size; all working buffers are allocated here, once.
@@ -100,6 +105,10 @@ public:
     // of cells possibly narrower), non-zero where a new event began in the last pair. Only
     // refreshed for pairs with new events: look at it when lastPair().newEvents > 0.
     const std::vector<std::uint8_t>& lastPairCells() const { return m_lastCells; }
+    // With Detail::zones: per zone, what the last pair saw there (a scene change: its moving
+    // pixels, no new event), and the zones as the counter holds them.
+    const std::vector<ZoneSpans::Tally>& lastPairZones() const { return m_lastZones; }
+    const ZoneSpans& zones() const { return m_zones; }
     int cellColumns() const { return m_cellColumns; }
 
     double threshold() const { return m_threshold; }
@@ -137,6 +146,12 @@ private:
     // from kQuietForNewEvent (`quietBefore`) to 0: a new event.
     void markNewEventCells(int y, const std::uint8_t* quietBefore, std::uint8_t* hits) const;
     void mergeCellHits();
+    void setUpZones(cv::Size size, const std::vector<ZoneSpans::Polygon>& zones);
+    // The stripe's quiet counts before its row is counted, when cells or zones need them.
+    std::uint8_t* quietBeforeOf(int stripe);
+    ZoneSpans::Tally* zoneTalliesOf(int stripe);
+    // A scene change in zones: their moving pixels after the change of light, no new event.
+    void tallySceneChangeInZones(const cv::Mat& current);
     // The detailed count's pair activity (and cells) from what each stripe saw.
     void gatherStripeTallies();
 
@@ -192,6 +207,11 @@ private:
     std::vector<std::uint8_t> m_stripeCells;
     std::vector<std::uint8_t> m_quietBefore;
     std::vector<std::uint8_t> m_lastCells;
+    // Zones only: their runs of pixels, one tally a zone and stripe, back to back, and the
+    // last pair's.
+    ZoneSpans m_zones;
+    std::vector<ZoneSpans::Tally> m_stripeZones;
+    std::vector<ZoneSpans::Tally> m_lastZones;
     // Steady light only: the smoothed new picture, the analysed pixels, one tally and one
     // histogram of differences a stripe, and what the last pair was.
     bool m_steadyLight = false;

@@ -2,6 +2,7 @@
 
 #include "ActivityCsv.h"
 #include "OutputFile.h"
+#include "ZonesOutput.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -27,14 +28,15 @@ QByteArray quoted(const QString& text)
     return '"' + field + '"';
 }
 
-// The header of `table`: one of the two an input's table has, else empty.
+// The header of `table`: one an input's table has, else empty.
 QByteArray headerOf(const QString& table)
 {
     QFile file(table);
     if (!file.open(QIODevice::ReadOnly))
         return {};
     const QByteArray header = file.readLine();
-    const bool known = header == ActivityCsv::kHeader || header == ActivityCsv::kHeaderWithSceneChanges;
+    const bool known = header == ActivityCsv::kHeader || header == ActivityCsv::kHeaderWithSceneChanges
+                       || header == ZonesOutput::kHeader;
     return known ? header : QByteArray();
 }
 
@@ -47,7 +49,9 @@ bool copyRows(const CombinedActivity::Source& source, const QByteArray& header, 
     if (!table.open(QIODevice::ReadOnly) || table.readLine() != header)
         return false;
     const QByteArray file = quoted(source.file) + ',';
-    const int columns = header.count(',') + 1;
+    // A zones table's rows begin with the zone's quoted name, which may hold commas.
+    const bool zoneLed = header == ZonesOutput::kHeader;
+    const int columns = header.count(',') + 1 - (zoneLed ? 1 : 0);
     const bool withSceneChanges = header == ActivityCsv::kHeaderWithSceneChanges;
     while (!table.atEnd()) {
         QByteArray line = table.readLine();
@@ -56,15 +60,54 @@ bool copyRows(const CombinedActivity::Source& source, const QByteArray& header, 
         if (withSceneChanges && line.trimmed().endsWith(",1"))
             ++*sceneChanges;
         if (offset) {
-            QList<QByteArray> fields = line.split(',');
+            const int zoneEnd = zoneLed ? ZonesOutput::quotedFieldEnd(line, 0) + 1 : 0;
+            if (zoneEnd < 0)
+                return false;
+            QList<QByteArray> fields = line.mid(zoneEnd).split(',');
             if (fields.size() != columns)
                 return false;
             fields[1] = QByteArray::number(fields[1].toDouble() + *offset, 'f', 6);
-            line = fields.join(',');
+            line = line.left(zoneEnd) + fields.join(',');
         }
         out.write(file + line);
     }
     return true;
+}
+
+QString unreadable(const QByteArray& header, const QString& table)
+{
+    if (header == ZonesOutput::kHeader)
+        return tr("Can't read the zones table '%1'").arg(table);
+    return tr("Can't read the activity table '%1'").arg(table);
+}
+
+// The combined table of `sources`, whose first table's header every other must have (else
+// `emptyHeader` without sources).
+QString writeTable(const QString& path, const std::vector<CombinedActivity::Source>& sources, bool overwrite,
+                   const QByteArray& emptyHeader, std::int64_t* sceneChanges)
+{
+    *sceneChanges = 0;
+    if (!overwrite && OutputFile::existsOrDangles(path))
+        return OutputFile::notReplacedError(path);
+    QSaveFile out(path);
+    if (!out.open(QIODevice::WriteOnly))
+        return OutputFile::saveError(path);
+    // Every input was counted by one rule, so every table has the first one's columns (the
+    // scene_change column with steady light).
+    const QByteArray header = sources.empty() ? emptyHeader : headerOf(sources.front().table);
+    if (header.isEmpty())
+        return unreadable(emptyHeader, sources.front().table);
+    out.write("file," + header);
+    const std::optional<std::vector<double>> offsets = CombinedActivity::startOffsets(sources);
+    for (size_t i = 0; i < sources.size(); ++i) {
+        if (!copyRows(sources[i], header, offsets ? &(*offsets)[i] : nullptr, out, sceneChanges))
+            return unreadable(emptyHeader, sources[i].table);
+    }
+    if (!out.commit())
+        return OutputFile::saveError(path);
+    if (header != ActivityCsv::kHeaderWithSceneChanges)
+        *sceneChanges = -1;
+    return {};
 }
 
 } // namespace
@@ -101,28 +144,13 @@ std::optional<std::vector<double>> startOffsets(const std::vector<Source>& sourc
 
 QString write(const QString& path, const std::vector<Source>& sources, bool overwrite, std::int64_t* sceneChanges)
 {
-    *sceneChanges = 0;
-    if (!overwrite && OutputFile::existsOrDangles(path))
-        return OutputFile::notReplacedError(path);
-    QSaveFile out(path);
-    if (!out.open(QIODevice::WriteOnly))
-        return OutputFile::saveError(path);
-    // Every input was counted by one rule, so every table has the first one's columns (the
-    // scene_change column with steady light).
-    const QByteArray header = sources.empty() ? QByteArray(ActivityCsv::kHeader) : headerOf(sources.front().table);
-    if (header.isEmpty())
-        return tr("Can't read the activity table '%1'").arg(sources.front().table);
-    out.write("file," + header);
-    const std::optional<std::vector<double>> offsets = startOffsets(sources);
-    for (size_t i = 0; i < sources.size(); ++i) {
-        if (!copyRows(sources[i], header, offsets ? &(*offsets)[i] : nullptr, out, sceneChanges))
-            return tr("Can't read the activity table '%1'").arg(sources[i].table);
-    }
-    if (!out.commit())
-        return OutputFile::saveError(path);
-    if (header != ActivityCsv::kHeaderWithSceneChanges)
-        *sceneChanges = -1;
-    return {};
+    return writeTable(path, sources, overwrite, ActivityCsv::kHeader, sceneChanges);
+}
+
+QString writeZones(const QString& path, const std::vector<Source>& sources, bool overwrite)
+{
+    std::int64_t sceneChanges = 0;
+    return writeTable(path, sources, overwrite, ZonesOutput::kHeader, &sceneChanges);
 }
 
 } // namespace CombinedActivity

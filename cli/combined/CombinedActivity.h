@@ -34,4 +34,8 @@ std::optional<std::vector<double>> startOffsets(const std::vector<Source>& sourc
 // Reentrant.
 QString write(const QString& path, const std::vector<Source>& sources, bool overwrite, std::int64_t* sceneChanges);
 
+// NAME.zones.csv of --combine, made alike from the inputs' zones tables (`Source::table`):
+// "file,zone,pair,time_s,moving_pixels,new_events". The error, empty on success. Reentrant.
+QString writeZones(const QString& path, const std::vector<Source>& sources, bool overwrite);
+
 } // namespace CombinedActivity

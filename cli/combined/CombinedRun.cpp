@@ -19,6 +19,8 @@
 #include "ReportStaging.h"
 #include "SliceSet.h"
 #include "Version.h"
+#include "ZoneSpans.h"
+#include "ZonesOutput.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -32,6 +34,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <optional>
 
 #include <sys/stat.h>
@@ -45,13 +48,13 @@ QString tr(const char* text)
 
 // The combined files, absolute; those not asked for empty.
 struct Outputs {
-    QString map, legend, background, events, activity, manifest;
+    QString map, legend, background, events, activity, zones, manifest;
     QString slicePattern; // with --slice, the slice maps' path with "%1" for the slice's start
 
     QStringList all() const
     {
         QStringList paths;
-        for (const QString& path : {map, legend, background, events, activity, manifest}) {
+        for (const QString& path : {map, legend, background, events, activity, zones, manifest}) {
             if (!path.isEmpty())
                 paths << path;
         }
@@ -110,6 +113,8 @@ struct Item {
     double duration = -1.0; // as the container records it; -1 when unknown
     QString mask;           // the mask's file name; empty when none
     QString activity;       // the input's activity table
+    QString zonesTable;     // the input's zones table; empty without zones
+    QJsonArray zoneFigures; // each zone's figures, as its manifest or its pass gives them
     // What makes two inputs one: the files it is (fileIdentity), a manifest's video among them.
     QStringList identities;
     QJsonObject parameters; // of the analysis, as a manifest records them
@@ -153,6 +158,8 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.creationTime = header.creationTime;
             item.footageSeconds = header.footageSeconds;
             item.activity = header.activityPath;
+            item.zonesTable = header.zonesPath;
+            item.zoneFigures = header.zoneFigures;
             item.mask = header.maskPath.isEmpty() ? QString() : QFileInfo(header.maskPath).fileName();
         } else {
             const VideoInfo info = MotionPass::probe(QFile::encodeName(given));
@@ -164,6 +171,8 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
             if (options.data)
                 item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
+            if (options.data && !options.zones.empty())
+                item.zonesTable = QDir(tables).filePath(QStringLiteral("%1.zones.csv").arg(items.size()));
         }
         items.push_back(item);
     }
@@ -234,6 +243,7 @@ std::vector<PlannedInput> planOf(std::vector<Item>& items, const Item* first, co
         input.mapPath = outputs.map;
         input.slicePattern = outputs.slicePattern;
         input.activityPath = item.manifest ? QString() : item.activity;
+        input.zonesPath = item.manifest ? QString() : item.zonesTable;
         input.error = item.error;
         planned.push_back(input);
     }
@@ -359,8 +369,9 @@ QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& i
         inputs.append(entry);
     }
     QJsonArray files;
-    const QStringList roles{"map", "legend", "background", "events", "activity"};
-    const QStringList paths{outputs.map, outputs.legend, outputs.background, outputs.events, outputs.activity};
+    const QStringList roles{"map", "legend", "background", "events", "activity", "zones"};
+    const QStringList paths{outputs.map,    outputs.legend,   outputs.background,
+                            outputs.events, outputs.activity, outputs.zones};
     for (int i = 0; i < paths.size(); ++i) {
         if (!paths[i].isEmpty())
             files.append(Manifest::fileRecord(roles[i], paths[i]));
@@ -389,6 +400,113 @@ QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& i
     };
 }
 
+// The zones every combined input was counted with (they are left out otherwise): the first's.
+QJsonArray zonesOf(const std::vector<Item>& items)
+{
+    for (const Item& item : items) {
+        if (item.combined)
+            return item.parameters["zones"].toArray();
+    }
+    return {};
+}
+
+// What a combined zones table says of each zone on one time line: its first and last pair
+// with motion and its busiest second, by zone name.
+struct ZoneTimes {
+    double first = 0.0;
+    double last = 0.0;
+    bool moved = false;
+    std::map<std::int64_t, std::int64_t> eventsBySecond;
+};
+
+// Reads the combined table at `path` ("file,zone,pair,time_s,moving_pixels,new_events", the
+// file and zone quoted).
+std::map<QString, ZoneTimes> zoneTimesOf(const QString& path)
+{
+    std::map<QString, ZoneTimes> times;
+    QFile table(path);
+    if (!table.open(QIODevice::ReadOnly))
+        return times;
+    table.readLine();
+    while (!table.atEnd()) {
+        const QByteArray line = table.readLine().trimmed();
+        QString zone;
+        const int fileEnd = ZonesOutput::quotedFieldEnd(line, 0);
+        const int zoneEnd = fileEnd < 0 ? -1 : ZonesOutput::quotedFieldEnd(line, fileEnd + 1, &zone);
+        if (zoneEnd < 0)
+            continue;
+        const QList<QByteArray> fields = line.mid(zoneEnd + 1).split(',');
+        if (fields.size() != 4)
+            continue;
+        ZoneTimes& seen = times[zone];
+        const double time = fields[1].toDouble();
+        if (fields[2].toLongLong() > 0) {
+            seen.first = seen.moved ? std::min(seen.first, time) : time;
+            seen.last = seen.moved ? std::max(seen.last, time) : time;
+            seen.moved = true;
+        }
+        seen.eventsBySecond[static_cast<std::int64_t>(std::floor(time))] += fields[3].toLongLong();
+    }
+    return times;
+}
+
+// Each zone's figures over the combined inputs: its area, as every input has it; its events
+// and the share of its pixels with one from the summed `events`; its pairs with motion and
+// their time summed over the inputs; and, when the inputs lie on one time line, its first and
+// last motion and busiest second on that line (null otherwise, as one video's seconds are
+// not another's).
+QJsonArray combinedZoneFigures(const std::vector<Item>& items, const cv::Mat& events, bool oneTimeLine,
+                               const QString& zonesTable)
+{
+    const QJsonArray definitions = zonesOf(items);
+    const std::vector<Zone> zones = ZoneFile::fromJson(definitions);
+    // Ignored pixels hold no event in any input, so the zones' pixels need no mask here.
+    const std::vector<ZoneSpans::Totals> totals = ZoneSpans(events.size(), ZoneFile::polygonsOf(zones), {}).totalsOf(events);
+    const std::map<QString, ZoneTimes> times = oneTimeLine ? zoneTimesOf(zonesTable) : std::map<QString, ZoneTimes>();
+    QJsonArray figures;
+    for (int zone = 0; zone < definitions.size(); ++zone) {
+        double area = 0.0;
+        double pairs = 0.0;
+        double motion = 0.0;
+        bool motionKnown = true;
+        bool areaKnown = false;
+        for (const Item& item : items) {
+            const QJsonObject figure = item.combined ? item.zoneFigures[zone].toObject() : QJsonObject();
+            if (figure.isEmpty())
+                continue;
+            area = areaKnown ? area : figure["area_pixels"].toDouble();
+            areaKnown = true;
+            pairs += figure["pairs_with_motion"].toDouble();
+            motion += figure["motion_s"].toDouble();
+            motionKnown = motionKnown && figure["motion_s"].isDouble();
+        }
+        const ZoneSpans::Totals& total = totals[static_cast<size_t>(zone)];
+        QJsonObject figure = definitions[zone].toObject();
+        figure.insert("area_pixels", area);
+        figure.insert("events", static_cast<double>(total.events));
+        figure.insert("pixels_with_events_share", area > 0.0 ? static_cast<double>(total.pixelsWithEvents) / area : 0.0);
+        figure.insert("pairs_with_motion", pairs);
+        figure.insert("motion_s", motionKnown ? QJsonValue(motion) : QJsonValue());
+        const auto seen = times.find(zones[static_cast<size_t>(zone)].name);
+        const bool moved = seen != times.end() && seen->second.moved;
+        QJsonValue busiest;
+        if (seen != times.end()) {
+            std::pair<std::int64_t, std::int64_t> most{0, 0};
+            for (const auto& [second, count] : seen->second.eventsBySecond) {
+                if (count > most.second)
+                    most = {second, count};
+            }
+            if (most.second > 0)
+                busiest = QJsonObject{{"start_s", static_cast<double>(most.first)}, {"events", static_cast<double>(most.second)}};
+        }
+        figure.insert("busiest_second", busiest);
+        figure.insert("first_motion_s", moved ? QJsonValue(seen->second.first) : QJsonValue());
+        figure.insert("last_motion_s", moved ? QJsonValue(seen->second.last) : QJsonValue());
+        figures.append(figure);
+    }
+    return figures;
+}
+
 QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vector<Item>& items, double scale)
 {
     QStringList creationTimes;
@@ -408,8 +526,10 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
         footage += std::max(item.footageSeconds, 0.0);
         footageKnown = footageKnown && item.footageSeconds >= 0.0;
     }
-    return Legend::render(map, Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
-                                                 scale, footageKnown ? footage : 0.0, masks, steadyLight));
+    Legend::Content content = Legend::contentOf(options.combineName, Legend::combinedTimeSpan(creationTimes, seconds),
+                                                scale, footageKnown ? footage : 0.0, masks, steadyLight);
+    content.zones = ZoneFile::fromJson(zonesOf(items));
+    return Legend::render(map, content);
 }
 
 // Writes the combined files in the order of Outputs; the error, empty on success.
@@ -447,7 +567,19 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
     if (!error.isEmpty())
         return error;
     const bool oneTimeLine = CombinedActivity::startOffsets(sources).has_value();
+    if (!outputs.zones.isEmpty()) {
+        std::vector<CombinedActivity::Source> tables;
+        for (const Item& item : items) {
+            if (item.combined)
+                tables.push_back({item.video, item.zonesTable, item.creationTime});
+        }
+        error = CombinedActivity::writeZones(outputs.zones, tables, options.overwrite);
+        if (!error.isEmpty())
+            return error;
+    }
     QJsonObject manifest = manifestOf(options, items, map, scale, oneTimeLine, outputs);
+    if (!outputs.zones.isEmpty())
+        manifest.insert("zones", combinedZoneFigures(items, events, oneTimeLine, outputs.zones));
     // Only when the inputs were counted in steady light, so that other manifests stay as they were.
     if (*sceneChanges >= 0)
         manifest.insert("scene_changes", QJsonObject{{"count", static_cast<double>(*sceneChanges)}});
@@ -482,9 +614,11 @@ public:
         return add(item, index, events, background);
     }
 
-    QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) override
+    QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background,
+                     const QJsonArray& zones) override
     {
         Item& item = m_items[static_cast<size_t>(index)];
+        item.zoneFigures = zones;
         item.creationTime = QString::fromStdString(facts.video.creationTime);
         if (facts.video.frameRate > 0.0)
             item.footageSeconds = facts.pairsAnalysed / facts.video.frameRate;
@@ -601,7 +735,7 @@ namespace CombinedRun {
 int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic<int>& cancel, const cv::Mat& mask,
         ReportFolder* report)
 {
-    const Outputs outputs = outputsOf(options);
+    Outputs outputs = outputsOf(options);
     const QString conflict = conflictOf(outputs, options);
     if (!conflict.isEmpty()) {
         output.error(conflict);
@@ -619,6 +753,15 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         output.error(notice);
     const Item* first = firstKnown(items);
     const cv::Size size = first ? first->size : cv::Size();
+    // The inputs' zones are known only now: those of the first, which every other shares.
+    if (options.data && first && first->parameters.contains(QLatin1String("zones"))) {
+        outputs.zones = QDir::cleanPath(QFileInfo(outputs.activity).dir().absoluteFilePath(options.combineName + QStringLiteral(".zones.csv")));
+        const QString zonesConflict = conflictOf(outputs, options);
+        if (!zonesConflict.isEmpty()) {
+            output.error(zonesConflict);
+            return MapRun::kExitFailure;
+        }
+    }
     std::vector<PlannedInput> planned = planOf(items, first, outputs, options.combineName);
     if (options.sliceSeconds > 0.0) {
         placeOnTimeLine(items, planned, options);

@@ -163,6 +163,10 @@ Header readHeader(const QString& path)
     const QJsonObject activity = fileOf(parsed.root, QStringLiteral("activity"));
     if (!activity.isEmpty())
         header.activityPath = besideManifest(path, activity["name"].toString());
+    const QJsonObject zones = fileOf(parsed.root, QStringLiteral("zones"));
+    if (!zones.isEmpty())
+        header.zonesPath = besideManifest(path, zones["name"].toString());
+    header.zoneFigures = parsed.root["zones"].toArray();
     return header;
 }
 
@@ -173,13 +177,15 @@ QString load(const QString& path, QImage& storage, cv::Mat* events, cv::Mat* bac
         return parsed.error;
     CheckedFile eventsFile;
     CheckedFile backgroundFile;
-    CheckedFile activityFile;
+    CheckedFile tableFile;
     QString error = readChecked(path, fileOf(parsed.root, QStringLiteral("events")), &eventsFile);
     if (error.isEmpty())
         error = readChecked(path, fileOf(parsed.root, QStringLiteral("background")), &backgroundFile);
-    const QJsonObject activity = fileOf(parsed.root, QStringLiteral("activity"));
-    if (error.isEmpty() && !activity.isEmpty())
-        error = readChecked(path, activity, &activityFile);
+    for (const QString& role : {QStringLiteral("activity"), QStringLiteral("zones")}) {
+        const QJsonObject table = fileOf(parsed.root, role);
+        if (error.isEmpty() && !table.isEmpty())
+            error = readChecked(path, table, &tableFile);
+    }
     if (!error.isEmpty())
         return error;
     const QJsonObject video = parsed.root["video"].toObject();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QImage>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -25,6 +26,8 @@ struct Header {
     QString eventsPath;     // absolute; the files lie beside the manifest
     QString backgroundPath;
     QString activityPath;   // empty when the manifest names no activity table
+    QString zonesPath;      // empty when the manifest names no zones table (--zones)
+    QJsonArray zoneFigures; // each zone's figures, as recorded; empty without zones
     QString error;          // non-empty: not usable; one line that names the manifest
 };
 

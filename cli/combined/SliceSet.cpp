@@ -9,10 +9,12 @@
 #include "MotionPass.h"
 #include "OutputFile.h"
 #include "OutputPlan.h"
+#include "ZoneSpans.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QMutexLocker>
 #include <QSet>
 
@@ -51,6 +53,28 @@ QString labelOf(double seconds, const QDateTime& lineClock)
     }
     const QChar zero(QLatin1Char('0'));
     return QStringLiteral("%1h%2m%3s").arg(hours, 2, 10, zero).arg(minutes, 2, 10, zero).arg(secondsOfMinute, 2, 10, zero);
+}
+
+// Each zone's figures in a slice's summed events (`sum`, 32-bit), counted as its
+// events picture would hold them (saturating at 65535).
+QJsonArray zoneFiguresOf(const std::vector<Zone>& zones, const cv::Mat& mask, const cv::Mat& sum)
+{
+    cv::Mat events;
+    sum.convertTo(events, CV_16UC1);
+    const ZoneSpans spans(events.size(), ZoneFile::polygonsOf(zones), MotionPass::maskAt(mask, events.size()));
+    const std::vector<ZoneSpans::Totals> totals = spans.totalsOf(events);
+    const QJsonArray definitions = ZoneFile::toJson(zones);
+    QJsonArray figures;
+    for (size_t zone = 0; zone < zones.size(); ++zone) {
+        const auto area = static_cast<double>(spans.areas()[zone]);
+        QJsonObject figure = definitions[static_cast<int>(zone)].toObject();
+        figure.insert("area_pixels", area);
+        figure.insert("events", static_cast<double>(totals[zone].events));
+        figure.insert("pixels_with_events_share",
+                      area > 0.0 ? static_cast<double>(totals[zone].pixelsWithEvents) / area : 0.0);
+        figures.append(figure);
+    }
+    return figures;
 }
 
 } // namespace
@@ -305,10 +329,13 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     outcome.pixelsWithEventsShare = static_cast<double>(cv::countNonZero(sum)) / static_cast<double>(sum.total());
     outcome.footageSeconds = footageKnown ? footage : -1.0;
     outcome.sceneChanges = m_settings.steadyLight ? sceneChanges : -1;
+    if (!m_settings.zones.empty())
+        outcome.zones = zoneFiguresOf(m_settings.zones, m_settings.mask, sum);
     if (m_settings.legends || m_settings.reportLegends) {
-        const Legend::Content content = Legend::contentOf(
+        Legend::Content content = Legend::contentOf(
             series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),
             scale, footageKnown ? footage : 0.0, {m_settings.maskName}, m_settings.steadyLight);
+        content.zones = m_settings.zones;
         const QString path = m_settings.legends
             ? companionPath(series.pattern, QStringLiteral(".legend.png"), label)
             : tempFile();

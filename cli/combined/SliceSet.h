@@ -2,6 +2,7 @@
 
 #include "MapToolOptions.h"
 
+#include <QJsonArray>
 #include <QMutex>
 #include <QString>
 #include <QStringList>
@@ -33,6 +34,10 @@ public:
         bool overwrite = false;
         bool reportLegends = false; // a legend for the report beside each slice, --legend or not
         bool steadyLight = false;  // counted in steady light: the legends say so, the slices count scene changes
+        // With --zones: the zones, outlined on the legends and counted in each slice's
+        // figures, and the run's mask (empty for none), which decides their analysed pixels.
+        std::vector<Zone> zones;
+        cv::Mat mask;
     };
 
     // A slice written, for the report's card of it.
@@ -50,6 +55,9 @@ public:
         double pixelsWithEventsShare = 0.0;
         double footageSeconds = -1.0; // pairs at their frame rates; -1 when a rate is unknown
         std::int64_t sceneChanges = -1; // pairs that were scene changes; -1 unless in steady light
+        // With zones: each zone's name, polygon, area in analysed pixels, events and share of
+        // its pixels with an event in the slice, as the manifest names them.
+        QJsonArray zones;
     };
 
     explicit SliceSet(const Settings& settings);

@@ -103,7 +103,15 @@ int run(const QStringList& arguments, Console console, const std::atomic<int>& c
         if (mask.empty())
             return usageError(console.err, error);
     }
-    return runMaps(parsed.options, mask, console, cancel);
+    // So are zones that cannot be used.
+    MapToolOptions options = parsed.options;
+    if (!options.zonesPath.isEmpty()) {
+        QString error;
+        options.zones = ZoneFile::load(options.zonesPath, &error);
+        if (options.zones.empty())
+            return usageError(console.err, error);
+    }
+    return runMaps(options, mask, console, cancel);
 }
 
 } // namespace MapTool

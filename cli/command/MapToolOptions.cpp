@@ -42,13 +42,14 @@ struct Options {
     QCommandLineOption slice{"slice", {}, "DURATION"};
     QCommandLineOption steadyLight{"steady-light"};
     QCommandLineOption sceneChange{"scene-change", {}, "F"};
+    QCommandLineOption zones{"zones", {}, "FILE"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, scale, combine, legend, slice, steadyLight, sceneChange, help, version});
+                           end, scale, combine, legend, slice, steadyLight, sceneChange, zones, help, version});
     }
 };
 
@@ -201,8 +202,14 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
         if (options.reportDir.isEmpty())
             return usageError(tr("The report folder must not be empty."));
     }
-    // The report's cards are drawn from the manifest, its chart from the activity.
-    options.data = parser.isSet(o.data) || !options.reportDir.isEmpty();
+    if (parser.isSet(o.zones)) {
+        options.zonesPath = parser.value(o.zones);
+        if (options.zonesPath.isEmpty())
+            return usageError(tr("The zone file name must not be empty."));
+    }
+    // The report's cards are drawn from the manifest, its chart from the activity; the zones'
+    // figures go to the manifest and a table beside the activity.
+    options.data = parser.isSet(o.data) || !options.reportDir.isEmpty() || !options.zonesPath.isEmpty();
     options.legend = parser.isSet(o.legend);
     const QString windowError = readWindowAndMask(parser, o, options);
     if (!windowError.isEmpty())
@@ -418,6 +425,15 @@ Options:
       --scene-change F  The share of the analysed pixels (above 0, at most 1;
                         default 0.5) above which a pair is a scene change.
                         Implies --steady-light.
+      --zones FILE      Also count the named parts of the picture that the
+                        JSON file FILE defines, {"zones": [{"name": "door",
+                        "polygon": [[x, y], ...]}, ...]} in pixels of the
+                        video (at most 64 zones, names of 1 to 64 characters,
+                        unique): NAME.zones.csv (one row per zone and frame
+                        pair with motion there:
+                        zone,pair,time_s,moving_pixels,new_events), each
+                        zone's figures in the manifest, and its outline on
+                        legends and the report. Implies --data.
       --overwrite       Replace output files that exist already (and an
                         earlier report in DIR).
   -q, --quiet           Print no progress and no per-file messages. Errors are
@@ -453,13 +469,15 @@ Exit status:
        or one of its files could not be written
          Can't save image file '...'
        or one of its files exists, or an earlier input writes the same file,
-       or it is a manifest without --combine, or --combine left it out.
+       or it is a manifest without --combine, or --combine left it out,
+       or one of its --zones has no analysed pixel in it.
        The other inputs are processed all the same.
   2    Usage error: unknown option, missing or bad value (a malformed time,
        --start after --end, a mask that cannot be read or is larger
        than 16384 pixels on a side, --scale 0 or
        below, a --combine name with a folder, --slice 0 or malformed,
-       --scene-change not above 0 and at most 1),
+       --scene-change not above 0 and at most 1, a zone file that cannot
+       be read or is malformed),
        no VIDEO. Nothing
        is analysed.
   130  Interrupted by SIGINT (Ctrl+C) or SIGTERM. The running analyses
@@ -474,6 +492,7 @@ Examples:
   tremora-map --output-dir maps --report maps/report camera1/*.mp4
   tremora-map --combine camera1 --scale auto maps/*.json
   tremora-map --slice 1h --scale 20 -o maps camera1.mkv
+  tremora-map --zones shop.json -o maps camera1.mkv
   parallel tremora-map --jobs 1 ::: *.mp4
 )");
 }

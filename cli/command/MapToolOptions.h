@@ -1,9 +1,12 @@
 #pragma once
 
+#include "ZoneFile.h"
+
 #include <QString>
 #include <QStringList>
 
 #include <limits>
+#include <vector>
 
 // What one run of tremora-map was asked to do, as read from its command line.
 struct MapToolOptions {
@@ -45,6 +48,10 @@ struct MapToolOptions {
     // and implies it.
     bool steadyLight = false;
     double sceneChangeShare = 0.5;
+    // --zones FILE: named parts of the picture, each counted on its own; implies `data`.
+    // Empty: none. The zones are read from the file by MapTool, before the run.
+    QString zonesPath;
+    std::vector<Zone> zones;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.

@@ -32,11 +32,5 @@ void ActivityCsv::add(const MotionPassHooks::PairRecord& record)
 
 QString ActivityCsv::commit(bool overwrite)
 {
-    if (!overwrite && OutputFile::existsOrDangles(m_path)) {
-        m_file.cancelWriting();
-        return OutputFile::notReplacedError(m_path);
-    }
-    if (!m_file.isOpen() || !m_file.commit())
-        return OutputFile::saveError(m_path);
-    return {};
+    return OutputFile::commit(m_file, m_path, overwrite);
 }

@@ -43,9 +43,12 @@ const QImage& FinishedInput::legend()
         const double footage = footageOf(facts);
         const QString span = Legend::timeSpan(QString::fromStdString(facts.video.creationTime),
                                               options.hasStart ? options.start : 0.0, footage);
-        m_legend = Legend::render(map(), Legend::contentOf(QFileInfo(input.video).fileName(), span,
-                                                           mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale,
-                                                           footage, {options.maskPath}, options.steadyLight));
+        Legend::Content content =
+            Legend::contentOf(QFileInfo(input.video).fileName(), span,
+                              mapScale > 0.0 ? mapScale : MotionMap::kDefaultScale, footage, {options.maskPath},
+                              options.steadyLight);
+        content.zones = options.zones;
+        m_legend = Legend::render(map(), content);
     }
     return m_legend;
 }
@@ -61,6 +64,7 @@ Manifest::Content FinishedInput::manifestContent() const
     content.written = written;
     content.pairsWithMotion = pairsWithMotion;
     content.mapScale = mapScale;
+    content.zones = zones;
     return content;
 }
 
@@ -83,6 +87,11 @@ QString InputOutput::refusal() const
 
 void InputOutput::pairCounted(const MotionPassHooks::PairRecord&)
 {
+}
+
+QString InputOutput::failureOf(const FinishedInput&) const
+{
+    return {};
 }
 
 bool InputOutput::recordsEveryOutcome() const

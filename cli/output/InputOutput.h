@@ -6,6 +6,7 @@
 #include "OutputPlan.h"
 
 #include <QImage>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -42,6 +43,7 @@ struct FinishedInput {
     QString error;                 // why the input failed, with Outcome::Failed
     std::vector<Manifest::WrittenFile> written; // the files of this input in place, in order
     std::int64_t pairsWithMotion = 0;
+    QJsonArray zones;              // with --zones: each zone's figures, once its table is written
     QJsonObject manifest;          // the manifest, once made
 
 private:
@@ -70,6 +72,10 @@ public:
 
     // Each frame pair as the pass counts it, in their order.
     virtual void pairCounted(const MotionPassHooks::PairRecord& record);
+
+    // Why the input fails, whatever its files, from what its pass found; empty when it does
+    // not. Asked once the pass has ended well, before any file is written.
+    virtual QString failureOf(const FinishedInput& finished) const;
 
     // Whether it is written however the input ended (failed, canceled): a record of how it
     // ended is. Others are written only while everything has gone well.

@@ -7,6 +7,7 @@
 #include "LegendOutput.h"
 #include "ManifestOutput.h"
 #include "MapOutput.h"
+#include "ZonesOutput.h"
 
 namespace {
 
@@ -20,12 +21,19 @@ constexpr Maker kOutputs[] = {
     &EventsOutput::make,
     &BackgroundOutput::make,
     &ActivityOutput::make,
+    &ZonesOutput::make,
     &ManifestOutput::make,
 };
 
-// The first output whose file may not be written, as its refusal; empty when all may.
-QString refusalOf(const InputOutputList& outputs)
+// Why the input fails after all, or the first output whose file may not be written, as its
+// refusal; empty when all may.
+QString refusalOf(const InputOutputList& outputs, const FinishedInput& finished)
 {
+    for (const auto& output : outputs) {
+        const QString failure = output->failureOf(finished);
+        if (!failure.isEmpty())
+            return failure;
+    }
     for (const auto& output : outputs) {
         if (output->recordsEveryOutcome())
             continue;
@@ -55,13 +63,15 @@ InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& 
     InputOutputList outputs;
     if (options.data)
         outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true, options.steadyLight));
+    if (!input.zonesPath.isEmpty())
+        outputs.push_back(std::make_unique<ZonesOutput>(input.zonesPath, true, options.zones));
     return outputs;
 }
 
 void writeAll(InputOutputList& outputs, FinishedInput& finished)
 {
     if (finished.outcome == Manifest::Outcome::Done) {
-        const QString refusal = refusalOf(outputs);
+        const QString refusal = refusalOf(outputs, finished);
         if (!refusal.isEmpty())
             finished.fail(refusal);
     }

@@ -17,7 +17,8 @@ namespace InputOutputs {
 InputOutputList of(const PlannedInput& input, const MapToolOptions& options);
 
 // With --combine, no input writes files of its own: only the activity table the combination
-// reads, from `input.activityPath` (the run's own temporary file, replaced freely), with --data.
+// reads, from `input.activityPath` (the run's own temporary file, replaced freely), with --data,
+// and the zones table at `input.zonesPath` alike, with --zones.
 // Reentrant.
 InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& options);
 

@@ -122,6 +122,25 @@ QString valueText(const QJsonValue& value)
     return QString::fromUtf8(json.mid(1, json.size() - 2));
 }
 
+// The zones a manifest records by their names ("'door', 'till'"), "none" without any.
+QString zoneNamesOf(const QJsonValue& zones)
+{
+    QStringList names;
+    for (const QJsonValue& zone : zones.toArray())
+        names << QLatin1Char('\'') + zone.toObject()["name"].toString() + QLatin1Char('\'');
+    return names.isEmpty() ? tr("none") : names.join(QLatin1String(", "));
+}
+
+// Zones by their names rather than every vertex, which would not fit a line.
+QString zonesDifference(const QJsonValue& recorded, const QJsonValue& reference)
+{
+    const QString names = zoneNamesOf(recorded);
+    const QString expected = zoneNamesOf(reference);
+    if (names == expected)
+        return tr("zones %1 with other polygons than %2").arg(names, expected);
+    return tr("zones %1, not %2").arg(names, expected);
+}
+
 // Walks both objects' keys, so that a parameter only one of them records (an option added
 // after the other was written) counts as "none" there rather than being passed over.
 void addDifferences(const QString& prefix, const QJsonObject& recorded, const QJsonObject& reference,
@@ -137,6 +156,11 @@ void addDifferences(const QString& prefix, const QJsonObject& recorded, const QJ
         const QJsonValue value = recorded.value(key);
         const QJsonValue expected = reference.value(key);
         const QString name = prefix.isEmpty() ? key : prefix + QLatin1Char('.') + key;
+        if (prefix.isEmpty() && key == QLatin1String("zones")) {
+            if (value != expected)
+                *differences << zonesDifference(value, expected);
+            continue;
+        }
         if (value.isObject() && expected.isObject()) {
             addDifferences(name, value.toObject(), expected.toObject(), differences);
             continue;
@@ -188,6 +212,10 @@ QJsonObject parameters(const MapToolOptions& options, double mapScale)
     // Likewise only in steady light; a manifest without it was counted as every earlier one.
     if (options.steadyLight)
         recorded.insert("steady_light", QJsonObject{{"scene_change_share", options.sceneChangeShare}});
+    // Zones change no count of the picture, but the zones' own: inputs counted with other
+    // zones are not summed zone by zone.
+    if (!options.zones.empty())
+        recorded.insert("zones", ZoneFile::toJson(options.zones));
     return recorded;
 }
 
@@ -239,6 +267,9 @@ QJsonObject build(const Content& content)
     // Only in steady light, so that every other manifest stays as it was.
     if (content.options->steadyLight && content.sceneChanges)
         manifest.insert("scene_changes", sceneChangesOf(*content.sceneChanges));
+    // Likewise only with zones; figures are known once a pass has ended well.
+    if (!content.options->zones.empty() && !content.zones.isEmpty())
+        manifest.insert("zones", content.zones);
     return manifest;
 }
 

@@ -4,6 +4,7 @@
 #include "MotionPass.h"
 #include "OutputPlan.h"
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -49,6 +50,7 @@ struct Content {
     std::int64_t pairsWithMotion = 0;
     double mapScale = 0.0;    // the events at the top of the map's scale, with --scale; else 0
     const SceneChanges* sceneChanges = nullptr; // with --steady-light
+    QJsonArray zones;         // with --zones: each zone's figures (ZonesOutput)
 };
 
 // True for an input that is a manifest rather than a video: its name ends in ".json" (any

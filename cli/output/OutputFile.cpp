@@ -32,4 +32,15 @@ QString write(const QString& path, const QByteArray& bytes, bool overwrite)
     return {};
 }
 
+QString commit(QSaveFile& file, const QString& path, bool overwrite)
+{
+    if (!overwrite && existsOrDangles(path)) {
+        file.cancelWriting();
+        return notReplacedError(path);
+    }
+    if (!file.isOpen() || !file.commit())
+        return saveError(path);
+    return {};
+}
+
 } // namespace OutputFile

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QSaveFile>
 #include <QString>
 
 // Writing a file a user keeps: under a temporary name beside the target, renamed into place
@@ -22,5 +23,9 @@ QString saveError(const QString& path);
 // link) only with `overwrite`. The error, empty on success; a failed write leaves what was
 // at `path` as it was and no temporary file behind.
 QString write(const QString& path, const QByteArray& bytes, bool overwrite);
+
+// Puts `file`, written as it grew, in place of `path`, replacing a file there only with
+// `overwrite`; otherwise drops it. The error, empty when the file is in place.
+QString commit(QSaveFile& file, const QString& path, bool overwrite);
 
 } // namespace OutputFile

@@ -49,6 +49,8 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
     if (options.data) {
         input.eventsPath = pathOf(OutputPlan::eventsFileName(video));
         input.activityPath = pathOf(OutputPlan::activityFileName(video));
+        if (!options.zones.empty())
+            input.zonesPath = pathOf(OutputPlan::zonesFileName(video));
         input.manifestPath = pathOf(OutputPlan::manifestFileName(video));
     }
     return input;
@@ -129,7 +131,7 @@ QString sliceClashOf(const PlannedInput& input, const MapToolOptions& options)
 QStringList PlannedInput::outputs() const
 {
     QStringList paths;
-    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, manifestPath}) {
+    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, zonesPath, manifestPath}) {
         if (!path.isEmpty())
             paths << path;
     }
@@ -180,6 +182,11 @@ QString eventsFileName(const QString& video)
 QString activityFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".activity.csv");
+}
+
+QString zonesFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".zones.csv");
 }
 
 QString manifestFileName(const QString& video)

@@ -10,6 +10,8 @@
 #include <QFont>
 #include <QFontMetrics>
 #include <QPainter>
+#include <QPainterPath>
+#include <QPolygonF>
 
 #include <algorithm>
 #include <cmath>
@@ -103,6 +105,43 @@ Layout layoutFor(int width, bool perHour, bool lightLine)
         + layout.text / 3 + tickLines * layout.line + layout.margin / 2 + layout.line + layout.margin
         + (lightLine ? layout.line : 0);
     return layout;
+}
+
+// Each zone's outline through its corner pixels' centres, a light line on a dark one so that
+// it shows on any colour of the map, and its name on a dark label at its first corner, kept
+// inside the map.
+void drawZones(QPainter& painter, const std::vector<Zone>& zones, const QRect& map, int textPixels)
+{
+    if (zones.empty())
+        return;
+    painter.save();
+    painter.setClipRect(map);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.translate(map.topLeft());
+    const qreal line = std::max(1.0, textPixels / 8.0);
+    for (const Zone& zone : zones) {
+        QPolygonF outline;
+        for (const cv::Point& point : zone.polygon)
+            outline << QPointF(point.x + 0.5, point.y + 0.5);
+        painter.setBrush(Qt::NoBrush);
+        painter.setPen(QPen(QColor(0, 0, 0, 200), line * 3, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+        painter.drawPolygon(outline);
+        painter.setPen(QPen(QColor(255, 255, 255), line, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+        painter.drawPolygon(outline);
+    }
+    painter.setFont(fontOf(textPixels, true));
+    const QFontMetrics metrics = painter.fontMetrics();
+    for (const Zone& zone : zones) {
+        const QString name = metrics.elidedText(zone.name, Qt::ElideRight, std::max(1, map.width() - 4));
+        QRect label(0, 0, metrics.horizontalAdvance(name) + 4, metrics.height());
+        const cv::Point& corner = zone.polygon.front();
+        label.moveTo(std::clamp(corner.x, 0, std::max(0, map.width() - label.width())),
+                     std::clamp(corner.y, 0, std::max(0, map.height() - label.height())));
+        painter.fillRect(label, QColor(0, 0, 0, 170));
+        painter.setPen(QColor(255, 255, 255));
+        painter.drawText(label, Qt::AlignCenter, name);
+    }
+    painter.restore();
 }
 
 } // namespace
@@ -220,6 +259,7 @@ QImage render(const QImage& map, const Content& content)
     QPainter painter(&legend);
     painter.setRenderHint(QPainter::TextAntialiasing);
     painter.drawImage((width - map.width()) / 2, 0, map);
+    drawZones(painter, content.zones, QRect((width - map.width()) / 2, 0, map.width(), map.height()), layout.text);
 
     const int left = layout.margin;
     const int right = width - layout.margin;

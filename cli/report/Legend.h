@@ -5,6 +5,10 @@
 #include <QStringList>
 #include <QString>
 
+#include "ZoneFile.h"
+
+#include <vector>
+
 // NAME.legend.png: the map with a strip below it that tells a reader who never ran this tool
 // how to read it: the colour scale in events (and events per hour of footage), what the grey
 // means, whose map it is, the time it covers and the mask.
@@ -17,6 +21,9 @@ struct Content {
     double footageHours = 0.0; // hours of video analysed; 0 when unknown (no per-hour labels)
     QString mask;              // the mask's file name; empty when none was used
     bool steadyLight = false;  // counted in steady light: changes of light were not motion
+    // Zones counted on their own (--zones): each outlined over the map and named, in pixel
+    // coordinates of the map. The map file itself stays without them.
+    std::vector<Zone> zones;
 };
 
 // What the strip under a map named `name` says: it covers `timeSpan` (see timeSpan() and

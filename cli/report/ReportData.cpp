@@ -6,16 +6,34 @@
 
 namespace ReportData {
 
+namespace {
+
+void addTo(std::vector<ReportData::Second>& seconds, std::int64_t second, std::int64_t movingPixels,
+           std::int64_t newEvents, bool sceneChange)
+{
+    if (seconds.empty() || seconds.back().second != second)
+        seconds.push_back({second, 0, 0, 0});
+    ReportData::Second& last = seconds.back();
+    last.movingPixels = std::max(last.movingPixels, movingPixels);
+    last.newEvents += newEvents;
+    last.sceneChanges += sceneChange ? 1 : 0;
+}
+
+} // namespace
+
 void ActivityBySecond::add(const MotionPassHooks::PairRecord& record)
 {
     const auto second = static_cast<std::int64_t>(record.time < 0.0 ? 0.0 : record.time);
-    if (m_seconds.empty() || m_seconds.back().second != second)
-        m_seconds.push_back({second, 0, 0});
-    Second& last = m_seconds.back();
-    last.movingPixels = std::max(last.movingPixels, record.movingPixels);
-    last.newEvents += record.newEvents;
-    last.sceneChanges += record.sceneChange ? 1 : 0;
+    addTo(m_seconds, second, record.movingPixels, record.newEvents, record.sceneChange);
     m_sceneChanges += record.sceneChange ? 1 : 0;
+    if (!record.zones)
+        return;
+    m_zones.resize(record.zones->size());
+    for (size_t zone = 0; zone < m_zones.size(); ++zone) {
+        const ZoneSpans::Tally& tally = (*record.zones)[zone];
+        if (tally.movingPixels != 0 || tally.newEvents != 0)
+            addTo(m_zones[zone], second, tally.movingPixels, tally.newEvents, false);
+    }
 }
 
 namespace {
@@ -144,6 +162,14 @@ QByteArray activityJson(const std::vector<Second>& seconds, bool sceneChanges)
             json += ',' + QByteArray::number(static_cast<qlonglong>(seconds[i].sceneChanges));
         json += ']';
     }
+    return json + "]}";
+}
+
+QByteArray zonesJson(const std::vector<std::vector<Second>>& zones)
+{
+    QByteArray json = "{\"zones\":[";
+    for (size_t zone = 0; zone < zones.size(); ++zone)
+        json += (zone > 0 ? "," : "") + activityJson(zones[zone], false);
     return json + "]}";
 }
 

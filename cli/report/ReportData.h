@@ -35,9 +35,13 @@ public:
     const std::vector<Second>& seconds() const { return m_seconds; }
     // The pairs added that were scene changes.
     std::int64_t sceneChanges() const { return m_sceneChanges; }
+    // With zones (PairRecord::zones): each zone's seconds alike, those in which it saw
+    // nothing left out.
+    const std::vector<std::vector<Second>>& zones() const { return m_zones; }
 
 private:
     std::vector<Second> m_seconds;
+    std::vector<std::vector<Second>> m_zones;
     std::int64_t m_sceneChanges = 0;
 };
 
@@ -62,5 +66,9 @@ QByteArray cellsJson(const CellEventTimes& times, int width, int height);
 // The seconds as JSON: {"seconds": [[second, moving pixels, new events], ...]}; with
 // `sceneChanges` (a run in steady light) each row ends with its scene changes as well.
 QByteArray activityJson(const std::vector<Second>& seconds, bool sceneChanges);
+
+// Each zone's seconds as JSON: {"zones": [{"seconds": [[second, moving pixels, new events],
+// ...]}, ...]}, in the zones' order.
+QByteArray zonesJson(const std::vector<std::vector<Second>>& zones);
 
 } // namespace ReportData

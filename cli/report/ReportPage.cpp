@@ -51,6 +51,69 @@ QString figuresHtml(const ReportCard& card)
     return html + QStringLiteral("</dl>");
 }
 
+// One zone's figures in a line: its events, the share of its pixels with one, its time with
+// motion, and when motion was first and last seen there.
+QString zoneFiguresText(const QJsonObject& zone)
+{
+    QStringList parts;
+    parts << tr("%1 events").arg(QString::number(zone.value(QLatin1String("events")).toDouble(), 'f', 0))
+          << tr("%1 of its pixels").arg(ReportPage::percentText(zone.value(QLatin1String("pixels_with_events_share")).toDouble()));
+    // A slice's zones have no time figures: only what its summed events tell.
+    const QJsonValue motion = zone.value(QLatin1String("motion_s"));
+    if (motion.isDouble())
+        parts << tr("motion for %1").arg(ReportPage::clockText(motion.toDouble()));
+    else if (zone.contains(QLatin1String("pairs_with_motion")))
+        parts << tr("motion in %1 pairs").arg(zone.value(QLatin1String("pairs_with_motion")).toInt());
+    const QJsonValue first = zone.value(QLatin1String("first_motion_s"));
+    if (first.isDouble())
+        parts << tr("seen %1 – %2").arg(ReportPage::clockText(first.toDouble()),
+                                        ReportPage::clockText(zone.value(QLatin1String("last_motion_s")).toDouble()));
+    const QJsonObject busiest = zone.value(QLatin1String("busiest_second")).toObject();
+    if (!busiest.isEmpty())
+        parts << tr("busiest at %1 (%2 events)")
+                     .arg(ReportPage::clockText(busiest.value(QLatin1String("start_s")).toDouble()),
+                          QString::number(busiest.value(QLatin1String("events")).toDouble(), 'f', 0));
+    return parts.join(QStringLiteral(" · "));
+}
+
+QString zonesHtml(const ReportCard& card)
+{
+    if (card.zones.isEmpty())
+        return {};
+    QString html = QStringLiteral("<section class=\"zones\"><h3>%1</h3><ul class=\"zone-list\">")
+                       .arg(ReportPage::escapeHtml(tr("Zones")));
+    for (int i = 0; i < card.zones.size(); ++i) {
+        const QJsonObject zone = card.zones[i].toObject();
+        html += QStringLiteral("<li") + attribute("data-zone", QString::number(i)) + QStringLiteral("><span class=\"zone-name\">")
+            + ReportPage::escapeHtml(zone.value(QLatin1String("name")).toString()) + QStringLiteral("</span> ")
+            + ReportPage::escapeHtml(zoneFiguresText(zone)) + QStringLiteral("</li>");
+    }
+    return html + QStringLiteral("</ul></section>");
+}
+
+// The choice of the chart's series: the whole picture's, or one zone's.
+QString zoneChoiceHtml(const ReportCard& card)
+{
+    QString html = QStringLiteral("<label class=\"chart-choice\">") + ReportPage::escapeHtml(tr("Chart of"))
+        + QStringLiteral(" <select class=\"chart-zone\"><option value=\"\">")
+        + ReportPage::escapeHtml(tr("the whole picture")) + QStringLiteral("</option>");
+    for (int i = 0; i < card.zones.size(); ++i)
+        html += QStringLiteral("<option") + attribute("value", QString::number(i)) + QStringLiteral(">")
+            + ReportPage::escapeHtml(tr("zone %1").arg(card.zones[i].toObject().value(QLatin1String("name")).toString()))
+            + QStringLiteral("</option>");
+    return html + QStringLiteral("</select></label>");
+}
+
+// The zones' names and polygons, for the page to outline them on the map.
+QString zoneOutlinesJson(const ReportCard& card)
+{
+    QJsonArray outlines;
+    for (const QJsonValue& zone : card.zones)
+        outlines.append(QJsonObject{{"name", zone.toObject().value(QLatin1String("name"))},
+                                    {"polygon", zone.toObject().value(QLatin1String("polygon"))}});
+    return QString::fromUtf8(QJsonDocument(outlines).toJson(QJsonDocument::Compact));
+}
+
 QString outcomeHtml(const ReportCard& card)
 {
     if (card.status == QLatin1String("done"))
@@ -146,6 +209,7 @@ QString cardHtml(const ReportCard& card)
         + attribute("data-creation", card.creationTime) + attribute("data-parts", partsJson(card.parts))
         + windowAttributes(card) + attribute("data-activity", card.hasActivity ? QStringLiteral("1") : QStringLiteral("0"))
         + attribute("data-cells", card.hasCells ? QStringLiteral("1") : QStringLiteral("0"))
+        + (card.zones.isEmpty() ? QString() : attribute("data-zones", zoneOutlinesJson(card)))
         + attribute("aria-labelledby", QStringLiteral("title-") + card.key) + QStringLiteral(">");
     html += QStringLiteral("<h2") + attribute("id", QStringLiteral("title-") + card.key) + QStringLiteral(">");
     if (card.videoHref.isEmpty())
@@ -155,13 +219,15 @@ QString cardHtml(const ReportCard& card)
             + ReportPage::escapeHtml(card.title) + QStringLiteral("</a>");
     html += QStringLiteral("</h2>") + outcomeHtml(card);
     html += QStringLiteral("<div class=\"body\">") + mapHtml(card) + QStringLiteral("<div class=\"side\">")
-        + figuresHtml(card);
+        + figuresHtml(card) + zonesHtml(card);
     if (card.hasCells)
         html += QStringLiteral("<section class=\"times\" aria-live=\"polite\"><h3>%1</h3><p class=\"hint\">%2</p>"
                                "<ol class=\"time-list\"></ol></section>")
                     .arg(ReportPage::escapeHtml(tr("When motion began here")),
                          ReportPage::escapeHtml(tr("Choose a point of the map.")));
     html += QStringLiteral("</div></div>");
+    if (card.hasActivity && card.hasZoneSeries && !card.zones.isEmpty())
+        html += zoneChoiceHtml(card);
     if (card.hasActivity)
         html += QStringLiteral("<div class=\"chart\"") + attribute("aria-label", tr("Activity over time of %1").arg(card.title))
             + QStringLiteral(" role=\"group\"></div>");
@@ -273,6 +339,7 @@ ReportCard inputCard(const QString& key, const QString& video, const QJsonObject
     card.figures.insert(card.figures.end(), counts.begin(), counts.end());
     card.figures.push_back(
         {tr("Pairs with motion"), percentText(summary.value(QLatin1String("pairs_with_motion_share")).toDouble())});
+    card.zones = manifest.value(QLatin1String("zones")).toArray();
     return card;
 }
 

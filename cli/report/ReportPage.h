@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -36,10 +37,14 @@ struct ReportCard {
     std::vector<std::pair<QString, QString>> figures; // label and value, in order
     bool hasActivity = false; // some part's data/KEY.activity.js exists
     bool hasCells = false;    // some part's data/KEY.cells.js exists
+    bool hasZoneSeries = false; // the first part's data/KEY.zones.js exists
     std::vector<ReportPart> parts; // the videos drawn: this card's own for an input's card
     double from = -1.0;   // the window of the line in seconds; -1: the whole line
     double to = -1.0;
     bool ofAnInput = true;// the card of one input, not of a slice or a combined map
+    // With --zones: each zone's figures as the manifest records them (name and polygon
+    // among them); listed beside the map and outlined on it. Empty: none.
+    QJsonArray zones;
 };
 
 // The report page: index.html from the template built into the tool, with one card per entry.

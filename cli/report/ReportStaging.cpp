@@ -78,15 +78,19 @@ bool countsInSteadyLight(const QJsonObject& manifest)
 namespace ReportStaging {
 
 QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
-                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height)
+                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height,
+                  const std::vector<std::vector<ReportData::Second>>& zones)
 {
     const QDir data(staging + QStringLiteral("/data"));
     const QString activity = data.filePath(key + QStringLiteral(".activity.js"));
     const QString cells = data.filePath(key + QStringLiteral(".cells.js"));
     // The staging folder is the run's own: nothing there is a user's to keep.
-    const QString error = OutputFile::write(
+    QString error = OutputFile::write(
         activity, ReportData::script(key + QStringLiteral(".activity"), ReportData::activityJson(seconds, sceneChanges)),
         true);
+    if (error.isEmpty() && !zones.empty())
+        error = OutputFile::write(data.filePath(key + QStringLiteral(".zones.js")),
+                                  ReportData::script(key + QStringLiteral(".zones"), ReportData::zonesJson(zones)), true);
     if (!error.isEmpty() || eventTimes.empty())
         return error;
     return OutputFile::write(
@@ -191,6 +195,7 @@ ReportCard sliceCard(const QString& staging, const QString& key, const SliceSet:
         *error = writeLegendStrip(staging, key, QImage(slice.legendPath), map.height());
         card.legendFile = QStringLiteral("maps/%1.legend.png").arg(key);
     }
+    card.zones = slice.zones;
     card.figures = ReportPage::countFigures(slice.eventsTotal, slice.maxEvents, slice.pixelsWithEventsShare,
                                             slice.sceneChanges);
     card.figures.insert(card.figures.begin(),

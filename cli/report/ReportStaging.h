@@ -17,9 +17,11 @@
 namespace ReportStaging {
 
 // data/KEY.activity.js, with the seconds' scene changes when `sceneChanges` (a run in steady
-// light), and, when `eventTimes` is not empty, data/KEY.cells.js.
+// light), and, when `eventTimes` is not empty, data/KEY.cells.js; with `zones` (each zone's
+// seconds, --zones), data/KEY.zones.js.
 QString writeData(const QString& staging, const QString& key, const std::vector<ReportData::Second>& seconds,
-                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height);
+                  bool sceneChanges, const CellEventTimes& eventTimes, int width, int height,
+                  const std::vector<std::vector<ReportData::Second>>& zones = {});
 
 // maps/KEY.png from a map the run did not write as a file of its own; `file` receives
 // "maps/KEY.png".

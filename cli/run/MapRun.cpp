@@ -182,6 +182,7 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     settings.windowEnd = options.end;
     settings.steadyLight = options.steadyLight;
     settings.sceneChangeShare = options.sceneChangeShare;
+    settings.zones = ZoneFile::polygonsOf(options.zones);
     if (!options.reportDir.isEmpty())
         settings.eventCellSize = ReportData::kCellSize;
     return settings;
@@ -247,7 +248,7 @@ QString stageReport(FileJob& job, const RunContext& context, FinishedInput& fini
     const QString& staging = context.reportStaging;
     const MotionPassFacts& facts = finished.facts;
     QString error = ReportStaging::writeData(staging, job.key, seconds.seconds(), context.options.steadyLight,
-                                             facts.eventTimes, facts.video.width, facts.video.height);
+                                             facts.eventTimes, facts.video.width, facts.video.height, seconds.zones());
     if (!error.isEmpty())
         return error;
     if (job.input.mapPath.isEmpty() || context.sink) {
@@ -266,7 +267,7 @@ QString passToSink(FileJob& job, const RunContext& context, InputOutputList& out
     InputOutputs::writeAll(outputs, finished);
     QString error = finished.error;
     if (error.isEmpty())
-        error = context.sink->takePass(job.index, finished.facts, finished.background);
+        error = context.sink->takePass(job.index, finished.facts, finished.background, finished.zones);
     if (error.isEmpty())
         error = keepSlices(job, context, sliceTarget, hooks, finished.facts, finished.background);
     if (!seconds || !error.isEmpty())
@@ -367,7 +368,7 @@ public:
         , m_context{options, mask, cancel, m_pairs, {}, sink, nullptr}
     {
         if (options.sliceSeconds > 0.0)
-            m_slices = std::make_unique<SliceSet>(sliceSettingsOf(options));
+            m_slices = std::make_unique<SliceSet>(sliceSettingsOf(options, mask));
         for (const PlannedInput& input : inputs) {
             auto job = std::make_unique<FileJob>();
             job->index = static_cast<int>(m_jobs.size());
@@ -483,7 +484,7 @@ private:
         return shot;
     }
 
-    static SliceSet::Settings sliceSettingsOf(const MapToolOptions& options)
+    static SliceSet::Settings sliceSettingsOf(const MapToolOptions& options, const cv::Mat& mask)
     {
         SliceSet::Settings settings;
         settings.sliceSeconds = options.sliceSeconds;
@@ -494,6 +495,8 @@ private:
         settings.overwrite = options.overwrite;
         settings.reportLegends = !options.reportDir.isEmpty();
         settings.steadyLight = options.steadyLight;
+        settings.zones = options.zones;
+        settings.mask = mask;
         return settings;
     }
 
@@ -574,6 +577,9 @@ private:
             card.hasActivity = card.hasActivity || QFileInfo::exists(data + part.key + QStringLiteral(".activity.js"));
             card.hasCells = card.hasCells || QFileInfo::exists(data + part.key + QStringLiteral(".cells.js"));
         }
+        // The page charts a zone of the first part only: a card of several has none.
+        card.hasZoneSeries = card.parts.size() == 1
+                             && QFileInfo::exists(data + card.parts.front().key + QStringLiteral(".zones.js"));
         return card;
     }
 

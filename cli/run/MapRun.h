@@ -4,6 +4,8 @@
 #include "OutputPlan.h"
 #include "ReportPage.h"
 
+#include <QJsonArray>
+
 #include <opencv2/core/mat.hpp>
 
 #include <atomic>
@@ -23,8 +25,10 @@ public:
     // Takes the input at `index` without a pass. The error, empty on success.
     virtual QString take(int index) = 0;
     // Takes the finished pass over the input at `index` (its activity table, with --data, is
-    // complete at PlannedInput::activityPath). The error, empty on success.
-    virtual QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background) = 0;
+    // complete at PlannedInput::activityPath, and with --zones its zones table at
+    // PlannedInput::zonesPath, each zone's figures in `zones`). The error, empty on success.
+    virtual QString takePass(int index, const MotionPassFacts& facts, const cv::Mat& background,
+                             const QJsonArray& zones) = 0;
     // Once every input has ended, when the run was not canceled: writes what the sink makes
     // of them. The errors, one line each. Called on the run's thread.
     virtual QStringList finish() = 0;

@@ -391,13 +391,194 @@ var Tremora = (function () {
     if (video.readyState >= 1) seek(); else video.addEventListener("loadedmetadata", seek, { once: true });
   }
 
+
+  // ---- zones: outlined on the map, and drawn by hand ----
+  var drawn = [];
+
+  // An SVG over the map in the picture's own pixels, so that outlines follow the map's size.
+  function overlayOf(card) {
+    var frame = card.querySelector(".map .frame");
+    if (!frame) return null;
+    var svg = frame.querySelector("svg.zones-overlay");
+    if (!svg) {
+      svg = el("svg", { "class": "zones-overlay", viewBox: "0 0 " + card.dataset.width + " " + card.dataset.height,
+                        preserveAspectRatio: "none", "aria-hidden": "true" }, frame, true);
+    }
+    return svg;
+  }
+
+  function pointsText(polygon) {
+    return polygon.map(function (p) { return (p[0] + 0.5) + "," + (p[1] + 0.5); }).join(" ");
+  }
+
+  function outline(svg, zone, className) {
+    var g = el("g", { "class": className }, svg, true);
+    el("polygon", { points: pointsText(zone.polygon) }, g, true);
+    var size = Math.max(8, svg.viewBox.baseVal.width / 40);
+    var label = el("text", { x: zone.polygon[0][0] + 1, y: zone.polygon[0][1] + 1, "dominant-baseline": "hanging",
+                             "font-size": size }, g, true);
+    label.textContent = zone.name;
+    return g;
+  }
+
+  function setUpZoneOutlines(card) {
+    if (!card.dataset.zones) return;
+    var svg = overlayOf(card);
+    if (!svg) return;
+    JSON.parse(card.dataset.zones).forEach(function (zone) { outline(svg, zone, "zone"); });
+  }
+
+  // The page's one panel of the zones drawn so far, as the JSON a --zones file takes.
+  function zonesPanel() {
+    var panel = document.getElementById("drawn-zones");
+    if (panel) return panel;
+    panel = el("section", { id: "drawn-zones", "aria-live": "polite" }, document.querySelector("main"));
+    el("h2", {}, panel).textContent = "Zones drawn";
+    el("p", { "class": "hint" }, panel).textContent =
+      "Copy this into a file and give it to tremora-map --zones FILE. Nothing leaves this page.";
+    var text = el("textarea", { id: "zones-json", readonly: "", rows: "8", "aria-label": "Zones drawn, as JSON" }, panel);
+    var copy = el("button", { type: "button", id: "copy-zones" }, panel);
+    copy.textContent = "Copy";
+    var said = el("span", { "class": "copied", role: "status" }, panel);
+    copy.addEventListener("click", function () {
+      text.select();
+      var done = function () { said.textContent = "Copied."; };
+      if (navigator.clipboard && navigator.clipboard.writeText) {
+        navigator.clipboard.writeText(text.value).then(done, function () {
+          if (document.execCommand("copy")) done(); else said.textContent = "Select the text and copy it.";
+        });
+      } else if (document.execCommand("copy")) {
+        done();
+      }
+    });
+    return panel;
+  }
+
+  function showDrawn() {
+    zonesPanel();
+    document.getElementById("zones-json").value = JSON.stringify({ zones: drawn }, null, 1)
+      .replace(/\[\n\s*(-?\d+),\n\s*(-?\d+)\n\s*\]/g, "[$1, $2]");
+  }
+
+  function setUpDrawing(card) {
+    var img = card.querySelector(".map img");
+    if (!img) return;
+    var W = Number(card.dataset.width), H = Number(card.dataset.height);
+    var tools = el("div", { "class": "draw" }, card.querySelector(".map"));
+    var start = el("button", { type: "button", "class": "draw-zone" }, tools);
+    start.textContent = "Draw a zone";
+    var form = el("div", { "class": "draw-form", hidden: "" }, tools);
+    var hint = el("p", { "class": "hint", "aria-live": "polite" }, form);
+    var name = el("input", { type: "text", "class": "zone-name-input", maxlength: "64", "aria-label": "Name of the zone" }, form);
+    var finish = el("button", { type: "button", "class": "finish-zone" }, form);
+    finish.textContent = "Add zone";
+    var cancel = el("button", { type: "button", "class": "cancel-zone" }, form);
+    cancel.textContent = "Cancel";
+    var svg = overlayOf(card);
+    var state = null;
+
+    function redraw() {
+      if (state.shape) svg.removeChild(state.shape);
+      state.shape = el("g", { "class": "drawing" }, svg, true);
+      if (state.points.length) el("polyline", { points: pointsText(state.points.concat([state.points[0]])) }, state.shape, true);
+      var c = el("rect", { "class": "draw-cursor", x: state.cursor[0], y: state.cursor[1], width: 1, height: 1 }, state.shape, true);
+      c.setAttribute("stroke-width", Math.max(W, H) / 200);
+      hint.textContent = state.points.length + (state.points.length === 1 ? " corner" : " corners") +
+        " at " + state.points.map(function (p) { return "(" + p[0] + ", " + p[1] + ")"; }).join(" ") +
+        ". Click the map, or move with the arrow keys (Shift: 10 pixels) and press Enter, to add a corner; cursor at (" +
+        state.cursor[0] + ", " + state.cursor[1] + ").";
+    }
+    function stop() {
+      if (state && state.shape) svg.removeChild(state.shape);
+      state = null;
+      card._drawing = false;
+      form.hidden = true;
+      start.hidden = false;
+    }
+    function add(x, y) {
+      state.points.push([x, y]);
+      state.cursor = [x, y];
+      redraw();
+    }
+    start.addEventListener("click", function () {
+      state = { points: [], cursor: [Math.floor(W / 2), Math.floor(H / 2)], shape: null };
+      card._drawing = true;
+      form.hidden = false;
+      start.hidden = true;
+      if (!img.hasAttribute("tabindex")) img.setAttribute("tabindex", "0");
+      redraw();
+      img.focus();
+    });
+    cancel.addEventListener("click", stop);
+    finish.addEventListener("click", function () {
+      var n = name.value.trim();
+      var problem = state.points.length < 3 ? "A zone needs three corners at least." :
+        !n ? "Name the zone." :
+        Array.from(n).length > 64 ? "A name has 64 characters at most." :
+        drawn.some(function (z) { return z.name === n; }) ? "A zone of that name is drawn already." : "";
+      if (problem) { hint.textContent = problem; return; }
+      var zone = { name: n, polygon: state.points };
+      drawn.push(zone);
+      outline(svg, zone, "zone drawn-zone");
+      name.value = "";
+      stop();
+      showDrawn();
+    });
+    img.addEventListener("click", function (e) {
+      if (!card._drawing) return;
+      e.stopImmediatePropagation();
+      var rect = img.getBoundingClientRect();
+      add(Math.min(W - 1, Math.max(0, Math.floor((e.clientX - rect.left) / rect.width * W))),
+          Math.min(H - 1, Math.max(0, Math.floor((e.clientY - rect.top) / rect.height * H))));
+    }, true);
+    img.addEventListener("keydown", function (e) {
+      if (!card._drawing) return;
+      var moves = { ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, -1], ArrowDown: [0, 1] };
+      if (!moves[e.key] && e.key !== "Enter") return;
+      e.preventDefault();
+      e.stopImmediatePropagation();
+      if (e.key === "Enter") { add(state.cursor[0], state.cursor[1]); return; }
+      var step = e.shiftKey ? 10 : 1;
+      state.cursor = [Math.min(W - 1, Math.max(0, state.cursor[0] + moves[e.key][0] * step)),
+                      Math.min(H - 1, Math.max(0, state.cursor[1] + moves[e.key][1] * step))];
+      redraw();
+    }, true);
+  }
+
+  // A zone's series on the chart instead of the whole picture's, from the select beside it.
+  function zoneActivity(card, zone) {
+    var parts = partsOf(card), w = windowOf(card);
+    return load(parts[0].key + ".zones").then(function (zones) {
+      return zones.zones[zone].seconds.map(function (r) { return [lineSecond(parts[0], r[0]), r[1], r[2]]; })
+        .filter(function (r) { return r[0] >= w.from && r[0] < w.to; });
+    });
+  }
+
+  function setUpZoneChoice(card) {
+    var select = card.querySelector(".chart-zone");
+    if (!select) return;
+    select.addEventListener("change", function () {
+      var rows = select.value === "" ? lineActivity(card) : zoneActivity(card, Number(select.value));
+      rows.then(function (r) {
+        card.querySelector(".chart").textContent = "";
+        drawChart(card, r);
+        card.dataset.chartZone = select.value;
+      }, function () {
+        card.querySelector(".chart").textContent = "This zone's activity is missing from the report folder.";
+      });
+    });
+  }
+
   function setUp() {
     var cards = Array.prototype.slice.call(document.querySelectorAll(".card"));
+    cards.forEach(setUpDrawing);
     cards.forEach(setUpMap);
+    cards.forEach(setUpZoneOutlines);
     var drawWhenSeen = function (card) {
       if (card.dataset.activity !== "1" || card._chartRequested) return;
       card._chartRequested = true;
       lineActivity(card).then(function (rows) { drawChart(card, rows); }, function () {});
+      setUpZoneChoice(card);
     };
     if ("IntersectionObserver" in window) {
       var seen = new IntersectionObserver(function (entries) {

@@ -7,7 +7,10 @@ Makes clips with motion at known seconds, runs the tool with --report, and check
 as a user would meet it: no console errors, a card per input in name order, the times a
 click on a map lists, the video seeking to a chosen time, the activity chart read second by
 second with the keyboard, and a name full of characters that HTML and URLs treat specially.
-It also checks that a run in steady light marks a scene change on the chart and counts it.
+It also checks that a run in steady light marks a scene change on the chart and counts it,
+and that a run with zones lists them on the card with their figures (names shown as text)
+and outlines them on the map, and that a zone drawn on a map, with the mouse and with the
+keys, gives the JSON of that polygon, which the tool takes back as a zone of the same pixels.
 With --screenshot, keeps a screenshot of that chart with the mouse on the mark (PNG's name
 ending in -scene-change.png); with --demo too, a screenshot of the report of that clip, and
 one of its chart read with the keys beside it (PNG's name ending in -chart-keys.png). Exits 0 when every check
@@ -540,6 +543,128 @@ def check_steady_light_marks_scene_changes(tool, work, shot=None):
         driver.quit()
 
 
+
+ZONE_NAMES = ["door <b>&amp; \"q\" 'é' 雪", "till"]
+
+
+def zone_rows(path, name):
+    """The rows of a zones table for the zone `name`, without its name."""
+    rows = []
+    with open(path, encoding="utf-8") as table:
+        next(table)
+        for line in table:
+            quoted = '"' + name.replace('"', '""') + '",'
+            if line.startswith(quoted):
+                rows.append(line[len(quoted):])
+    return rows
+
+
+def draw_zone(driver, card, name, corners=None, keys=None):
+    """Draws a zone on the card's map: clicks at `corners` (picture pixels), or sends `keys`
+    to the map, then names it and adds it. Returns the page's JSON of the zones drawn."""
+    card.find_element(By.CSS_SELECTOR, ".draw-zone").click()
+    if corners:
+        for corner in corners:
+            click_video_pixel(driver, card, corner)
+    if keys:
+        img = card.find_element(By.CSS_SELECTOR, ".map img")
+        check(driver.switch_to.active_element == img, "drawing does not put the focus on the map")
+        actions = ActionChains(driver)
+        for key in keys:
+            if isinstance(key, tuple):
+                actions.key_down(Keys.SHIFT).send_keys(key[1]).key_up(Keys.SHIFT)
+            else:
+                actions.send_keys(key)
+        actions.perform()
+    card.find_element(By.CSS_SELECTOR, ".zone-name-input").send_keys(name)
+    card.find_element(By.CSS_SELECTOR, ".finish-zone").click()
+    return json.loads(driver.find_element(By.ID, "zones-json").get_attribute("value"))
+
+
+def check_zones_listed_outlined_and_drawn(tool, work):
+    clip = os.path.join(work, "zoned.mp4")
+    make_clip(clip)
+    zones = {"zones": [{"name": ZONE_NAMES[0], "polygon": [[0, 0], [60, 0], [60, 50], [0, 50]]},
+                       {"name": ZONE_NAMES[1], "polygon": [[40, 30], [150, 20], [120, 110]]}]}
+    zone_file = os.path.join(work, "zones.json")
+    with open(zone_file, "w", encoding="utf-8") as out:
+        json.dump(zones, out, ensure_ascii=False)
+    report = os.path.join(work, "zones-report")
+    result = run_tool(tool, ["-o", os.path.join(work, "zones-maps"), "--zones", zone_file, "--report", report, clip])
+    check(result.returncode == 0, "the zoned report failed: %s" % result.stderr)
+    manifest = json.load(open(os.path.join(work, "zones-maps", "zoned.json"), encoding="utf-8"))
+    driver = browser()
+    try:
+        open_report(driver, report)
+        card = show_card(driver, "card-1")
+        listed = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-1 .zone-list li'))"
+            ".map(li => [li.querySelector('.zone-name').textContent, li.textContent, li.children.length]);")
+        check([l[0] for l in listed] == ZONE_NAMES, "zones listed: %r" % listed)
+        check(all(l[2] == 1 for l in listed), "a zone's name made markup: %r" % listed)
+        for entry, figures in zip(listed, manifest["zones"]):
+            check("%d events" % figures["events"] in entry[1], "zone figures not listed: %r" % entry[1])
+        check(manifest["zones"][0]["events"] > 0, "the door zone saw no event: %r" % manifest["zones"][0])
+        outlines = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-1 .zones-overlay .zone text')).map(t => t.textContent);")
+        check(outlines == ZONE_NAMES, "zones outlined: %r" % outlines)
+
+        # The chart shows a zone's series when it is chosen beside it, from the keyboard too.
+        whole = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        choice = card.find_element(By.CSS_SELECTOR, ".chart-zone")
+        options = driver.execute_script(
+            "return Array.from(arguments[0].options).map(o => o.textContent);", choice)
+        check(options == ["the whole picture"] + ["zone " + n for n in ZONE_NAMES], "chart choices: %r" % options)
+        driver.execute_script("arguments[0].focus()", choice)
+        ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '0'")
+        door = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        check(door != whole, "choosing a zone left the chart as it was")
+        zone_seconds = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-1 .chart .events rect, #card-1 .chart rect.events'))"
+            ".length;")
+        ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '1'")
+        till = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
+        check(till != door, "the second zone's chart is the first's")
+        ActionChains(driver).send_keys(Keys.ARROW_UP).send_keys(Keys.ARROW_UP).perform()
+        wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === ''")
+        check(driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;") == whole,
+              "the whole picture's chart did not come back (%d zone bars)" % zone_seconds)
+
+        mouse = [[10, 12], [100, 15], [45, 95]]
+        drawn = draw_zone(driver, card, "by mouse", corners=mouse)
+        check(drawn == {"zones": [{"name": "by mouse", "polygon": mouse}]}, "drawn with the mouse: %r" % drawn)
+        # The cursor starts at the middle of the picture (80, 60); Shift moves it by 10.
+        keys = [Keys.ENTER, (True, Keys.ARROW_RIGHT), (True, Keys.ARROW_RIGHT), Keys.ARROW_RIGHT, Keys.ENTER,
+                (True, Keys.ARROW_DOWN), (True, Keys.ARROW_DOWN), Keys.ARROW_LEFT, Keys.ENTER]
+        drawn = draw_zone(driver, card, "by keys", keys=keys)
+        by_keys = [[80, 60], [101, 60], [100, 80]]
+        check(drawn["zones"][1] == {"name": "by keys", "polygon": by_keys}, "drawn with the keys: %r" % drawn)
+        check(len(driver.find_elements(By.CSS_SELECTOR, "#card-1 .drawn-zone")) == 2, "drawn zones not outlined")
+        errors = console_errors(driver)
+        check(not errors, "console errors on the zoned report: %r" % errors)
+    finally:
+        driver.quit()
+
+    # The page's JSON, given back to the tool, counts the same pixels as the polygons typed in.
+    given = os.path.join(work, "drawn.json")
+    with open(given, "w", encoding="utf-8") as out:
+        json.dump(drawn, out)
+    typed = os.path.join(work, "typed.json")
+    with open(typed, "w", encoding="utf-8") as out:
+        json.dump({"zones": [{"name": "by mouse", "polygon": mouse}, {"name": "by keys", "polygon": by_keys}]}, out)
+    for name, path in (("drawn", given), ("typed", typed)):
+        result = run_tool(tool, ["-o", os.path.join(work, name), "--zones", path, clip])
+        check(result.returncode == 0, "the tool refused the %s zones: %s" % (name, result.stderr))
+    for zone in ("by mouse", "by keys"):
+        rows = zone_rows(os.path.join(work, "drawn", "zoned.zones.csv"), zone)
+        check(rows == zone_rows(os.path.join(work, "typed", "zoned.zones.csv"), zone), "zone %s differs" % zone)
+    areas = [z["area_pixels"] for z in json.load(open(os.path.join(work, "drawn", "zoned.json")))["zones"]]
+    typed_areas = [z["area_pixels"] for z in json.load(open(os.path.join(work, "typed", "zoned.json")))["zones"]]
+    check(areas == typed_areas and areas[0] > 1000, "areas of the drawn zones: %r, typed: %r" % (areas, typed_areas))
+    check(zone_rows(os.path.join(work, "drawn", "zoned.zones.csv"), "by mouse"), "the drawn zone saw no motion")
+
 def screenshot(tool, work, demo, out, keys_out):
     report = os.path.join(work, "demo-report")
     result = run_tool(tool, ["-o", os.path.join(work, "demo-maps"), "--report", report, demo])
@@ -590,6 +715,7 @@ def main():
         check_combined_card_lists_the_times_of_every_video_and_plays_each(args.tool, args.work)
         scene_shot = os.path.splitext(args.screenshot)[0] + "-scene-change.png" if args.screenshot else None
         check_steady_light_marks_scene_changes(args.tool, args.work, scene_shot)
+        check_zones_listed_outlined_and_drawn(args.tool, args.work)
         if args.demo and args.screenshot:
             if not os.path.exists(args.demo):
                 make_demo_clip(args.demo)
