@@ -1,12 +1,17 @@
 #include "MpegFrame.h"
 
 #include "FfmpegPtr.h"
+#include "GrayPlanes.h"
 #include "RowPadding.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
 #include <libavutil/pixdesc.h>
 }
+
+#include <cstring>
+#include <new>
+#include <vector>
 
 namespace {
 
@@ -125,62 +130,79 @@ MpegFrame::MpegFrame(AVFrame* frame)
     : m_frame(frame)
 {
     SwsContext* scaler = nullptr;
-    makeGray(&scaler);
+    makeGray(&scaler, nullptr);
     sws_freeContext(scaler);
 }
 
-MpegFrame::MpegFrame(AVFrame* frame, SwsContext** grayScaler)
+MpegFrame::MpegFrame(AVFrame* frame, SwsContext** grayScaler, GrayPlanes& grayPlanes)
     : m_frame(frame)
 {
-    makeGray(grayScaler);
+    makeGray(grayScaler, &grayPlanes);
 }
 
 MpegFrame::~MpegFrame()
 {
+    av_buffer_unref(&m_gray);
     av_frame_free(&m_frame);
 }
 
-void MpegFrame::makeGray(SwsContext** grayScaler)
+// The grey plane holds zeros wherever the picture does not write it, also when it comes from
+// a pool: a picture swscale cannot convert comes out black rather than undefined, and the
+// slack after each row never holds an earlier picture's bytes.
+void MpegFrame::makeGray(SwsContext** grayScaler, GrayPlanes* grayPlanes)
 {
     if (!m_frame || m_frame->width <= 0 || m_frame->height <= 0 || hasGrayFirstPlane(*m_frame))
         return;
     const int width = m_frame->width;
     const int height = m_frame->height;
     m_grayStep = paddedStride(width);
-    // Zero-filled, so a picture swscale cannot convert comes out black rather than undefined.
-    m_gray.assign(static_cast<size_t>(m_grayStep) * static_cast<size_t>(height), 0);
+    const size_t bytes = static_cast<size_t>(m_grayStep) * static_cast<size_t>(height);
+    m_gray = grayPlanes ? grayPlanes->take(bytes) : av_buffer_alloc(bytes);
+    // A picture without memory for its grey copy fails as a failed allocation of the matrix
+    // library's does, which readers of frames catch; the frame is never made, so the picture
+    // is freed here.
+    if (!m_gray) {
+        av_frame_free(&m_frame);
+        throw std::bad_alloc();
+    }
+    uint8_t* const gray = m_gray->data;
 
     const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(m_frame->format));
     if (descriptor && hasReadableLuma(*m_frame, *descriptor)) {
-        copyLuma(*m_frame, *descriptor, m_gray.data(), m_grayStep);
+        // Every pixel of every row is written; only the rows' slack is left.
+        for (int y = 0; y < height; ++y)
+            std::memset(gray + static_cast<ptrdiff_t>(y) * m_grayStep + width, 0,
+                        static_cast<size_t>(m_grayStep - width));
+        copyLuma(*m_frame, *descriptor, gray, m_grayStep);
         return;
     }
+    std::memset(gray, 0, bytes);
     *grayScaler = sws_getCachedContext(*grayScaler, width, height, static_cast<AVPixelFormat>(m_frame->format), width,
                                        height, AV_PIX_FMT_GRAY8, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!*grayScaler)
         return;
-    uint8_t* planes[4] = {m_gray.data(), nullptr, nullptr, nullptr};
+    uint8_t* planes[4] = {gray, nullptr, nullptr, nullptr};
     const int strides[4] = {m_grayStep, 0, 0, 0};
     sws_scale(*grayScaler, m_frame->data, m_frame->linesize, 0, height, planes, strides);
 }
 
 uint8_t* MpegFrame::data()
 {
-    if (!m_gray.empty())
-        return m_gray.data();
+    if (m_gray)
+        return m_gray->data;
     return m_frame ? m_frame->data[0] : nullptr;
 }
 
 const uint8_t* MpegFrame::data() const
 {
-    if (!m_gray.empty())
-        return m_gray.data();
+    if (m_gray)
+        return m_gray->data;
     return m_frame ? m_frame->data[0] : nullptr;
 }
 
 int MpegFrame::step() const
 {
-    if (!m_gray.empty())
+    if (m_gray)
         return m_grayStep;
     return m_frame ? m_frame->linesize[0] : 0;
 }

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+struct AVBufferRef;
 struct AVFrame;
 struct SwsContext;
+class GrayPlanes;
 
 // One decoded picture: its brightness as an 8-bit grey plane, and converted, scaled RGB
 // copies on request.
@@ -17,10 +18,11 @@ public:
     // its first plane is not already 8-bit luma, the grey picture is converted here, once.
     explicit MpegFrame(AVFrame* frame);
 
-    // As above, for MpegReader, which keeps one scaler for a whole file: `*grayScaler` is
-    // reused while it fits the picture and replaced when it does not. The caller frees it
-    // with sws_freeContext.
-    MpegFrame(AVFrame* frame, SwsContext** grayScaler);
+    // As above, for MpegReader, which keeps one scaler and one pool of grey planes for a whole
+    // file: `*grayScaler` is reused while it fits the picture and replaced when it does not
+    // (the caller frees it with sws_freeContext), and the grey picture, where there is one,
+    // lies in a buffer from `grayPlanes`.
+    MpegFrame(AVFrame* frame, SwsContext** grayScaler, GrayPlanes& grayPlanes);
 
     ~MpegFrame();
 
@@ -66,12 +68,12 @@ public:
     bool m_hasPresentationTime = false;
 
 private:
-    void makeGray(SwsContext** grayScaler);
+    void makeGray(SwsContext** grayScaler, GrayPlanes* grayPlanes);
     void convert(int dstFormat, int bytesPerPixel, void* dst, int dstStride, int dstWidth,
                  int dstHeight) const;
 
     AVFrame* m_frame;
-    // Empty while the first plane of m_frame is the grey picture itself.
-    std::vector<uint8_t> m_gray;
+    // Null while the first plane of m_frame is the grey picture itself.
+    AVBufferRef* m_gray = nullptr;
     int m_grayStep = 0;
 };

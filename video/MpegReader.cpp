@@ -1,6 +1,7 @@
 #include "MpegReader.h"
 
 #include "FfmpegPtr.h"
+#include "GrayPlanes.h"
 #include "MpegFrame.h"
 #include "PictureBuffers.h"
 
@@ -29,6 +30,8 @@ struct MpegReaderState {
     int64_t lastDts = AV_NOPTS_VALUE;
     // Converts pictures without an 8-bit luma plane to grey; kept while format and size stay.
     SwsContextPtr grayScaler;
+    // The memory of those grey pictures.
+    GrayPlanes grayPlanes;
     // The input has ended and the decoder is giving what it still holds.
     bool draining = false;
     // No picture will come any more.
@@ -366,7 +369,7 @@ MpegFrame* MpegReader::read(bool clone)
     const int64_t shown = presentationTimestamp(*picture);
 
     SwsContext* scaler = m_state->grayScaler.release();
-    auto* frame = new MpegFrame(picture.release(), &scaler);
+    auto* frame = new MpegFrame(picture.release(), &scaler, m_state->grayPlanes);
     m_state->grayScaler.reset(scaler);
     const AVStream* stream = m_state->formatContext->streams[m_state->streamIndex];
     frame->m_time = secondsOf(completingDts(*m_state, *frame->avFrame()), stream->time_base);

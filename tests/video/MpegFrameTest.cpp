@@ -1,3 +1,4 @@
+#include "GrayPlanes.h"
 #include "MpegFrame.h"
 #include "MpegReader.h"
 #include "TestSupport.h"
@@ -9,6 +10,7 @@ extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/log.h>
 #include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
 }
 
 #include <algorithm>
@@ -123,8 +125,8 @@ FramePtr makePicture(AVPixelFormat format, int width, int height)
 }
 
 // A high-depth picture whose 16-bit luma samples repeat `values` along every row.
-FramePtr makeLumaPicture(AVPixelFormat format, int width, int height, const std::vector<uint16_t>& values,
-                         bool bigEndian)
+AVFrame* allocateLumaPicture(AVPixelFormat format, int width, int height, const std::vector<uint16_t>& values,
+                             bool bigEndian)
 {
     AVFrame* frame = allocatePicture(format, width, height);
     if (!frame)
@@ -136,7 +138,23 @@ FramePtr makeLumaPicture(AVPixelFormat format, int width, int height, const std:
             sample[bigEndian ? 1 : 0] = static_cast<uint8_t>(value & 0xff);
             sample[bigEndian ? 0 : 1] = static_cast<uint8_t>(value >> 8);
         }
-    return std::make_unique<MpegFrame>(frame);
+    return frame;
+}
+
+FramePtr makeLumaPicture(AVPixelFormat format, int width, int height, const std::vector<uint16_t>& values,
+                         bool bigEndian)
+{
+    AVFrame* frame = allocateLumaPicture(format, width, height, values, bigEndian);
+    return frame ? std::make_unique<MpegFrame>(frame) : nullptr;
+}
+
+// Ten-bit samples of the eight-bit values given, the ten-bit video of the same scene.
+std::vector<uint16_t> tenBitSamplesOf(const std::vector<int>& eightBitValues)
+{
+    std::vector<uint16_t> samples;
+    for (int value : eightBitValues)
+        samples.push_back(static_cast<uint16_t>(value << 2));
+    return samples;
 }
 
 // A caller's buffer with guard bytes before and after the rows.
@@ -189,6 +207,8 @@ private slots:
     void gray16ClipGivesEightBitGrey();
     void bottomUpPictureGivesRowsTopDown();
     void unconvertiblePictureIsBlackAndLeavesRgbUntouched();
+    void greyCopyFromUsedPlaneHoldsLumaAndZeroSlack();
+    void unconvertiblePictureFromUsedPlaneIsBlack();
     void nullPictureIsHarmless();
     void constructedFrameOwnsPictureAndHasNoTime();
 
@@ -491,6 +511,58 @@ void MpegFrameTest::unconvertiblePictureIsBlackAndLeavesRgbUntouched()
     GuardedBuffer buffer(16 * 3 * 8);
     picture.rgb24(buffer.data(), 16 * 3, 16, 8);
     QVERIFY(buffer.untouched());
+}
+
+// The reader's grey copies come from a pool: a buffer that held another picture, and bytes
+// a user wrote into it, must leave nothing behind.
+void MpegFrameTest::greyCopyFromUsedPlaneHoldsLumaAndZeroSlack()
+{
+    constexpr int width = 35;
+    constexpr int height = 6;
+    GrayPlanes planes;
+    SwsContext* scaler = nullptr;
+    const uint8_t* used = nullptr;
+    {
+        MpegFrame earlier(allocateLumaPicture(AV_PIX_FMT_YUV420P10LE, width, height, tenBitSamplesOf({50, 60}), false),
+                          &scaler, planes);
+        QVERIFY(earlier.data() != earlier.avFrame()->data[0]);
+        used = earlier.data();
+        std::memset(earlier.data(), 0xAB, static_cast<size_t>(earlier.step()) * height);
+    }
+    const std::vector<int> values = {16, 100, 235};
+    const MpegFrame frame(allocateLumaPicture(AV_PIX_FMT_YUV420P10LE, width, height, tenBitSamplesOf(values), false),
+                          &scaler, planes);
+    sws_freeContext(scaler);
+    QCOMPARE(static_cast<const uint8_t*>(frame.data()), used);
+    QVERIFY(frame.step() > width);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < frame.step(); ++x) {
+            const int expected = x < width ? values[static_cast<size_t>(x) % values.size()] : 0;
+            QCOMPARE(int(frame.data()[y * frame.step() + x]), expected);
+        }
+}
+
+void MpegFrameTest::unconvertiblePictureFromUsedPlaneIsBlack()
+{
+    GrayPlanes planes;
+    SwsContext* scaler = nullptr;
+    const uint8_t* used = nullptr;
+    {
+        MpegFrame earlier(allocateLumaPicture(AV_PIX_FMT_YUV420P10LE, 16, 8, tenBitSamplesOf({200}), false), &scaler,
+                          planes);
+        used = earlier.data();
+        std::memset(earlier.data(), 0xAB, static_cast<size_t>(earlier.step()) * 8);
+    }
+    // A hardware surface handle of the same size: no pixels swscale could read.
+    AVFrame* surface = av_frame_alloc();
+    surface->format = AV_PIX_FMT_VAAPI;
+    surface->width = 16;
+    surface->height = 8;
+    const MpegFrame picture(surface, &scaler, planes);
+    sws_freeContext(scaler);
+    QCOMPARE(static_cast<const uint8_t*>(picture.data()), used);
+    for (int i = 0; i < picture.step() * 8; ++i)
+        QCOMPARE(int(picture.data()[i]), 0);
 }
 
 void MpegFrameTest::nullPictureIsHarmless()
