@@ -42,13 +42,15 @@ struct Options {
     QCommandLineOption slice{"slice", {}, "DURATION"};
     QCommandLineOption steadyLight{"steady-light"};
     QCommandLineOption sceneChange{"scene-change", {}, "F"};
+    QCommandLineOption timelapse{"timelapse", {}, "STEP"};
+    QCommandLineOption timelapseWindow{"timelapse-window", {}, "W"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, scale, combine, legend, slice, steadyLight, sceneChange, help, version});
+                           end, scale, combine, legend, slice, steadyLight, sceneChange, timelapse, timelapseWindow, help, version});
     }
 };
 
@@ -133,6 +135,26 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     return {};
 }
 
+// The film's step and its moving window; the error, empty when they read.
+QString readTimelapse(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    if (parser.isSet(o.timelapse)
+        && !MapToolCommandLine::readDuration(parser.value(o.timelapse), &options.timelapseSeconds))
+        return tr("Bad step '%1' for --timelapse: use whole seconds, at least 1, such as 10s, 1m or 1h.")
+            .arg(parser.value(o.timelapse));
+    if (!parser.isSet(o.timelapseWindow))
+        return {};
+    if (!parser.isSet(o.timelapse))
+        return tr("--timelapse-window needs --timelapse STEP: the window is a number of the film's steps.");
+    if (!MapToolCommandLine::readDuration(parser.value(o.timelapseWindow), &options.timelapseWindowSeconds))
+        return tr("Bad window '%1' for --timelapse-window: use whole seconds, at least 1, such as 10m or 1h.")
+            .arg(parser.value(o.timelapseWindow));
+    if (std::fmod(options.timelapseWindowSeconds, options.timelapseSeconds) != 0.0)
+        return tr("--timelapse-window %1 is not a multiple of --timelapse %2.")
+            .arg(parser.value(o.timelapseWindow), parser.value(o.timelapse));
+    return {};
+}
+
 // A path as two spellings of one folder share it: absolute, clean, links resolved as far as
 // the folders exist.
 QString folderIdentity(const QString& path)
@@ -161,15 +183,16 @@ QString checkReportBesideMaps(const MapToolOptions& options)
 }
 
 // A manifest holds a video's counts as a whole, not when they happened, so it cannot be cut
-// into slices.
-QString checkSlicedInputs(const MapToolOptions& options)
+// into slices nor filmed.
+QString checkTimedInputs(const MapToolOptions& options)
 {
-    if (options.sliceSeconds <= 0.0)
+    const char* const option = options.sliceSeconds > 0.0 ? "--slice" : options.timelapseSeconds > 0.0 ? "--timelapse" : nullptr;
+    if (!option)
         return {};
     for (const QString& input : options.videos) {
         if (Manifest::namesManifest(input))
-            return tr("--slice needs the videos: '%1' is a manifest, whose counts do not say when they happened.")
-                .arg(input);
+            return tr("%1 needs the videos: '%2' is a manifest, whose counts do not say when they happened.")
+                .arg(QLatin1String(option), input);
     }
     return {};
 }
@@ -226,10 +249,13 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     const QString sliceError = readSlice(parser, o, options);
     if (!sliceError.isEmpty())
         return usageError(sliceError);
+    const QString timelapseError = readTimelapse(parser, o, options);
+    if (!timelapseError.isEmpty())
+        return usageError(timelapseError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
-    const QString slicedError = checkSlicedInputs(options);
+    const QString slicedError = checkTimedInputs(options);
     if (!slicedError.isEmpty())
         return usageError(slicedError);
     return result;

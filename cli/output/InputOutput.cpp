@@ -85,6 +85,10 @@ void InputOutput::pairCounted(const MotionPassHooks::PairRecord&)
 {
 }
 
+void InputOutput::stepEnded(int, double, const cv::Mat&)
+{
+}
+
 bool InputOutput::recordsEveryOutcome() const
 {
     return false;

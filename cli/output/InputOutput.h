@@ -11,6 +11,7 @@
 
 #include <opencv2/core/mat.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -43,6 +44,7 @@ struct FinishedInput {
     std::vector<Manifest::WrittenFile> written; // the files of this input in place, in order
     std::int64_t pairsWithMotion = 0;
     QJsonObject manifest;          // the manifest, once made
+    const std::atomic<int>* cancel = nullptr; // non-zero: the run was interrupted; null: never
 
 private:
     QImage m_map;
@@ -70,6 +72,8 @@ public:
 
     // Each frame pair as the pass counts it, in their order.
     virtual void pairCounted(const MotionPassHooks::PairRecord& record);
+    // Each step of the time line as the pass hands it over (MotionPassHooks::stepEnded).
+    virtual void stepEnded(int step, double lastPairTime, const cv::Mat& exactCounts);
 
     // Whether it is written however the input ended (failed, canceled): a record of how it
     // ended is. Others are written only while everything has gone well.

@@ -4,6 +4,7 @@
 #include "BackgroundOutput.h"
 #include "CountsOutput.h"
 #include "EventsOutput.h"
+#include "FilmOutput.h"
 #include "LegendOutput.h"
 #include "ManifestOutput.h"
 #include "MapOutput.h"
@@ -20,6 +21,7 @@ constexpr Maker kOutputs[] = {
     &EventsOutput::make,
     &BackgroundOutput::make,
     &ActivityOutput::make,
+    &FilmOutput::make,
     &ManifestOutput::make,
 };
 
@@ -55,6 +57,8 @@ InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& 
     InputOutputList outputs;
     if (options.data)
         outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true, options.steadyLight));
+    if (!input.filmStepsPath.isEmpty())
+        outputs.push_back(std::make_unique<FilmStepsOutput>(input.filmStepsPath, true));
     return outputs;
 }
 

@@ -51,6 +51,8 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
         input.activityPath = pathOf(OutputPlan::activityFileName(video));
         input.manifestPath = pathOf(OutputPlan::manifestFileName(video));
     }
+    if (options.timelapseSeconds > 0.0)
+        input.filmPath = pathOf(OutputPlan::filmFileName(video));
     return input;
 }
 
@@ -129,7 +131,7 @@ QString sliceClashOf(const PlannedInput& input, const MapToolOptions& options)
 QStringList PlannedInput::outputs() const
 {
     QStringList paths;
-    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, manifestPath}) {
+    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, filmPath, manifestPath}) {
         if (!path.isEmpty())
             paths << path;
     }
@@ -185,6 +187,11 @@ QString activityFileName(const QString& video)
 QString manifestFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".json");
+}
+
+QString filmFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".timelapse.mp4");
 }
 
 QString outputFolder(const QString& video, const QString& outputDir)

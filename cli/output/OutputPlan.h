@@ -25,6 +25,10 @@ struct PlannedInput {
     QString backgroundPath;  // empty unless --background or --data
     QString eventsPath;      // the next three empty unless --data
     QString activityPath;
+    QString filmPath;        // empty unless --timelapse
+    // With --timelapse and --combine: where the pass keeps its film's steps (FilmSteps), a
+    // temporary file of the run's own.
+    QString filmStepsPath;
     QString manifestPath;
     // The manifest at manifestPath records an analysis that was canceled and names no file:
     // the run writes its manifest over it even without --overwrite.
@@ -32,7 +36,7 @@ struct PlannedInput {
     QString error;           // non-empty: this input is not analysed; the text says why
 
     // The files of this input in the order they are written: map, legend, counts, events,
-    // background, activity, manifest (last, so that a manifest names only complete files).
+    // background, activity, film, manifest (last, so that a manifest names only complete files).
     QStringList outputs() const;
 };
 
@@ -61,6 +65,9 @@ QString backgroundFileName(const QString& video);
 QString eventsFileName(const QString& video);
 QString activityFileName(const QString& video);
 QString manifestFileName(const QString& video);
+
+// The time-lapse film beside the map (--timelapse): "clip.timelapse.mp4".
+QString filmFileName(const QString& video);
 
 // The folder of `video`'s outputs: `outputDir` when given, else the video's own folder.
 QString outputFolder(const QString& video, const QString& outputDir);
