@@ -613,6 +613,8 @@ private:
         const QString legend = QStringLiteral("maps/%1.legend.png").arg(job.key);
         if (!mapFile.isEmpty() && QFileInfo::exists(staging + QLatin1Char('/') + legend))
             card.legendFile = legend;
+        if (!mapFile.isEmpty() && job.reported == FileState::Done)
+            ReportStaging::copyFilm(staging, job.key, job.input.filmPath, &card.filmFile);
         return withData(card);
     }
 
