@@ -58,7 +58,7 @@ bool setUpEncoder(MpegWriterState& state, int bitRate, double fps, const MpegWri
         return false;
     const AVRational timeBase = av_d2q(1.0 / fps, kMaxTimeBaseTerm);
     state.stream->time_base = timeBase;
-    context->codec_id = state.outputFormat->video_codec;
+    context->codec_id = state.codec->id;
     context->bit_rate = bitRate;
     context->width = state.width;
     context->height = state.height;
