@@ -347,7 +347,7 @@ bool readDuration(const QString& text, double* seconds)
     const double factor = unit == QLatin1String("h") ? 3600.0 : unit == QLatin1String("m") ? 60.0 : 1.0;
     const double value = match.captured(1).toDouble() * factor;
     // Slices are named to the second, so a slice shorter than one, or ending within one,
-    // would share its name with another.
+    // would share its name with another; a film's steps follow the same rule.
     if (!std::isfinite(value) || value < 1.0 || value != std::floor(value))
         return false;
     *seconds = value;
@@ -432,6 +432,20 @@ Options:
                         With --legend, each slice gets its legend; with
                         --data, its exact counts (….slice-….events.png);
                         with --report, its card. Not with manifests.
+      --timelapse STEP  Also write NAME.timelapse.mp4: the map as a film
+                        (H.264 in MP4, 25 pictures a second), one picture per
+                        STEP of the video (10s, 1m, 1h; whole seconds), each
+                        showing the events that began before its time, drawn
+                        as the map draws them (on --scale), with the time it
+                        reaches and the file's name below. The last picture
+                        is the whole map. With --combine, one film along the
+                        combined time line, as --slice places the inputs;
+                        with --report, each card plays its film. Not with
+                        manifests.
+      --timelapse-window W
+                        Each picture of the film shows only the events of the
+                        last W (a multiple of STEP), so that a pattern that
+                        moves is seen moving.
       --steady-light    A change of light is not motion: in each frame pair
                         the lower median of the differences between the two
                         frames (over the analysed pixels) is taken out before
