@@ -70,6 +70,8 @@ bool setUpEncoder(MpegWriterState& state, int bitRate, double fps, const MpegWri
     if (options.constantRateFactor >= 0
         && av_opt_set_int(context->priv_data, "crf", options.constantRateFactor, 0) < 0)
         return false;
+    if (options.preset && av_opt_set(context->priv_data, "preset", options.preset, 0) < 0)
+        return false;
     if (avcodec_open2(context, state.codec, nullptr) < 0)
         return false;
     // The stream's parameters are taken after opening so that the extradata of a global

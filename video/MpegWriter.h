@@ -16,6 +16,8 @@ struct MpegWriterOptions {
     // The encoder's constant rate factor (libx264's "crf"), the bit rate then being ignored;
     // below 0: none.
     int constantRateFactor = -1;
+    // The encoder's speed preset (libx264's "preset": "veryfast", "medium"); null: its default.
+    const char* preset = nullptr;
     // MP4 and its kin: the index goes before the pictures, so that a browser starts playing
     // before it has read the whole file.
     bool indexFirst = false;

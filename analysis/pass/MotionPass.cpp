@@ -165,20 +165,20 @@ public:
                 && onLine(time) / m_seconds < static_cast<double>(std::numeric_limits<int>::max()));
     }
 
-    // Before the pair at `time` is counted into `counts`: when it belongs to a later stretch,
-    // `ended(stretch, lastPairTime, stretchCounts)` for the one being counted.
-    template <typename Ended>
-    void enter(double time, const cv::Mat& counts, Ended ended)
+    // Whether the pair at `time` belongs to a later stretch than the one being counted, which
+    // is then to be handed over (end()) before the pair is counted.
+    bool endsBefore(double time) const { return on() && m_current >= 0 && stretchOf(time) > m_current; }
+
+    // The pair at `time` is about to be counted.
+    void enter(double time)
     {
         if (!on())
             return;
-        const int stretch = static_cast<int>(std::max(std::floor(onLine(time) / m_seconds), 0.0));
-        if (m_current >= 0 && stretch > m_current)
-            end(counts, ended);
-        m_current = std::max(stretch, m_current);
+        m_current = std::max(stretchOf(time), m_current);
         m_lastPairTime = onLine(time);
     }
 
+    // Hands the stretch being counted to `ended(stretch, lastPairTime, stretchCounts)`, if any.
     // The counts only ever grow, so a stretch's own events are what they grew by since its
     // start; a count saturated at 16 bits undercounts there, as the whole video's does.
     template <typename Ended>
@@ -192,6 +192,8 @@ public:
     }
 
 private:
+    int stretchOf(double time) const { return static_cast<int>(std::max(std::floor(onLine(time) / m_seconds), 0.0)); }
+
     const double m_seconds;
     const double m_offset;
     int m_current = -1;
@@ -257,8 +259,14 @@ public:
             if (!endOfVideo) {
                 if (!placeable(time))
                     return;
-                m_slices.enter(time, m_counter.exactCounts(), sliceEnded());
-                m_steps.enter(time, m_counter.exactCounts(), stepEnded());
+                // The exact counts are read only when a stretch ends: reading them folds the
+                // wrapping count into them, which every pair would pay for.
+                if (m_slices.endsBefore(time))
+                    m_slices.end(m_counter.exactCounts(), sliceEnded());
+                if (m_steps.endsBefore(time))
+                    m_steps.end(m_counter.exactCounts(), stepEnded());
+                m_slices.enter(time);
+                m_steps.enter(time);
                 analysePair(std::move(current), pairIndex, time);
                 ++pairIndex;
             } else {

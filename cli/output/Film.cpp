@@ -30,9 +30,11 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
-// x264's default quality: a map's luma comes back within about 45 dB, at a size a reader
-// keeps beside the map.
+// x264's default quality: a map's luma comes back well above 35 dB, at a size a reader keeps
+// beside the map. The fast preset encodes a 1080p picture several times quicker than the
+// default at about the same size, which keeps the film a small part of a run's time.
 constexpr int kConstantRateFactor = 23;
+const char* const kPreset = "veryfast";
 
 // The steps of every pass in step order, read side by side.
 class StepStreams {
@@ -148,6 +150,7 @@ private:
         options.container = "mp4";
         options.encoder = "libx264";
         options.constantRateFactor = kConstantRateFactor;
+        options.preset = kPreset;
         options.indexFirst = true;
         options.describe = false;
         const QMutexLocker lock(&ffmpegMutex);

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -322,18 +323,20 @@ QImage renderCaption(const QImage& map, const QString& name, const QString& time
     const int text = textPixels(map.width());
     const int titleLine = QFontMetrics(fontOf(text + text / 4, true)).height();
     const int line = QFontMetrics(fontOf(text)).height();
-    const int strip = text / 2 + titleLine + line + text / 2;
     // 4:2:0 video halves both sides for its colour.
     const int width = map.width() + map.width() % 2;
+    const int strip = text / 2 + titleLine + line + text / 2;
     const int height = map.height() + strip + (map.height() + strip) % 2;
-    QImage picture(width, height, QImage::Format_RGB888);
-    picture.fill(kPaper);
-    QPainter painter(&picture);
+
+    // A film has a picture for every step, so the strip is painted on its own, in the format
+    // the painter draws fastest, and the map's rows are copied as they are.
+    QImage below(width, height - map.height(), QImage::Format_RGB32);
+    below.fill(kPaper);
+    QPainter painter(&below);
     painter.setRenderHint(QPainter::TextAntialiasing);
-    painter.drawImage(0, 0, map);
     const int left = std::min(text, width / 8);
     const int textWidth = std::max(1, width - 2 * left);
-    int y = map.height() + text / 2;
+    int y = text / 2;
     painter.setPen(kInk);
     painter.setFont(fontOf(text + text / 4, true));
     painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
@@ -344,6 +347,19 @@ QImage renderCaption(const QImage& map, const QString& name, const QString& time
     painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
                      painter.fontMetrics().elidedText(name, Qt::ElideMiddle, textWidth));
     painter.end();
+
+    QImage picture(width, height, QImage::Format_RGB888);
+    const QImage rows = map.convertToFormat(QImage::Format_RGB888);
+    const QImage strip888 = below.convertToFormat(QImage::Format_RGB888);
+    const auto mapBytes = static_cast<size_t>(rows.width()) * 3;
+    const auto rowBytes = static_cast<size_t>(width) * 3;
+    for (int row = 0; row < rows.height(); ++row) {
+        std::memcpy(picture.scanLine(row), rows.constScanLine(row), mapBytes);
+        // The paper's colour beside a map of odd width.
+        std::memcpy(picture.scanLine(row) + mapBytes, strip888.constScanLine(0) + mapBytes, rowBytes - mapBytes);
+    }
+    for (int row = 0; row < strip888.height(); ++row)
+        std::memcpy(picture.scanLine(rows.height() + row), strip888.constScanLine(row), rowBytes);
     return picture;
 }
 

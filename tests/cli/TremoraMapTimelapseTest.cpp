@@ -19,6 +19,7 @@ extern "C" {
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <csignal>
@@ -29,7 +30,9 @@ constexpr int kFps = 25;
 const cv::Size kSize(160, 96);
 // Frames of the clip whose square crosses the picture from left to right: 10 s.
 constexpr int kCrossingFrames = 250;
-// The bound for every picture's map part against an independent render.
+// Frames of the clip that makes a film long enough to measure its memory, and to interrupt.
+constexpr int kLongFrames = 2000;
+// The bound for every picture's map part against an independent render.
 constexpr double kMinimumPsnr = 35.0;
 
 // The square's top-left corner in frame `i` of a clip of `frames` frames: from the left edge
@@ -374,6 +377,20 @@ private slots:
         QVERIFY(mapPsnr(film.pictures.back(), QImage(out("crossing.png"))) >= kMinimumPsnr);
     }
 
+    void theManifestNamesTheFilmAsATimelapse()
+    {
+        QCOMPARE(tool({"--timelapse", "5s", "--data", clip("crossing.mkv")}).exitCode, 0);
+        QCOMPARE(ToolRunning::schemaComplaint(TREMORA_MANIFEST_SCHEMA, out("crossing.json")), QString());
+        const QByteArray manifest = ToolRunning::readAll(out("crossing.json"));
+        QVERIFY(manifest.contains("\"timelapse\""));
+        QVERIFY(manifest.contains("crossing.timelapse.mp4"));
+        QVERIFY(renew());
+        QCOMPARE(tool({"--timelapse", "5s", "--data", "--combine", "both", clip("crossing.mkv"), clip("back.mkv")}).exitCode,
+                 0);
+        QCOMPARE(ToolRunning::schemaComplaint(TREMORA_COMBINED_SCHEMA, out("both.json")), QString());
+        QVERIFY(ToolRunning::readAll(out("both.json")).contains("both.timelapse.mp4"));
+    }
+
     void badStepsAndWindowsAreUsageErrorsBeforeAnythingRuns_data()
     {
         QTest::addColumn<QStringList>("arguments");
@@ -427,16 +444,38 @@ private slots:
         QCOMPARE(mp4Entries(outPath()), QStringList{"crossing.timelapse.mp4"});
     }
 
+    void theFilmsMemoryDoesNotGrowWithItsLength()
+    {
+        const QString longClip = clip("long.mkv");
+        const QString shortClip = clip("short.mkv");
+        QVERIFY(QFileInfo::exists(longClip) || ToolRunning::makeClip(longClip, kLongFrames, QStringLiteral("480x270")));
+        QVERIFY(QFileInfo::exists(shortClip) || ToolRunning::makeClip(shortClip, 150, QStringLiteral("480x270")));
+        // What the film adds to a run: the same for 80 pictures as for 6.
+        const auto extraKb = [this](const QString& video) {
+            long plain = -1;
+            long filmed = -1;
+            ToolRunning::run({"--quiet", "--output-dir", out("plain"), video}, 120000, &plain);
+            ToolRunning::run({"--quiet", "--output-dir", out("filmed"), "--timelapse", "1s", video}, 120000, &filmed);
+            return plain > 0 && filmed > 0 ? std::optional<long>(filmed - plain) : std::nullopt;
+        };
+        const std::optional<long> shortExtra = extraKb(shortClip);
+        const std::optional<long> longExtra = extraKb(longClip);
+        QCOMPARE(static_cast<int>(decode(out("filmed/long.timelapse.mp4")).pictures.size()), kLongFrames / kFps);
+        QVERIFY(shortExtra && longExtra);
+        // Holding the pictures, or their counts, would take 36 MB (or 20 MB) more for the long one.
+        QVERIFY2(*longExtra - *shortExtra < 8 * 1024,
+                 qPrintable(QStringLiteral("%1 KB against %2 KB").arg(*longExtra).arg(*shortExtra)));
+    }
+
     void anInterruptedRunLeavesNoFilm()
     {
         const QString longClip = clip("long.mkv");
-        if (!QFileInfo::exists(longClip))
-            QVERIFY(ToolRunning::makeClip(longClip, 3000, QStringLiteral("640x360")));
+        QVERIFY(QFileInfo::exists(longClip) || ToolRunning::makeClip(longClip, kLongFrames, QStringLiteral("480x270")));
         QProcess process;
         process.start(TREMORA_MAP_EXECUTABLE,
                       {"--quiet", "--output-dir", outPath(), "--timelapse", "1s", longClip});
         QVERIFY(process.waitForStarted());
-        QThread::msleep(1500);
+        QThread::msleep(1000);
         QVERIFY2(process.state() == QProcess::Running, "the run ended before it could be interrupted");
         ::kill(static_cast<pid_t>(process.processId()), SIGINT);
         QVERIFY(process.waitForFinished(60000));
