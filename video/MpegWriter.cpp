@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
 }
 
 // Written against FFmpeg 5.1. Where older generations differ, this code does the following:
@@ -26,6 +27,8 @@ struct MpegWriterState {
     int height = 0;
     CodecContextPtr codecContext;
     PacketPtr packet;
+    SwsContextPtr rgbScaler;
+    FramePtr rgbPicture;
     bool headerWritten = false;
     bool drained = false;
 };
@@ -36,10 +39,10 @@ constexpr int kGopSize = 25;
 constexpr int kMaxTimeBaseTerm = 65535;
 const char* const kFallbackFormat = "mpeg";
 
-OutputContextPtr allocateOutputContext(const char* path)
+OutputContextPtr allocateOutputContext(const char* path, const char* container)
 {
     AVFormatContext* context = nullptr;
-    if (avformat_alloc_output_context2(&context, nullptr, nullptr, path) < 0 || !context) {
+    if (avformat_alloc_output_context2(&context, nullptr, container, path) < 0 || !context) {
         // No muxer claims the extension (or there is none): fall back to MPEG program stream.
         context = nullptr;
         avformat_alloc_output_context2(&context, nullptr, kFallbackFormat, path);
@@ -47,7 +50,7 @@ OutputContextPtr allocateOutputContext(const char* path)
     return OutputContextPtr(context);
 }
 
-bool setUpEncoder(MpegWriterState& state, int bitRate, double fps)
+bool setUpEncoder(MpegWriterState& state, int bitRate, double fps, const MpegWriterOptions& options)
 {
     state.codecContext.reset(avcodec_alloc_context3(state.codec));
     AVCodecContext* context = state.codecContext.get();
@@ -55,7 +58,7 @@ bool setUpEncoder(MpegWriterState& state, int bitRate, double fps)
         return false;
     const AVRational timeBase = av_d2q(1.0 / fps, kMaxTimeBaseTerm);
     state.stream->time_base = timeBase;
-    context->codec_id = state.outputFormat->video_codec;
+    context->codec_id = state.codec->id;
     context->bit_rate = bitRate;
     context->width = state.width;
     context->height = state.height;
@@ -64,6 +67,11 @@ bool setUpEncoder(MpegWriterState& state, int bitRate, double fps)
     context->pix_fmt = AV_PIX_FMT_YUV420P;
     if (state.outputFormat->flags & AVFMT_GLOBALHEADER)
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    if (options.constantRateFactor >= 0
+        && av_opt_set_int(context->priv_data, "crf", options.constantRateFactor, 0) < 0)
+        return false;
+    if (options.preset && av_opt_set(context->priv_data, "preset", options.preset, 0) < 0)
+        return false;
     if (avcodec_open2(context, state.codec, nullptr) < 0)
         return false;
     // The stream's parameters are taken after opening so that the extradata of a global
@@ -71,14 +79,38 @@ bool setUpEncoder(MpegWriterState& state, int bitRate, double fps)
     return avcodec_parameters_from_context(state.stream->codecpar, context) >= 0;
 }
 
-bool openOutputFile(MpegWriterState& state, const char* path)
+bool openOutputFile(MpegWriterState& state, const char* path, const MpegWriterOptions& options)
 {
     AVFormatContext* context = state.formatContext.get();
-    av_dump_format(context, 0, path, 1);
+    if (options.describe)
+        av_dump_format(context, 0, path, 1);
     if (!(state.outputFormat->flags & AVFMT_NOFILE) && avio_open(&context->pb, path, AVIO_FLAG_WRITE) < 0)
         return false;
-    state.headerWritten = avformat_write_header(context, nullptr) >= 0;
+    AVDictionary* muxerOptions = nullptr;
+    if (options.indexFirst)
+        av_dict_set(&muxerOptions, "movflags", "+faststart", 0);
+    state.headerWritten = avformat_write_header(context, &muxerOptions) >= 0;
+    av_dict_free(&muxerOptions);
     return state.headerWritten;
+}
+
+// The writer's own YUV420P picture at the encoder's size, allocated once.
+AVFrame* rgbTarget(MpegWriterState& state)
+{
+    if (!state.rgbPicture) {
+        state.rgbPicture.reset(av_frame_alloc());
+        if (!state.rgbPicture)
+            return nullptr;
+        state.rgbPicture->format = AV_PIX_FMT_YUV420P;
+        state.rgbPicture->width = state.width;
+        state.rgbPicture->height = state.height;
+        if (av_frame_get_buffer(state.rgbPicture.get(), 0) < 0) {
+            state.rgbPicture.reset();
+            return nullptr;
+        }
+    }
+    // The encoder may still hold a reference to the last picture it was given.
+    return av_frame_make_writable(state.rgbPicture.get()) >= 0 ? state.rgbPicture.get() : nullptr;
 }
 
 // The encoder reads the picture's planes as if they had the size it was opened with, so a
@@ -135,6 +167,16 @@ PacketsWritten writeReadyPackets(MpegWriterState& state)
     }
 }
 
+// Sends one picture to the encoder and writes what comes back: true when at least one packet
+// came back and every one was written.
+bool encode(MpegWriterState& state, const AVFrame* picture)
+{
+    if (avcodec_send_frame(state.codecContext.get(), picture) < 0)
+        return false;
+    const PacketsWritten packets = writeReadyPackets(state);
+    return packets.any && packets.all;
+}
+
 } // namespace
 
 MpegWriter::MpegWriter() = default;
@@ -146,6 +188,12 @@ MpegWriter::~MpegWriter()
 
 bool MpegWriter::open(const char* path, int bitRate, int width, int height, double fps)
 {
+    return open(path, bitRate, width, height, fps, MpegWriterOptions());
+}
+
+bool MpegWriter::open(const char* path, int bitRate, int width, int height, double fps,
+                      const MpegWriterOptions& options)
+{
     close();
     if (!path)
         return false;
@@ -154,12 +202,13 @@ bool MpegWriter::open(const char* path, int bitRate, int width, int height, doub
     state.width = width;
     state.height = height;
 
-    state.formatContext = allocateOutputContext(path);
+    state.formatContext = allocateOutputContext(path, options.container);
     if (!state.formatContext)
         return false;
     state.outputFormat = state.formatContext->oformat;
 
-    state.codec = avcodec_find_encoder(state.outputFormat->video_codec);
+    state.codec = options.encoder ? avcodec_find_encoder_by_name(options.encoder)
+                                  : avcodec_find_encoder(state.outputFormat->video_codec);
     if (!state.codec)
         return false;
     state.stream = avformat_new_stream(state.formatContext.get(), state.codec);
@@ -167,12 +216,12 @@ bool MpegWriter::open(const char* path, int bitRate, int width, int height, doub
         return false;
     state.stream->id = static_cast<int>(state.formatContext->nb_streams) - 1;
 
-    if (!setUpEncoder(state, bitRate, fps))
+    if (!setUpEncoder(state, bitRate, fps, options))
         return false;
     state.packet.reset(av_packet_alloc());
     if (!state.packet)
         return false;
-    return openOutputFile(state, path);
+    return openOutputFile(state, path, options);
 }
 
 bool MpegWriter::write(MpegFrame* frame)
@@ -180,10 +229,28 @@ bool MpegWriter::write(MpegFrame* frame)
     if (!isOpen() || m_state->drained || !frame || !fitsEncoder(*m_state, frame->avFrame()))
         return false;
     MpegWriterState& state = *m_state;
-    if (avcodec_send_frame(state.codecContext.get(), frame->avFrame()) < 0)
+    return encode(state, frame->avFrame());
+}
+
+bool MpegWriter::writeRgb24(const std::uint8_t* rgb, int stride, std::int64_t pts)
+{
+    if (!isOpen() || m_state->drained || !rgb)
         return false;
-    const PacketsWritten packets = writeReadyPackets(state);
-    return packets.any && packets.all;
+    MpegWriterState& state = *m_state;
+    AVFrame* picture = rgbTarget(state);
+    if (!picture)
+        return false;
+    state.rgbScaler.reset(sws_getCachedContext(state.rgbScaler.release(), state.width, state.height, AV_PIX_FMT_RGB24,
+                                               state.width, state.height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
+                                               nullptr, nullptr));
+    if (!state.rgbScaler)
+        return false;
+    const std::uint8_t* const planes[] = {rgb};
+    const int strides[] = {stride};
+    if (sws_scale(state.rgbScaler.get(), planes, strides, 0, state.height, picture->data, picture->linesize) <= 0)
+        return false;
+    picture->pts = pts;
+    return encode(state, picture);
 }
 
 bool MpegWriter::drain()

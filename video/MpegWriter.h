@@ -1,9 +1,29 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 class MpegFrame;
 struct MpegWriterState;
+
+// What open() may set beyond the picture's size, rate and bit rate. The defaults are the
+// short open()'s choices.
+struct MpegWriterOptions {
+    // FFmpeg's short name of the container ("mp4"); null: chosen from the file name.
+    const char* container = nullptr;
+    // The encoder's name ("libx264"); null: the container's default video codec.
+    const char* encoder = nullptr;
+    // The encoder's constant rate factor (libx264's "crf"), the bit rate then being ignored;
+    // below 0: none.
+    int constantRateFactor = -1;
+    // The encoder's speed preset (libx264's "preset": "veryfast", "medium"); null: its default.
+    const char* preset = nullptr;
+    // MP4 and its kin: the index goes before the pictures, so that a browser starts playing
+    // before it has read the whole file.
+    bool indexFirst = false;
+    // Prints the container's description to FFmpeg's log when the file is opened.
+    bool describe = true;
+};
 
 // Encodes pictures into a new video file. The container is chosen from the file name's
 // extension (MPEG program stream when the extension names no known container), the codec is
@@ -31,6 +51,8 @@ public:
     // base becomes 1/fps as a fraction whose terms do not exceed 65535. False on any failure;
     // FFmpeg's log tells why. After a failure the writer is half-open until close().
     bool open(const char* path, int bitRate, int width, int height, double fps);
+    // The same with `options` (see MpegWriterOptions).
+    bool open(const char* path, int bitRate, int width, int height, double fps, const MpegWriterOptions& options);
 
     // Sends one picture to the encoder and writes every packet the encoder hands back (none,
     // one or several). True when at least one packet came back and every one of them was
@@ -40,6 +62,12 @@ public:
     // size given to open() (it is refused, not converted) and when no file is open. The frame
     // stays the caller's.
     bool write(MpegFrame* frame);
+
+    // Converts a picture of packed 8-bit R,G,B (`stride` bytes a row, the size given to
+    // open()) to YUV420P with swscale's BT.601 limited-range matrix, gives it `pts`, and
+    // writes it as write() does, answering as write() does. The writer keeps its scaler and
+    // picture from one call to the next.
+    bool writeRgb24(const std::uint8_t* rgb, int stride, std::int64_t pts);
 
     // Tells the encoder that no picture follows and writes every packet it still holds (the
     // pictures a look-ahead or reordering kept back), so that a caller who must not lose

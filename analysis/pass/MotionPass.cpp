@@ -140,6 +140,70 @@ MotionCounter::Detail counterDetail(const MotionPassSettings& settings, cv::Size
     return detail;
 }
 
+// Stretches of the time line, each `seconds` long (none when 0), numbered from 0 at the line's
+// start: the video's own, shifted by `offset`. As the pairs reach a later stretch, the one
+// being counted is handed over with the events that began in its pairs; at the end of the
+// video, the last. A pair whose time lies before its stretch's start (timestamps going back)
+// stays in the stretch being counted, so that every stretch is handed over once.
+class TimeStretches {
+public:
+    TimeStretches(double seconds, double offset, cv::Size size)
+        : m_seconds(std::max(seconds, 0.0))
+        , m_offset(offset)
+    {
+        if (on())
+            m_startCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
+    }
+
+    bool on() const { return m_seconds > 0.0; }
+    double seconds() const { return m_seconds; }
+    double onLine(double time) const { return time + m_offset; }
+
+    // Whether the stretch of a pair at `time` can be numbered in an int (always, when off).
+    bool numbers(double time) const
+    {
+        return !on()
+            || (std::abs(onLine(time)) < MotionPass::kLatestTime
+                && onLine(time) / m_seconds < static_cast<double>(std::numeric_limits<int>::max()));
+    }
+
+    // Whether the pair at `time` belongs to a later stretch than the one being counted, which
+    // is then to be handed over (end()) before the pair is counted.
+    bool endsBefore(double time) const { return on() && m_current >= 0 && stretchOf(time) > m_current; }
+
+    // The pair at `time` is about to be counted.
+    void enter(double time)
+    {
+        if (!on())
+            return;
+        m_current = std::max(stretchOf(time), m_current);
+        m_lastPairTime = onLine(time);
+    }
+
+    // Hands the stretch being counted to `ended(stretch, lastPairTime, stretchCounts)`, if any.
+    // The counts only ever grow, so a stretch's own events are what they grew by since its
+    // start; a count saturated at 16 bits undercounts there, as the whole video's does.
+    template <typename Ended>
+    void end(const cv::Mat& counts, Ended ended)
+    {
+        if (m_current < 0 || counts.empty())
+            return;
+        cv::subtract(counts, m_startCounts, m_counts, cv::noArray(), CV_16UC1);
+        ended(m_current, m_lastPairTime, m_counts);
+        counts.copyTo(m_startCounts);
+    }
+
+private:
+    int stretchOf(double time) const { return static_cast<int>(std::max(std::floor(onLine(time) / m_seconds), 0.0)); }
+
+    const double m_seconds;
+    const double m_offset;
+    int m_current = -1;
+    double m_lastPairTime = 0.0;
+    cv::Mat m_startCounts;
+    cv::Mat m_counts;
+};
+
 // The loop over the frame pairs, from the first frame to the end of the video or a cancel.
 class PairLoop {
 public:
@@ -161,16 +225,31 @@ public:
         , m_counter(size, settings.blur, MotionCounter::stripesFor(size, decoderThreads), counterDetail(settings, size))
         , m_eventTimes(settings.detailed && settings.eventCellSize > 0 ? CellEventTimes(size, settings.eventCellSize)
                                                                         : CellEventTimes())
-        , m_sliceSeconds(settings.detailed && settings.sliceSeconds > 0.0 ? settings.sliceSeconds : 0.0)
-        , m_sliceOffset(settings.sliceOffset)
+        , m_slices(settings.detailed ? settings.sliceSeconds : 0.0, settings.sliceOffset, size)
+        , m_steps(keepsExactCounts(settings) ? settings.stepSeconds : 0.0, settings.sliceOffset, size)
         , m_motionCount(motionCount)
         , m_background(background)
         , m_hooks(hooks)
     {
-        if (m_sliceSeconds > 0.0)
-            m_sliceStartCounts = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     }
 
+private:
+    // What a slice and a step do as they end: go to the hooks.
+    auto sliceEnded()
+    {
+        return [this](int slice, double, const cv::Mat& counts) {
+            m_hooks.sliceEnded(slice, slice * m_slices.seconds(), counts);
+        };
+    }
+
+    auto stepEnded()
+    {
+        return [this](int step, double lastPairTime, const cv::Mat& counts) {
+            m_hooks.stepEnded(step, lastPairTime, counts);
+        };
+    }
+
+public:
     void run(FramePtr first)
     {
         m_counter.start(viewOf(*first));
@@ -182,12 +261,19 @@ public:
             if (!endOfVideo) {
                 if (!placeable(time))
                     return;
-                if (m_sliceSeconds > 0.0)
-                    enterSliceOf(time);
+                // The exact counts are read only when a stretch ends: reading them folds the
+                // wrapping count into them, which every pair would pay for.
+                if (m_slices.endsBefore(time))
+                    m_slices.end(m_counter.exactCounts(), sliceEnded());
+                if (m_steps.endsBefore(time))
+                    m_steps.end(m_counter.exactCounts(), stepEnded());
+                m_slices.enter(time);
+                m_steps.enter(time);
                 analysePair(std::move(current), pairIndex, time);
                 ++pairIndex;
-            } else if (m_slice >= 0) {
-                endSlice();
+            } else {
+                m_slices.end(m_counter.exactCounts(), sliceEnded());
+                m_steps.end(m_counter.exactCounts(), stepEnded());
             }
             refresh(pairIndex, endOfVideo);
             if (m_hooks.cancelRequested() || endOfVideo)
@@ -239,39 +325,15 @@ private:
     // holds ends the loop before anything of its pair is counted.
     bool placeable(double time)
     {
-        const double onLine = time + m_sliceOffset;
-        const bool fits = (m_sliceSeconds <= 0.0
-                           || (std::abs(onLine) < MotionPass::kLatestTime
-                               && onLine / m_sliceSeconds < static_cast<double>(std::numeric_limits<int>::max())))
+        const bool fits = m_slices.numbers(time) && m_steps.numbers(time)
             && (m_eventTimes.empty() || std::abs(time) < MotionPass::kLatestTime);
         if (!fits) {
             m_stoppedAtUnplaceableTime = true;
-            m_unplaceableTime = m_sliceSeconds > 0.0 ? onLine : time;
+            m_unplaceableTime = m_slices.on() || m_steps.on() ? m_slices.onLine(time) : time;
         }
         return fits;
     }
 
-    // A pair whose time lies before its slice's start (timestamps going back) stays in the
-    // slice being counted, so that every slice is handed over once.
-    void enterSliceOf(double time)
-    {
-        const int slice = static_cast<int>(std::max(std::floor((time + m_sliceOffset) / m_sliceSeconds), 0.0));
-        if (m_slice >= 0 && slice > m_slice)
-            endSlice();
-        m_slice = std::max(slice, m_slice);
-    }
-
-    // The counts only ever grow, so a slice's own events are what they grew by since its
-    // start; a count saturated at 16 bits undercounts there, as the whole video's does.
-    void endSlice()
-    {
-        const cv::Mat& counts = m_counter.exactCounts();
-        if (counts.empty())
-            return;
-        cv::subtract(counts, m_sliceStartCounts, m_sliceCounts, cv::noArray(), CV_16UC1);
-        m_hooks.sliceEnded(m_slice, m_slice * m_sliceSeconds, m_sliceCounts);
-        counts.copyTo(m_sliceStartCounts);
-    }
 
     void refresh(int pairsDone, bool endOfVideo)
     {
@@ -299,13 +361,10 @@ private:
     MotionCounter m_counter;
     CellEventTimes m_eventTimes;
     AsyncBackgroundLearner m_learner;
-    const double m_sliceSeconds;
-    const double m_sliceOffset;
-    int m_slice = -1;
+    TimeStretches m_slices;
+    TimeStretches m_steps;
     bool m_stoppedAtUnplaceableTime = false;
     double m_unplaceableTime = 0.0;
-    cv::Mat m_sliceStartCounts;
-    cv::Mat m_sliceCounts;
     cv::Mat& m_motionCount;
     cv::Mat& m_background;
     MotionPassHooks& m_hooks;

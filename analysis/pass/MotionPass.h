@@ -65,6 +65,12 @@ public:
     // end of the video (not on a cancel) for the last one; a slice without a pair is skipped.
     // The matrix is the pass's own and only valid during the call.
     virtual void sliceEnded(int /*slice*/, double /*startSeconds*/, const cv::Mat& /*exactCounts*/) {}
+    // With MotionPassSettings::stepSeconds: step `step` of the time line (as slices number
+    // theirs, in steps of stepSeconds) has ended, and `exactCounts` (16-bit) holds the events
+    // that began in its pairs; `lastPairTime` is the time of its last pair on that line.
+    // Called as sliceEnded() is, for every step with a pair; the matrix is only valid during
+    // the call.
+    virtual void stepEnded(int /*step*/, double /*lastPairTime*/, const cv::Mat& /*exactCounts*/) {}
     // The counts (and at milestones the background) are worth showing now. At the end of
     // the video both kinds may come, milestone first.
     virtual void refresh(Refresh kind) = 0;
@@ -99,8 +105,11 @@ struct MotionPassSettings {
     // With `detailed`, and above 0: the length in seconds of the slices of time whose own
     // exact counts the pass hands to MotionPassHooks::sliceEnded. 0: no slices, at no cost.
     double sliceSeconds = 0.0;
-    // Seconds added to every pair's time to place it in a slice: where the video's own time
-    // line starts on a longer one that slices several videos alike. 0: the video's own.
+    // With `exactCounts` (or `detailed`), and above 0: the length in seconds of the steps whose
+    // own exact counts the pass hands to MotionPassHooks::stepEnded. 0: no steps, at no cost.
+    double stepSeconds = 0.0;
+    // Seconds added to every pair's time to place it in a slice or a step: where the video's
+    // own time line starts on a longer one that slices several videos alike. 0: the video's own.
     double sliceOffset = 0.0;
     // 8-bit 1-channel picture of any size: 0 where pixels are ignored (they never move and
     // never count), anything else where they are analysed. Scaled to the video's size by
@@ -138,8 +147,8 @@ struct MotionPassFacts {
     // once it is known.
     ZoneSpans zones;
     // The pass stopped at a pair it could not place (MotionPassOutcome::TimeOutOfRange), and
-    // that pair's time, on the slices' time line when slicing (MotionPassSettings::sliceOffset
-    // added).
+    // that pair's time, on the slices' time line when slicing or stepping
+    // (MotionPassSettings::sliceOffset added).
     bool stoppedAtUnplaceableTime = false;
     double unplaceableTime = 0.0;
 };
@@ -148,9 +157,9 @@ enum class MotionPassOutcome {
     OpenFailed, // the file could not be opened as video; nothing was set up or counted
     Finished,   // the video ended (or could not be read further, or changed its frame size)
     Canceled,   // cancelRequested() answered true, before the start or during the loop
-    // With slices or event times: a pair's time (MotionPassFacts::unplaceableTime) lies
-    // beyond MotionPass::kLatestTime, where no slice or second can be numbered; the pass
-    // stopped before counting that pair, and its slices and event times are incomplete.
+    // With slices, steps or event times: a pair's time (MotionPassFacts::unplaceableTime) lies
+    // beyond MotionPass::kLatestTime, where no slice, step or second can be numbered; the pass
+    // stopped before counting that pair, and its slices, steps and event times are incomplete.
     TimeOutOfRange,
 };
 

@@ -2,6 +2,7 @@
 
 #include "CombinedActivity.h"
 #include "CombinedMap.h"
+#include "Film.h"
 #include "ImageFile.h"
 #include "Legend.h"
 #include "ManifestInput.h"
@@ -48,13 +49,13 @@ QString tr(const char* text)
 
 // The combined files, absolute; those not asked for empty.
 struct Outputs {
-    QString map, legend, background, events, activity, zones, manifest;
+    QString map, legend, background, events, activity, zones, film, manifest;
     QString slicePattern; // with --slice, the slice maps' path with "%1" for the slice's start
 
     QStringList all() const
     {
         QStringList paths;
-        for (const QString& path : {map, legend, background, events, activity, zones, manifest}) {
+        for (const QString& path : {map, legend, background, events, activity, zones, film, manifest}) {
             if (!path.isEmpty())
                 paths << path;
         }
@@ -83,6 +84,8 @@ Outputs outputsOf(const MapToolOptions& options)
         outputs.activity = pathOf(QStringLiteral(".activity.csv"));
         outputs.manifest = pathOf(QStringLiteral(".json"));
     }
+    if (options.timelapseSeconds > 0.0)
+        outputs.film = pathOf(QStringLiteral(".timelapse.mp4"));
     return outputs;
 }
 
@@ -101,6 +104,13 @@ QString conflictOf(const Outputs& outputs, const MapToolOptions& options)
     return {};
 }
 
+// The time line the combined film runs along (--timelapse): the clock time it starts at, as
+// containers record it (empty when unknown), and the run's cancel.
+struct FilmLine {
+    QString clock;
+    const std::atomic<int>* cancel = nullptr;
+};
+
 // One input of the combination. Set up before the run; during it, only the pool thread of
 // that input writes its fields, and the driving thread reads them after the run.
 struct Item {
@@ -115,6 +125,7 @@ struct Item {
     QString activity;       // the input's activity table
     QString zonesTable;     // the input's zones table; empty without zones
     QJsonArray zoneFigures; // each zone's figures, as its manifest or its pass gives them
+    QString filmSteps;      // where its pass keeps its film's steps (--timelapse)
     // What makes two inputs one: the files it is (fileIdentity), a manifest's video among them.
     QStringList identities;
     QJsonObject parameters; // of the analysis, as a manifest records them
@@ -139,7 +150,7 @@ QString sizeText(cv::Size size)
 
 
 // Reads what is known of every input before the run: a manifest's header, a video's size.
-std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
+std::vector<Item> itemsOf(const MapToolOptions& options, const QString& scratch)
 {
     std::vector<Item> items;
     for (const QString& given : options.videos) {
@@ -170,9 +181,11 @@ std::vector<Item> itemsOf(const MapToolOptions& options, const QString& tables)
             item.parameters = Manifest::parameters(options, 0.0);
             item.mask = options.maskPath.isEmpty() ? QString() : QFileInfo(options.maskPath).fileName();
             if (options.data)
-                item.activity = QDir(tables).filePath(QStringLiteral("%1.csv").arg(items.size()));
+                item.activity = QDir(scratch).filePath(QStringLiteral("%1.csv").arg(items.size()));
             if (options.data && !options.zones.empty())
-                item.zonesTable = QDir(tables).filePath(QStringLiteral("%1.zones.csv").arg(items.size()));
+                item.zonesTable = QDir(scratch).filePath(QStringLiteral("%1.zones.csv").arg(items.size()));
+            if (options.timelapseSeconds > 0.0)
+                item.filmSteps = QDir(scratch).filePath(QStringLiteral("%1.steps").arg(items.size()));
         }
         items.push_back(item);
     }
@@ -244,6 +257,7 @@ std::vector<PlannedInput> planOf(std::vector<Item>& items, const Item* first, co
         input.slicePattern = outputs.slicePattern;
         input.activityPath = item.manifest ? QString() : item.activity;
         input.zonesPath = item.manifest ? QString() : item.zonesTable;
+        input.filmStepsPath = item.manifest ? QString() : item.filmSteps;
         input.error = item.error;
         planned.push_back(input);
     }
@@ -369,9 +383,9 @@ QJsonObject manifestOf(const MapToolOptions& options, const std::vector<Item>& i
         inputs.append(entry);
     }
     QJsonArray files;
-    const QStringList roles{"map", "legend", "background", "events", "activity", "zones"};
-    const QStringList paths{outputs.map,    outputs.legend,   outputs.background,
-                            outputs.events, outputs.activity, outputs.zones};
+    const QStringList roles{"map", "legend", "background", "events", "activity", "zones", "timelapse"};
+    const QStringList paths{outputs.map,      outputs.legend, outputs.background, outputs.events,
+                            outputs.activity, outputs.zones,  outputs.film};
     for (int i = 0; i < paths.size(); ++i) {
         if (!paths[i].isEmpty())
             files.append(Manifest::fileRecord(roles[i], paths[i]));
@@ -532,11 +546,34 @@ QImage legendOf(const QImage& map, const MapToolOptions& options, const std::vec
     return Legend::render(map, content);
 }
 
-// Writes the combined files in the order of Outputs; the error, empty on success.
-// `sceneChanges` receives the inputs' scene changes, -1 when they were not counted in steady
-// light or the run writes no data.
+// The film of the combined time line (--timelapse): every input's steps summed, over the
+// combined map's background and on its scale. The error, empty on success.
+QString writeFilm(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
+                  const Outputs& outputs, const FilmLine& line)
+{
+    QStringList steps;
+    for (const Item& item : items) {
+        // A pass without a pair kept no step.
+        if (item.combined && QFileInfo::exists(item.filmSteps))
+            steps << item.filmSteps;
+    }
+    Film::Settings settings;
+    settings.path = outputs.film;
+    settings.overwrite = options.overwrite;
+    settings.stepSeconds = options.timelapseSeconds;
+    settings.windowSeconds = options.timelapseWindowSeconds;
+    settings.scale = scaleOf(options, map.sum());
+    settings.name = options.combineName;
+    settings.lineClock = line.clock;
+    settings.cancel = line.cancel;
+    return Film::write(settings, steps, map.background());
+}
+
+// Writes the combined files in the order of Outputs (the film before the manifest that names
+// it); the error, empty on success. `sceneChanges` receives the inputs' scene changes, -1 when
+// they were not counted in steady light or the run writes no data.
 QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
-                     const Outputs& outputs, std::int64_t* sceneChanges)
+                     const Outputs& outputs, const FilmLine& line, std::int64_t* sceneChanges)
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
@@ -552,6 +589,11 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
     }
     if (!outputs.background.isEmpty() && !Utils::saveImage(MapImages::backgroundImage(map.background()), outputs.background))
         return tr("Can't save image file '%1'").arg(outputs.background);
+    if (!outputs.film.isEmpty()) {
+        const QString error = writeFilm(options, items, map, outputs, line);
+        if (!error.isEmpty())
+            return error;
+    }
     if (!options.data)
         return {};
     cv::Mat events;
@@ -588,11 +630,13 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
 
 class Combination final : public ResultSink {
 public:
-    Combination(const MapToolOptions& options, std::vector<Item>& items, cv::Size size, const Outputs& outputs)
+    Combination(const MapToolOptions& options, std::vector<Item>& items, cv::Size size, const Outputs& outputs,
+                const FilmLine& line)
         : m_options(options)
         , m_items(items)
         , m_map(size)
         , m_outputs(outputs)
+        , m_line(line)
     {
     }
 
@@ -629,7 +673,7 @@ public:
     {
         if (m_map.inputs() == 0)
             return {tr("Nothing to combine into '%1'").arg(m_options.combineName)};
-        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs, &m_sceneChanges);
+        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs, m_line, &m_sceneChanges);
         return error.isEmpty() ? QStringList() : QStringList{error};
     }
 
@@ -657,6 +701,7 @@ private:
     std::vector<Item>& m_items;
     CombinedMap m_map;
     const Outputs& m_outputs;
+    const FilmLine m_line;
     std::int64_t m_sceneChanges = -1; // as writeOutputs() counted them
 };
 
@@ -710,6 +755,8 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
         *error = ReportStaging::writeLegendStrip(staging, card.key, legendOf(map, m_options, m_items, scale),
                                                  map.height());
     card.legendFile = QStringLiteral("maps/%1.legend.png").arg(card.key);
+    if (error->isEmpty())
+        *error = ReportStaging::copyFilm(staging, card.key, m_outputs.film, &card.filmFile);
     double footage = 0.0;
     int leftOut = 0;
     for (const Item& item : m_items) {
@@ -741,13 +788,13 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         output.error(conflict);
         return MapRun::kExitFailure;
     }
-    // The passes' activity tables wait here until they are copied into the combined one.
-    QTemporaryDir tables;
-    if (options.data && !tables.isValid()) {
-        output.error(tr("Can't create a temporary folder: %1").arg(tables.errorString()));
+    // The passes' activity tables and film steps wait here until they are combined.
+    QTemporaryDir scratch;
+    if ((options.data || options.timelapseSeconds > 0.0) && !scratch.isValid()) {
+        output.error(tr("Can't create a temporary folder: %1").arg(scratch.errorString()));
         return MapRun::kExitFailure;
     }
-    std::vector<Item> items = itemsOf(options, tables.path());
+    std::vector<Item> items = itemsOf(options, scratch.path());
     const QString notice = noticeForManifests(options, items);
     if (!notice.isEmpty())
         output.error(notice);
@@ -763,8 +810,9 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         }
     }
     std::vector<PlannedInput> planned = planOf(items, first, outputs, options.combineName);
-    if (options.sliceSeconds > 0.0) {
+    if (options.sliceSeconds > 0.0 || options.timelapseSeconds > 0.0)
         placeOnTimeLine(items, planned, options);
+    if (options.sliceSeconds > 0.0) {
         const QString clash = sliceClashOf(items, planned, options, outputs);
         if (!clash.isEmpty()) {
             output.error(clash);
@@ -777,7 +825,11 @@ int run(const MapToolOptions& options, ProgressOutput& output, const std::atomic
         output.error(tr("Nothing to combine into '%1'").arg(options.combineName));
         return MapRun::kExitFailure;
     }
-    Combination combination(options, items, size, outputs);
+    FilmLine line;
+    line.cancel = &cancel;
+    for (const PlannedInput& input : planned)
+        line.clock = line.clock.isEmpty() ? input.sliceLineClock : line.clock;
+    Combination combination(options, items, size, outputs, line);
     return MapRun::run(options, planned, output, cancel, mask, report, &combination);
 }
 

@@ -43,13 +43,16 @@ struct Options {
     QCommandLineOption steadyLight{"steady-light"};
     QCommandLineOption sceneChange{"scene-change", {}, "F"};
     QCommandLineOption zones{"zones", {}, "FILE"};
+    QCommandLineOption timelapse{"timelapse", {}, "STEP"};
+    QCommandLineOption timelapseWindow{"timelapse-window", {}, "W"};
     QCommandLineOption help{{"h", "help"}};
     QCommandLineOption version{{"v", "version"}};
 
     void addTo(QCommandLineParser& parser) const
     {
         parser.addOptions({outputDir, format, jobs, counts, background, noBlur, overwrite, quiet, data, mask, report, start,
-                           end, scale, combine, legend, slice, steadyLight, sceneChange, zones, help, version});
+                           end, scale, combine, legend, slice, steadyLight, sceneChange, zones, timelapse,
+                           timelapseWindow, help, version});
     }
 };
 
@@ -134,6 +137,26 @@ QString readSlice(const QCommandLineParser& parser, const Options& o, MapToolOpt
     return {};
 }
 
+// The film's step and its moving window; the error, empty when they read.
+QString readTimelapse(const QCommandLineParser& parser, const Options& o, MapToolOptions& options)
+{
+    if (parser.isSet(o.timelapse)
+        && !MapToolCommandLine::readDuration(parser.value(o.timelapse), &options.timelapseSeconds))
+        return tr("Bad step '%1' for --timelapse: use whole seconds, at least 1, such as 10s, 1m or 1h.")
+            .arg(parser.value(o.timelapse));
+    if (!parser.isSet(o.timelapseWindow))
+        return {};
+    if (!parser.isSet(o.timelapse))
+        return tr("--timelapse-window needs --timelapse STEP: the window is a number of the film's steps.");
+    if (!MapToolCommandLine::readDuration(parser.value(o.timelapseWindow), &options.timelapseWindowSeconds))
+        return tr("Bad window '%1' for --timelapse-window: use whole seconds, at least 1, such as 10m or 1h.")
+            .arg(parser.value(o.timelapseWindow));
+    if (std::fmod(options.timelapseWindowSeconds, options.timelapseSeconds) != 0.0)
+        return tr("--timelapse-window %1 is not a multiple of --timelapse %2.")
+            .arg(parser.value(o.timelapseWindow), parser.value(o.timelapse));
+    return {};
+}
+
 // A path as two spellings of one folder share it: absolute, clean, links resolved as far as
 // the folders exist.
 QString folderIdentity(const QString& path)
@@ -162,15 +185,16 @@ QString checkReportBesideMaps(const MapToolOptions& options)
 }
 
 // A manifest holds a video's counts as a whole, not when they happened, so it cannot be cut
-// into slices.
-QString checkSlicedInputs(const MapToolOptions& options)
+// into slices nor filmed.
+QString checkTimedInputs(const MapToolOptions& options)
 {
-    if (options.sliceSeconds <= 0.0)
+    const char* const option = options.sliceSeconds > 0.0 ? "--slice" : options.timelapseSeconds > 0.0 ? "--timelapse" : nullptr;
+    if (!option)
         return {};
     for (const QString& input : options.videos) {
         if (Manifest::namesManifest(input))
-            return tr("--slice needs the videos: '%1' is a manifest, whose counts do not say when they happened.")
-                .arg(input);
+            return tr("%1 needs the videos: '%2' is a manifest, whose counts do not say when they happened.")
+                .arg(QLatin1String(option), input);
     }
     return {};
 }
@@ -233,10 +257,13 @@ ParsedCommandLine readValues(const QCommandLineParser& parser, const Options& o,
     const QString sliceError = readSlice(parser, o, options);
     if (!sliceError.isEmpty())
         return usageError(sliceError);
+    const QString timelapseError = readTimelapse(parser, o, options);
+    if (!timelapseError.isEmpty())
+        return usageError(timelapseError);
     options.videos = parser.positionalArguments();
     if (options.videos.isEmpty())
         return usageError(tr("No video given."));
-    const QString slicedError = checkSlicedInputs(options);
+    const QString slicedError = checkTimedInputs(options);
     if (!slicedError.isEmpty())
         return usageError(slicedError);
     return result;
@@ -328,7 +355,7 @@ bool readDuration(const QString& text, double* seconds)
     const double factor = unit == QLatin1String("h") ? 3600.0 : unit == QLatin1String("m") ? 60.0 : 1.0;
     const double value = match.captured(1).toDouble() * factor;
     // Slices are named to the second, so a slice shorter than one, or ending within one,
-    // would share its name with another.
+    // would share its name with another; a film's steps follow the same rule.
     if (!std::isfinite(value) || value < 1.0 || value != std::floor(value))
         return false;
     *seconds = value;
@@ -413,6 +440,20 @@ Options:
                         With --legend, each slice gets its legend; with
                         --data, its exact counts (….slice-….events.png);
                         with --report, its card. Not with manifests.
+      --timelapse STEP  Also write NAME.timelapse.mp4: the map as a film
+                        (H.264 in MP4, 25 pictures a second), one picture per
+                        STEP of the video (10s, 1m, 1h; whole seconds), each
+                        showing the events that began before its time, drawn
+                        as the map draws them (on --scale), with the time it
+                        reaches and the file's name below. The last picture
+                        is the whole map. With --combine, one film along the
+                        combined time line, as --slice places the inputs;
+                        with --report, each card plays its film. Not with
+                        manifests.
+      --timelapse-window W
+                        Each picture of the film shows only the events of the
+                        last W (a multiple of STEP), so that a pattern that
+                        moves is seen moving.
       --steady-light    A change of light is not motion: in each frame pair
                         the lower median of the differences between the two
                         frames (over the analysed pixels) is taken out before

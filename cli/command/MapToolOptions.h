@@ -52,6 +52,11 @@ struct MapToolOptions {
     // Empty: none. The zones are read from the file by MapTool, before the run.
     QString zonesPath;
     std::vector<Zone> zones;
+    // --timelapse: seconds of the time line per picture of NAME.timelapse.mp4; 0: no film.
+    double timelapseSeconds = 0.0;
+    // --timelapse-window: each picture shows only the events of this many seconds before its
+    // time, a multiple of timelapseSeconds; 0: every event before it.
+    double timelapseWindowSeconds = 0.0;
 };
 
 // The outcome of reading a command line: run, or print one of the two texts, or refuse.

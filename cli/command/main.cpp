@@ -20,13 +20,19 @@ int terminalWidth(int fd)
     return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
+// Whether `argument` is the option `name`, alone or with its value ("--report=DIR").
+bool isOption(const char* argument, const char* name)
+{
+    const std::size_t length = std::strlen(name);
+    return std::strncmp(argument, name, length) == 0 && (argument[length] == '\0' || argument[length] == '=');
+}
+
 // Whether the command line asks for a legend, whose text needs the system's fonts: with
-// --legend, or in a report's cards.
+// --legend, in a report's cards, or under a film's pictures.
 bool wantsLegend(int argc, char** argv)
 {
     for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
-        if (std::strcmp(argv[i], "--legend") == 0 || std::strcmp(argv[i], "--report") == 0
-            || std::strncmp(argv[i], "--report=", 9) == 0)
+        if (std::strcmp(argv[i], "--legend") == 0 || isOption(argv[i], "--report") || isOption(argv[i], "--timelapse"))
             return true;
     }
     return false;

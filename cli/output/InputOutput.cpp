@@ -94,6 +94,10 @@ QString InputOutput::failureOf(const FinishedInput&) const
     return {};
 }
 
+void InputOutput::stepEnded(int, double, const cv::Mat&)
+{
+}
+
 bool InputOutput::recordsEveryOutcome() const
 {
     return false;

@@ -12,6 +12,7 @@
 
 #include <opencv2/core/mat.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -45,6 +46,7 @@ struct FinishedInput {
     std::int64_t pairsWithMotion = 0;
     QJsonArray zones;              // with --zones: each zone's figures, once its table is written
     QJsonObject manifest;          // the manifest, once made
+    const std::atomic<int>* cancel = nullptr; // non-zero: the run was interrupted; null: never
 
 private:
     QImage m_map;
@@ -72,6 +74,8 @@ public:
 
     // Each frame pair as the pass counts it, in their order.
     virtual void pairCounted(const MotionPassHooks::PairRecord& record);
+    // Each step of the time line as the pass hands it over (MotionPassHooks::stepEnded).
+    virtual void stepEnded(int step, double lastPairTime, const cv::Mat& exactCounts);
 
     // Why the input fails, whatever its files, from what its pass found; empty when it does
     // not. Asked once the pass has ended well, before any file is written.

@@ -4,6 +4,7 @@
 #include "BackgroundOutput.h"
 #include "CountsOutput.h"
 #include "EventsOutput.h"
+#include "FilmOutput.h"
 #include "LegendOutput.h"
 #include "ManifestOutput.h"
 #include "MapOutput.h"
@@ -22,6 +23,7 @@ constexpr Maker kOutputs[] = {
     &BackgroundOutput::make,
     &ActivityOutput::make,
     &ZonesOutput::make,
+    &FilmOutput::make,
     &ManifestOutput::make,
 };
 
@@ -65,6 +67,8 @@ InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& 
         outputs.push_back(std::make_unique<ActivityOutput>(input.activityPath, true, options.steadyLight));
     if (!input.zonesPath.isEmpty())
         outputs.push_back(std::make_unique<ZonesOutput>(input.zonesPath, true, options.zones));
+    if (!input.filmStepsPath.isEmpty())
+        outputs.push_back(std::make_unique<FilmStepsOutput>(input.filmStepsPath, true));
     return outputs;
 }
 

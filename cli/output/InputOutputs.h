@@ -12,13 +12,15 @@ using InputOutputList = std::vector<std::unique_ptr<InputOutput>>;
 namespace InputOutputs {
 
 // The outputs the run writes for `input`, in the order they are written: map, legend, counts,
-// events, background, activity table, manifest (last, so that it names only complete files).
+// events, background, activity table, film, manifest (last, so that it names only complete
+// files).
 // Those not asked for are left out. Reentrant.
 InputOutputList of(const PlannedInput& input, const MapToolOptions& options);
 
 // With --combine, no input writes files of its own: only the activity table the combination
 // reads, from `input.activityPath` (the run's own temporary file, replaced freely), with --data,
-// and the zones table at `input.zonesPath` alike, with --zones.
+// the zones table at `input.zonesPath`, with --zones, and the film's steps at
+// `input.filmStepsPath`, with --timelapse.
 // Reentrant.
 InputOutputList forCombination(const PlannedInput& input, const MapToolOptions& options);
 

@@ -53,6 +53,8 @@ PlannedInput targetsOf(const QString& video, const MapToolOptions& options)
             input.zonesPath = pathOf(OutputPlan::zonesFileName(video));
         input.manifestPath = pathOf(OutputPlan::manifestFileName(video));
     }
+    if (options.timelapseSeconds > 0.0)
+        input.filmPath = pathOf(OutputPlan::filmFileName(video));
     return input;
 }
 
@@ -131,7 +133,8 @@ QString sliceClashOf(const PlannedInput& input, const MapToolOptions& options)
 QStringList PlannedInput::outputs() const
 {
     QStringList paths;
-    for (const QString& path : {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, zonesPath, manifestPath}) {
+    for (const QString& path :
+         {mapPath, legendPath, countsPath, eventsPath, backgroundPath, activityPath, zonesPath, filmPath, manifestPath}) {
         if (!path.isEmpty())
             paths << path;
     }
@@ -192,6 +195,11 @@ QString zonesFileName(const QString& video)
 QString manifestFileName(const QString& video)
 {
     return QFileInfo(video).baseName() + QStringLiteral(".json");
+}
+
+QString filmFileName(const QString& video)
+{
+    return QFileInfo(video).baseName() + QStringLiteral(".timelapse.mp4");
 }
 
 QString outputFolder(const QString& video, const QString& outputDir)

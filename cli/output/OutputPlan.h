@@ -26,6 +26,10 @@ struct PlannedInput {
     QString eventsPath;      // the next three empty unless --data
     QString activityPath;
     QString zonesPath;       // empty unless --zones
+    QString filmPath;        // empty unless --timelapse
+    // With --timelapse and --combine: where the pass keeps its film's steps (FilmSteps), a
+    // temporary file of the run's own.
+    QString filmStepsPath;
     QString manifestPath;
     // The manifest at manifestPath records an analysis that was canceled and names no file:
     // the run writes its manifest over it even without --overwrite.
@@ -33,7 +37,8 @@ struct PlannedInput {
     QString error;           // non-empty: this input is not analysed; the text says why
 
     // The files of this input in the order they are written: map, legend, counts, events,
-    // background, activity, zones, manifest (last, so that a manifest names only complete files).
+    // background, activity, zones, film, manifest (last, so that a manifest names only complete
+    // files).
     QStringList outputs() const;
 };
 
@@ -64,6 +69,9 @@ QString activityFileName(const QString& video);
 QString manifestFileName(const QString& video);
 // The zones' table of --zones: "clip.zones.csv".
 QString zonesFileName(const QString& video);
+
+// The time-lapse film beside the map (--timelapse): "clip.timelapse.mp4".
+QString filmFileName(const QString& video);
 
 // The folder of `video`'s outputs: `outputDir` when given, else the video's own folder.
 QString outputFolder(const QString& video, const QString& outputDir);

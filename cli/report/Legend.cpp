@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -80,6 +81,26 @@ int drawLabelLeftOf(QPainter& painter, int x, int top, int left, int right, cons
         return before;
     painter.drawText(QPoint(start, top + metrics.ascent()), text);
     return start;
+}
+
+const QLatin1String kDateAndTime("yyyy-MM-dd HH:mm:ss");
+
+// The clock time `seconds` after `creationTime` (as containers record it), in UTC; invalid
+// when it does not read.
+QDateTime clockTimeAt(const QString& creationTime, double seconds)
+{
+    const QDateTime clock = CombinedActivity::readCreationTime(creationTime);
+    return clock.isValid() ? clock.toUTC().addMSecs(std::llround(seconds * 1000.0)) : QDateTime();
+}
+
+// A time in a video, in whole seconds: "1:05:09".
+QString videoTimeText(double seconds)
+{
+    const auto total = static_cast<long long>(std::floor(seconds));
+    return QStringLiteral("%1:%2:%3")
+        .arg(total / 3600)
+        .arg(total / 60 % 60, 2, 10, QLatin1Char('0'))
+        .arg(total % 60, 2, 10, QLatin1Char('0'));
 }
 
 struct Layout {
@@ -172,21 +193,23 @@ QString timeSpan(const QString& creationTime, double fromSeconds, double seconds
     // Beyond any recording the times would not convert to whole milliseconds or seconds.
     if (!(seconds >= 0.0) || !(seconds < MotionPass::kLatestTime) || !(std::abs(fromSeconds) < MotionPass::kLatestTime))
         return {};
-    const QDateTime clock = CombinedActivity::readCreationTime(creationTime);
-    if (clock.isValid()) {
-        const QDateTime start = clock.toUTC().addMSecs(std::llround(fromSeconds * 1000.0));
+    const QDateTime start = clockTimeAt(creationTime, fromSeconds);
+    if (start.isValid()) {
         const QDateTime end = start.addMSecs(std::llround(seconds * 1000.0));
-        const QString endFormat = end.date() == start.date() ? QStringLiteral("HH:mm:ss") : QStringLiteral("yyyy-MM-dd HH:mm:ss");
-        return QStringLiteral("%1 – %2 UTC").arg(start.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")), end.toString(endFormat));
+        const QString endFormat = end.date() == start.date() ? QStringLiteral("HH:mm:ss") : QString(kDateAndTime);
+        return QStringLiteral("%1 – %2 UTC").arg(start.toString(kDateAndTime), end.toString(endFormat));
     }
-    const auto clockText = [](double value) {
-        const auto total = static_cast<long long>(std::floor(value));
-        return QStringLiteral("%1:%2:%3")
-            .arg(total / 3600)
-            .arg(total / 60 % 60, 2, 10, QLatin1Char('0'))
-            .arg(total % 60, 2, 10, QLatin1Char('0'));
-    };
-    return tr("%1 – %2 of the video").arg(clockText(fromSeconds), clockText(fromSeconds + seconds));
+    return tr("%1 – %2 of the video").arg(videoTimeText(fromSeconds), videoTimeText(fromSeconds + seconds));
+}
+
+QString timePoint(const QString& creationTime, double seconds)
+{
+    if (!(std::abs(seconds) < MotionPass::kLatestTime))
+        return {};
+    const QDateTime clock = clockTimeAt(creationTime, seconds);
+    if (clock.isValid())
+        return QStringLiteral("%1 UTC").arg(clock.toString(kDateAndTime));
+    return videoTimeText(seconds);
 }
 
 QString combinedTimeSpan(const QStringList& creationTimes, const QList<double>& seconds)
@@ -333,6 +356,51 @@ QImage render(const QImage& map, const Content& content)
                                                       std::max(1, right - swatch.right() - layout.text / 2)));
     painter.end();
     return legend;
+}
+
+QImage renderCaption(const QImage& map, const QString& name, const QString& time)
+{
+    const int text = textPixels(map.width());
+    const int titleLine = QFontMetrics(fontOf(text + text / 4, true)).height();
+    const int line = QFontMetrics(fontOf(text)).height();
+    // 4:2:0 video halves both sides for its colour.
+    const int width = map.width() + map.width() % 2;
+    const int strip = text / 2 + titleLine + line + text / 2;
+    const int height = map.height() + strip + (map.height() + strip) % 2;
+
+    // A film has a picture for every step, so the strip is painted on its own, in the format
+    // the painter draws fastest, and the map's rows are copied as they are.
+    QImage below(width, height - map.height(), QImage::Format_RGB32);
+    below.fill(kPaper);
+    QPainter painter(&below);
+    painter.setRenderHint(QPainter::TextAntialiasing);
+    const int left = std::min(text, width / 8);
+    const int textWidth = std::max(1, width - 2 * left);
+    int y = text / 2;
+    painter.setPen(kInk);
+    painter.setFont(fontOf(text + text / 4, true));
+    painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
+                     painter.fontMetrics().elidedText(time, Qt::ElideRight, textWidth));
+    y += titleLine;
+    painter.setPen(kQuietInk);
+    painter.setFont(fontOf(text));
+    painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
+                     painter.fontMetrics().elidedText(name, Qt::ElideMiddle, textWidth));
+    painter.end();
+
+    QImage picture(width, height, QImage::Format_RGB888);
+    const QImage rows = map.convertToFormat(QImage::Format_RGB888);
+    const QImage strip888 = below.convertToFormat(QImage::Format_RGB888);
+    const auto mapBytes = static_cast<size_t>(rows.width()) * 3;
+    const auto rowBytes = static_cast<size_t>(width) * 3;
+    for (int row = 0; row < rows.height(); ++row) {
+        std::memcpy(picture.scanLine(row), rows.constScanLine(row), mapBytes);
+        // The paper's colour beside a map of odd width.
+        std::memcpy(picture.scanLine(row) + mapBytes, strip888.constScanLine(0) + mapBytes, rowBytes - mapBytes);
+    }
+    for (int row = 0; row < strip888.height(); ++row)
+        std::memcpy(picture.scanLine(rows.height() + row), strip888.constScanLine(row), rowBytes);
+    return picture;
 }
 
 } // namespace Legend

@@ -40,6 +40,11 @@ Content contentOf(const QString& name, const QString& timeSpan, double scale, do
 // when either lies beyond any recording (MotionPass::kLatestTime).
 QString timeSpan(const QString& creationTime, double fromSeconds, double seconds);
 
+// A moment: "2024-05-01 10:15:00 UTC" from `creationTime` (as containers record it) plus
+// `seconds`; without a readable creation time "0:15:00", the time in the video. Empty when it
+// lies beyond any recording (MotionPass::kLatestTime). Reentrant.
+QString timePoint(const QString& creationTime, double seconds);
+
 // What a combined map covers: from the earliest start to the latest end when every input has
 // a creation time (`creationTimes` and `seconds` side by side), else the number of files and
 // the footage they hold. Empty when a length lies beyond any recording. Reentrant.
@@ -59,5 +64,11 @@ QList<double> ticks(double scale);
 // fonts the system has, so the caller must have a QGuiApplication. GUI-free threads may call
 // it, one image per call.
 QImage render(const QImage& map, const Content& content);
+
+// A picture of a time-lapse film: the map as it is, at the top left, over a strip of the
+// legend's paper and fonts with `time` (bold) and `name` on two lines. Its sides are even,
+// as 4:2:0 video needs: an odd-sized map gets a column of paper at its right. Needs a
+// QGuiApplication for the fonts, as render() does; any thread, one image per call.
+QImage renderCaption(const QImage& map, const QString& name, const QString& time);
 
 } // namespace Legend

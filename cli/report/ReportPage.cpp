@@ -147,6 +147,18 @@ QString mapHtml(const ReportCard& card)
     return html + QStringLiteral("</figure>");
 }
 
+// The map's time-lapse film beside it, played with the browser's own controls.
+QString filmHtml(const ReportCard& card)
+{
+    if (card.filmFile.isEmpty())
+        return {};
+    return QStringLiteral("<figure class=\"film\"><video controls muted playsinline preload=\"metadata\"")
+        + attribute("src", card.filmFile)
+        + attribute("aria-label", tr("Time-lapse of the map of %1: where motion was seen, step by step").arg(card.title))
+        + QStringLiteral("></video><figcaption>%1</figcaption></figure>")
+              .arg(ReportPage::escapeHtml(tr("The map as it grew, step by step")));
+}
+
 // Names as people sort them: case aside, and numbers by value, so that cam9 comes before
 // cam10.
 bool naturalLess(const QString& a, const QString& b)
@@ -219,7 +231,7 @@ QString cardHtml(const ReportCard& card)
             + ReportPage::escapeHtml(card.title) + QStringLiteral("</a>");
     html += QStringLiteral("</h2>") + outcomeHtml(card);
     html += QStringLiteral("<div class=\"body\">") + mapHtml(card) + QStringLiteral("<div class=\"side\">")
-        + figuresHtml(card) + zonesHtml(card);
+        + filmHtml(card) + figuresHtml(card) + zonesHtml(card);
     if (card.hasCells)
         html += QStringLiteral("<section class=\"times\" aria-live=\"polite\"><h3>%1</h3><p class=\"hint\">%2</p>"
                                "<ol class=\"time-list\"></ol></section>")

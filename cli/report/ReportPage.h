@@ -29,6 +29,7 @@ struct ReportCard {
     bool playable = false;// a browser plays the video itself (MP4/H.264, WebM)
     QString mapFile;      // the map's file in the report's folder ("maps/3.png"); empty: none
     QString legendFile;   // a legend image in the report's folder; empty: none
+    QString filmFile;     // the map's time-lapse film in the report's folder; empty: none
     int width = 0;        // the video's size, which the map has
     int height = 0;
     QString status;       // "done", "failed" or "canceled"

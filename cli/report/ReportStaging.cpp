@@ -120,6 +120,17 @@ QString copy(const QString& staging, const QString& source, const QString& file)
     return QFile::copy(source, target) ? QString() : OutputFile::saveError(target);
 }
 
+QString copyFilm(const QString& staging, const QString& key, const QString& source, QString* file)
+{
+    if (source.isEmpty() || !QFileInfo(source).isFile())
+        return {};
+    const QString name = QStringLiteral("maps/%1.timelapse.mp4").arg(key);
+    const QString error = copy(staging, source, name);
+    if (error.isEmpty())
+        *file = name;
+    return error;
+}
+
 QImage mapOfEvents(const cv::Mat& events, const cv::Mat& background, const MapColours& colours, double* top)
 {
     if (!colours.exact) {

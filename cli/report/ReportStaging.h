@@ -34,6 +34,10 @@ QString writeLegendStrip(const QString& staging, const QString& key, const QImag
 // Copies `source` into the staging folder as `file` ("maps/KEY.png").
 QString copy(const QString& staging, const QString& source, const QString& file);
 
+// Copies the time-lapse film at `source` into the staging folder as maps/KEY.timelapse.mp4;
+// `file` receives that name. Nothing, and no error, when there is no film at `source`.
+QString copyFilm(const QString& staging, const QString& key, const QString& source, QString* file);
+
 // How the run colours the map of a video it analyses (--scale): a card drawn from a
 // manifest's exact counts follows the same rule, so that every card of a report reads alike.
 struct MapColours {

@@ -115,6 +115,11 @@ public:
             m_sceneChanges.add(record.time);
         }
     }
+    void stepEnded(int step, double lastPairTime, const cv::Mat& exactCounts) override
+    {
+        for (const auto& output : m_outputs)
+            output->stepEnded(step, lastPairTime, exactCounts);
+    }
     // A slice without an event would only show the background; it is not written.
     void sliceEnded(int slice, double, const cv::Mat& exactCounts) override
     {
@@ -172,10 +177,11 @@ MotionPassSettings settingsFor(const MapToolOptions& options, const PlannedInput
     // Only the final map is written: the count need not wait for an early background.
     settings.backgroundAtMilestones = false;
     // The data and the slices need every pair's activity, which only the detailed count
-    // reports; a chosen scale and a combination read no more than the exact counts.
+    // reports; a chosen scale, a combination and a film read no more than the exact counts.
     settings.detailed = options.data || options.sliceSeconds > 0.0;
-    settings.exactCounts = options.scaleGiven || !options.combineName.isEmpty();
+    settings.exactCounts = options.scaleGiven || !options.combineName.isEmpty() || options.timelapseSeconds > 0.0;
     settings.sliceSeconds = options.sliceSeconds;
+    settings.stepSeconds = options.timelapseSeconds;
     settings.sliceOffset = input.sliceOffset;
     settings.mask = mask;
     settings.windowStart = options.start;
@@ -324,6 +330,7 @@ void analyse(FileJob& job, const RunContext& context, int decoderThreads)
                                                       motionCount, background, hooks, &facts);
     FinishedInput finished(job.input, options, facts, motionCount, background);
     finished.pairsWithMotion = hooks.pairsWithMotion();
+    finished.cancel = &context.cancel;
     if (outcome == MotionPassOutcome::OpenFailed || outcome == MotionPassOutcome::TimeOutOfRange) {
         finished.fail(outcome == MotionPassOutcome::OpenFailed ? tr("Can't open video file '%1'").arg(job.input.video)
                                                                : unplaceableTimeError(job.input, facts));
@@ -612,6 +619,8 @@ private:
         const QString legend = QStringLiteral("maps/%1.legend.png").arg(job.key);
         if (!mapFile.isEmpty() && QFileInfo::exists(staging + QLatin1Char('/') + legend))
             card.legendFile = legend;
+        if (!mapFile.isEmpty() && job.reported == FileState::Done)
+            ReportStaging::copyFilm(staging, job.key, job.input.filmPath, &card.filmFile);
         return withData(card);
     }
 

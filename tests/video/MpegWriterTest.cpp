@@ -15,9 +15,15 @@ extern "C" {
 #include <libavutil/pixfmt.h>
 }
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace {
 
@@ -108,6 +114,40 @@ DecodedClip readClip(const QString& path)
     return clip;
 }
 
+// Packed R,G,B rows: the left half `left`, the right half `right`, each a grey level.
+std::vector<uint8_t> rgbHalves(int width, int height, uint8_t left, uint8_t right)
+{
+    std::vector<uint8_t> rgb(static_cast<size_t>(width) * height * 3);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            std::memset(&rgb[(static_cast<size_t>(y) * width + x) * 3], x < width / 2 ? left : right, 3);
+    return rgb;
+}
+
+// Writes `count` RGB pictures, a moving ramp, with pts 0, 1, ...; then drains.
+void writeRgbRamps(MpegWriter& writer, int count)
+{
+    std::vector<uint8_t> rgb(static_cast<size_t>(kWidth) * kHeight * 3);
+    for (int i = 0; i < count; ++i) {
+        for (size_t b = 0; b < rgb.size(); ++b)
+            rgb[b] = static_cast<uint8_t>((b / 3 % kWidth) * 2 + (b / 3 / kWidth) + i * 5 + b % 3 * 40);
+        writer.writeRgb24(rgb.data(), kWidth * 3, i);
+    }
+    writer.drain();
+}
+
+// What av_dump_format and the rest of FFmpeg log while a test listens.
+QStringList* loggedLines = nullptr;
+
+void keepLogLine(void*, int, const char* format, va_list arguments)
+{
+    if (!loggedLines)
+        return;
+    char line[1024];
+    std::vsnprintf(line, sizeof line, format, arguments);
+    loggedLines->append(QString::fromUtf8(line));
+}
+
 } // namespace
 
 class MpegWriterTest : public QObject {
@@ -144,9 +184,20 @@ private slots:
     void roundTripThroughProgramStream();
     void roundTripThroughFileWithoutExtension();
 
+    void containerOptionWinsOverTheFileNamesExtension();
+    void namedEncoderIsUsedInsteadOfTheContainersDefault();
+    void rgbPicturesBecomeLimitedRangeLuma();
+    void rgbPictureOfAnotherSizeIsNotReadPastItsRows();
+    void lowerConstantRateFactorGivesALargerFile();
+    void indexFirstPutsTheIndexBeforeThePictures();
+    void describingTheContainerIsOptional();
+
 private:
     QString path(const QString& name) const { return m_dir->filePath(name); }
     void roundTrip(const QString& outputName);
+    // Writes five pictures to `file` with `options` and drains; the container's and the
+    // codec's names, or why not.
+    QString writeFive(const QString& file, const MpegWriterOptions& options) const;
 
     std::unique_ptr<QTemporaryDir> m_dir;
 };
@@ -509,6 +560,123 @@ void MpegWriterTest::roundTrip(const QString& outputName)
         const double step = copy.frames[static_cast<size_t>(i)]->m_time - copy.frames[static_cast<size_t>(i) - 1]->m_time;
         QVERIFY2(qAbs(step - 1.0 / kFps) < 1e-3, qPrintable(QStringLiteral("picture %1: step %2").arg(i).arg(step)));
     }
+}
+
+void MpegWriterTest::containerOptionWinsOverTheFileNamesExtension()
+{
+    MpegWriterOptions options;
+    options.container = "mp4";
+    QCOMPARE(writeFive(path("clip.mp4.partial"), options), QStringLiteral("mp4 libx264"));
+    QVERIFY(probe(path("clip.mp4.partial"), "format=format_name").contains("mp4"));
+}
+
+void MpegWriterTest::namedEncoderIsUsedInsteadOfTheContainersDefault()
+{
+    MpegWriterOptions options;
+    options.encoder = "mpeg4";
+    QCOMPARE(writeFive(path("clip.mp4"), options), QStringLiteral("mp4 mpeg4"));
+    QCOMPARE(probe(path("clip.mp4"), "stream=codec_name"), QStringLiteral("mpeg4"));
+}
+
+QString MpegWriterTest::writeFive(const QString& file, const MpegWriterOptions& options) const
+{
+    MpegWriter writer;
+    if (!writer.open(file.toUtf8().constData(), kBitRate, kWidth, kHeight, kFps, options))
+        return QStringLiteral("<not opened>");
+    const QString names = QStringLiteral("%1 %2").arg(writer.formatName(), writer.codecName());
+    writePictures(writer, 5);
+    const bool drained = writer.drain();
+    writer.close();
+    return drained ? names : QStringLiteral("<not drained>");
+}
+
+void MpegWriterTest::rgbPicturesBecomeLimitedRangeLuma()
+{
+    // A lossless encoder, so that the luma read back is the converted luma itself.
+    MpegWriterOptions options;
+    options.encoder = "ffv1";
+    MpegWriter writer;
+    QVERIFY(writer.open(path("rgb.mkv").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps, options));
+    const std::vector<uint8_t> rgb = rgbHalves(kWidth, kHeight, 255, 0);
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(writer.writeRgb24(rgb.data(), kWidth * 3, i));
+    QVERIFY(writer.drain());
+    writer.close();
+    const DecodedClip clip = readClip(path("rgb.mkv"));
+    QCOMPARE(static_cast<int>(clip.frames.size()), 3);
+    for (const auto& frame : clip.frames) {
+        // BT.601 in limited range: white at 235, black at 16.
+        QVERIFY(qAbs(frame->data()[kHeight / 2 * frame->step() + kWidth / 4] - 235) <= 1);
+        QVERIFY(qAbs(frame->data()[kHeight / 2 * frame->step() + kWidth * 3 / 4] - 16) <= 1);
+    }
+}
+
+void MpegWriterTest::rgbPictureOfAnotherSizeIsNotReadPastItsRows()
+{
+    MpegWriter writer;
+    QVERIFY(!writer.writeRgb24(nullptr, kWidth * 3, 0));
+    QVERIFY(writer.open(path("rgb.mp4").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps));
+    QVERIFY(!writer.writeRgb24(nullptr, kWidth * 3, 0));
+    writer.close();
+    const std::vector<uint8_t> rgb = rgbHalves(kWidth, kHeight, 10, 20);
+    QVERIFY(!writer.writeRgb24(rgb.data(), kWidth * 3, 0));
+}
+
+void MpegWriterTest::lowerConstantRateFactorGivesALargerFile()
+{
+    for (const int factor : {10, 40}) {
+        MpegWriterOptions options;
+        options.encoder = "libx264";
+        options.constantRateFactor = factor;
+        MpegWriter writer;
+        QVERIFY(writer.open(path(QStringLiteral("crf%1.mp4").arg(factor)).toUtf8().constData(), 0, kWidth, kHeight,
+                            kFps, options));
+        writeRgbRamps(writer, 20);
+        writer.close();
+    }
+    const qint64 fine = QFileInfo(path("crf10.mp4")).size();
+    const qint64 coarse = QFileInfo(path("crf40.mp4")).size();
+    QVERIFY2(fine > 2 * coarse, qPrintable(QStringLiteral("%1 vs %2 bytes").arg(fine).arg(coarse)));
+    QCOMPARE(probePacketCount(path("crf40.mp4")), 20);
+}
+
+void MpegWriterTest::indexFirstPutsTheIndexBeforeThePictures()
+{
+    for (const bool first : {true, false}) {
+        MpegWriterOptions options;
+        options.indexFirst = first;
+        MpegWriter writer;
+        const QString name = first ? QStringLiteral("first.mp4") : QStringLiteral("last.mp4");
+        QVERIFY(writer.open(path(name).toUtf8().constData(), kBitRate, kWidth, kHeight, kFps, options));
+        writeRgbRamps(writer, 10);
+        writer.close();
+        const QByteArray bytes = fileBytes(path(name));
+        QVERIFY(bytes.indexOf("moov") > 0 && bytes.indexOf("mdat") > 0);
+        QCOMPARE(bytes.indexOf("moov") < bytes.indexOf("mdat"), first);
+        QCOMPARE(probePacketCount(path(name)), 10);
+    }
+}
+
+void MpegWriterTest::describingTheContainerIsOptional()
+{
+    QStringList lines;
+    loggedLines = &lines;
+    av_log_set_callback(keepLogLine);
+    MpegWriterOptions quiet;
+    quiet.describe = false;
+    MpegWriter writer;
+    const bool quietOpened =
+        writer.open(path("quiet.mp4").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps, quiet);
+    writer.close();
+    const QStringList quietLines = lines;
+    lines.clear();
+    const bool describedOpened = writer.open(path("described.mp4").toUtf8().constData(), kBitRate, kWidth, kHeight, kFps);
+    writer.close();
+    av_log_set_callback(av_log_default_callback);
+    loggedLines = nullptr;
+    QVERIFY(quietOpened && describedOpened);
+    QVERIFY(!quietLines.join(QString()).contains("Output #0"));
+    QVERIFY(lines.join(QString()).contains("Output #0"));
 }
 
 QTEST_GUILESS_MAIN(MpegWriterTest)

@@ -90,6 +90,22 @@ public:
     }
 };
 
+// Also keeps every step handed over, with a copy of its counts.
+class StepRecordingHooks : public RecordingHooks {
+public:
+    struct Step {
+        int index;
+        double lastPairTime;
+        cv::Mat counts;
+    };
+    std::vector<Step> steps;
+
+    void stepEnded(int step, double lastPairTime, const cv::Mat& exactCounts) override
+    {
+        steps.push_back({step, lastPairTime, exactCounts.clone()});
+    }
+};
+
 // Answers true from the given poll on.
 class CancelAfterPolls : public RecordingHooks {
 public:
@@ -841,6 +857,73 @@ private slots:
         }
         QVERIFY(cv::countNonZero(sum) > 0);
         QVERIFY(equal(sum, as32Bit(facts.exactCounts)));
+    }
+
+    void eachStepGetsTheExactCountsOfItsOwnPairsWithoutTheDetailedCount()
+    {
+        // 25 frames a second, steps of 2 s on a line starting 0.5 s before the video: pairs
+        // up to frame 37 (1.48 s + 0.5) form step 0, then every 50 frames one more.
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(40, 30), 160, 47);
+        const QString path = clip("steps.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        const double stepSeconds = 2.0;
+        const double offset = 0.5;
+        std::vector<cv::Mat> expected;
+        std::vector<double> lastTimes;
+        Reference::Analysis reference(frames.front().cols, frames.front().rows, true, cv::Mat());
+        cv::Mat before(frames.front().size(), CV_32SC1, cv::Scalar(0));
+        for (size_t i = 0; i < frames.size(); ++i) {
+            reference.addFrame(frames[i]);
+            const double time = i / 25.0 + offset;
+            const bool lastOfStep = i + 1 == frames.size() || std::floor((time + 0.04) / stepSeconds) > std::floor(time / stepSeconds);
+            if (i > 0 && lastOfStep) {
+                expected.push_back(reference.exactCounts() - before);
+                lastTimes.push_back(time);
+                before = reference.exactCounts().clone();
+            }
+        }
+        QCOMPARE(expected.size(), size_t{4});
+
+        MotionPassSettings settings;
+        settings.exactCounts = true;
+        settings.stepSeconds = stepSeconds;
+        settings.sliceOffset = offset;
+        StepRecordingHooks hooks;
+        MotionPassFacts facts;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, hooks, &facts),
+                 MotionPassOutcome::Finished);
+        QCOMPARE(hooks.steps.size(), expected.size());
+        cv::Mat sum(frames.front().size(), CV_32SC1, cv::Scalar(0));
+        for (size_t k = 0; k < expected.size(); ++k) {
+            QCOMPARE(hooks.steps[k].index, static_cast<int>(k));
+            QVERIFY(std::abs(hooks.steps[k].lastPairTime - lastTimes[k]) < 1e-6);
+            QCOMPARE(hooks.steps[k].counts.type(), CV_16UC1);
+            QVERIFY(cv::countNonZero(expected[k]) > 0);
+            QVERIFY(equal(as32Bit(hooks.steps[k].counts), expected[k]));
+            sum += as32Bit(hooks.steps[k].counts);
+        }
+        QVERIFY(equal(sum, as32Bit(facts.exactCounts)));
+    }
+
+    void stepsNeedTheExactCountsAndLeaveTheSlicesAlone()
+    {
+        const std::vector<cv::Mat> frames = speckledNoise(cv::Size(24, 16), 60, 59);
+        const QString path = clip("steps-off.mkv", frames);
+        QVERIFY(!path.isEmpty());
+        MotionPassSettings settings;
+        settings.stepSeconds = 1.0;
+        StepRecordingHooks plain;
+        cv::Mat counts, background;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, plain), MotionPassOutcome::Finished);
+        QVERIFY(plain.steps.empty());
+        // Steps and slices of other lengths side by side: each as long as asked.
+        settings.detailed = true;
+        settings.sliceSeconds = 2.0;
+        StepRecordingHooks both;
+        QCOMPARE(MotionPass::run(path.toUtf8(), settings, counts, background, both), MotionPassOutcome::Finished);
+        QCOMPARE(both.steps.size(), size_t{3});
+        QCOMPARE(both.steps.back().index, 2);
     }
 
     // 60 frames at 25 a second, the last 30 of them `jump` seconds later than the first 30.

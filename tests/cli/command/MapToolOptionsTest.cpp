@@ -65,6 +65,10 @@ private slots:
     void sceneChangeSetsTheShareAndImpliesSteadyLight();
     void badSceneChangeSharesAreUsageErrorsNamingTheValue_data();
     void badSceneChangeSharesAreUsageErrorsNamingTheValue();
+    void timelapseStepAndWindowAreRead();
+    void badTimelapseStepsAndWindowsAreUsageErrors_data();
+    void badTimelapseStepsAndWindowsAreUsageErrors();
+    void timelapseRefusesManifests();
 };
 
 void MapToolOptionsTest::oneVideoGetsTheDefaults()
@@ -209,11 +213,12 @@ void MapToolOptionsTest::helpTextDocumentsEveryOptionTheNamingAndTheExitStatus()
     for (const char* option : {"--output-dir DIR", "--format FORMAT", "--jobs N", "--counts", "--background",
                                "--no-blur", "--overwrite", "--quiet", "--help", "--version", "--data",
                                "--mask FILE", "--start T", "--end T", "--report DIR", "--scale N|auto",
-                               "--combine NAME", "--legend", "--slice DURATION"})
+                               "--combine NAME", "--legend", "--slice DURATION", "--timelapse STEP",
+                               "--timelapse-window W"})
         QVERIFY2(help.contains(QLatin1String(option)), option);
     for (const char* text : {"clip.part1.mp4 gives", "NAME.counts.png", "NAME.background.png", "Exit status:",
                              "\n  0 ", "\n  1 ", "\n  2 ", "\n  130 ", "Can't open video file", "Can't save image file",
-                             "NAME.slice-HHhMMmSSs", "Examples:", "parallel tremora-map --jobs 1 ::: *.mp4"})
+                             "NAME.slice-HHhMMmSSs", "NAME.timelapse.mp4", "Examples:", "parallel tremora-map --jobs 1 ::: *.mp4"})
         QVERIFY2(help.contains(QLatin1String(text)), text);
     for (const QString& line : help.split(QLatin1Char('\n')))
         QVERIFY2(line.size() <= 80, qPrintable(line));
@@ -252,6 +257,8 @@ void MapToolOptionsTest::withoutTheNewOptionsNothingChanges()
     QCOMPARE(o.scale, 8.5);
     QVERIFY(o.combineName.isEmpty());
     QCOMPARE(o.sliceSeconds, 0.0);
+    QCOMPARE(o.timelapseSeconds, 0.0);
+    QCOMPARE(o.timelapseWindowSeconds, 0.0);
 }
 
 void MapToolOptionsTest::timesAreReadAsSecondsOrClockTimes_data()
@@ -470,9 +477,6 @@ void MapToolOptionsTest::badSceneChangeSharesAreUsageErrorsNamingTheValue()
     QVERIFY(!parsed.error.contains(QLatin1Char('\n')));
 }
 
-QTEST_GUILESS_MAIN(MapToolOptionsTest)
-#include "MapToolOptionsTest.moc"
-
 void MapToolOptionsTest::sliceIsReadInSecondsMinutesOrHours_data()
 {
     QTest::addColumn<QString>("value");
@@ -552,3 +556,50 @@ void MapToolOptionsTest::sliceGoesWithCombineDataLegendAutoScaleAndTheReport()
     QCOMPARE(parsed.options.combineName, QStringLiteral("all"));
     QVERIFY(parsed.options.data && parsed.options.legend && parsed.options.scaleAuto);
 }
+
+void MapToolOptionsTest::timelapseStepAndWindowAreRead()
+{
+    const MapToolOptions o = parse({"--timelapse", "1m", "--timelapse-window=1h", "a.mp4"}).options;
+    QCOMPARE(o.timelapseSeconds, 60.0);
+    QCOMPARE(o.timelapseWindowSeconds, 3600.0);
+    const ParsedCommandLine plain = parse({"--timelapse=90", "--slice", "1h", "a.mp4"});
+    QCOMPARE(plain.action, ParsedCommandLine::Action::Run);
+    QCOMPARE(plain.options.timelapseSeconds, 90.0);
+    QCOMPARE(plain.options.timelapseWindowSeconds, 0.0);
+    QCOMPARE(plain.options.sliceSeconds, 3600.0);
+}
+
+void MapToolOptionsTest::badTimelapseStepsAndWindowsAreUsageErrors_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("0") << QStringList{"--timelapse", "0"} << "'0'";
+    QTest::newRow("half a second") << QStringList{"--timelapse", "0.5s"} << "'0.5s'";
+    QTest::newRow("1.5 s") << QStringList{"--timelapse", "1.5"} << "'1.5'";
+    QTest::newRow("a word") << QStringList{"--timelapse", "often"} << "'often'";
+    QTest::newRow("empty") << QStringList{"--timelapse="} << "''";
+    QTest::newRow("window 90 s of 1 m") << QStringList{"--timelapse", "1m", "--timelapse-window", "90s"} << "90s";
+    QTest::newRow("window 0") << QStringList{"--timelapse", "1s", "--timelapse-window", "0"} << "'0'";
+    QTest::newRow("window alone") << QStringList{"--timelapse-window", "1h"} << "--timelapse STEP";
+}
+
+void MapToolOptionsTest::badTimelapseStepsAndWindowsAreUsageErrors()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, named);
+    const ParsedCommandLine parsed = parse(arguments << "a.mp4");
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains(named) && parsed.error.contains("--timelapse"), qPrintable(parsed.error));
+    QVERIFY(!parsed.error.contains('\n'));
+}
+
+void MapToolOptionsTest::timelapseRefusesManifests()
+{
+    const ParsedCommandLine parsed = parse({"--combine", "all", "--timelapse", "10s", "a.mp4", "b.json"});
+    QCOMPARE(parsed.action, ParsedCommandLine::Action::UsageError);
+    QVERIFY2(parsed.error.contains("--timelapse needs the videos") && parsed.error.contains("b.json"),
+             qPrintable(parsed.error));
+}
+
+QTEST_GUILESS_MAIN(MapToolOptionsTest)
+#include "MapToolOptionsTest.moc"

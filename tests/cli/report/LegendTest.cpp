@@ -207,6 +207,52 @@ private slots:
         QCOMPARE(Legend::contentOf("clip.mp4", "", 8.5, footageSeconds, {}, false).footageHours, 0.0);
     }
 
+    void aFilmPictureKeepsTheMapAndHasEvenSides_data()
+    {
+        QTest::addColumn<QSize>("size");
+        QTest::newRow("even") << QSize(320, 240);
+        QTest::newRow("odd width") << QSize(321, 240);
+        QTest::newRow("odd height") << QSize(320, 241);
+        QTest::newRow("narrow") << QSize(97, 63);
+        QTest::newRow("1080p") << QSize(1920, 1080);
+    }
+
+    void aFilmPictureKeepsTheMapAndHasEvenSides()
+    {
+        QFETCH(QSize, size);
+        const QImage map = mapOf(size.width(), size.height());
+        const QImage picture = Legend::renderCaption(map, QStringLiteral("clip.mp4"), QStringLiteral("0:10:00"));
+        QCOMPARE(picture.width() % 2, 0);
+        QCOMPARE(picture.height() % 2, 0);
+        QCOMPARE(picture.width(), size.width() + size.width() % 2);
+        QCOMPARE(picture.copy(0, 0, size.width(), size.height()).convertToFormat(QImage::Format_RGB888), map);
+        // Two lines of text below it: the time and the name.
+        const int strip = picture.height() - size.height();
+        QVERIFY2(strip >= 2 * Legend::textPixels(size.width()), qPrintable(QString::number(strip)));
+        QVERIFY(inkPixels(picture, size.height()) > 5 * Legend::textPixels(size.width()));
+    }
+
+    void aFilmPictureSaysItsTime()
+    {
+        const QImage map = mapOf(320, 240);
+        const QImage early = Legend::renderCaption(map, QStringLiteral("clip.mp4"), QStringLiteral("0:00:10"));
+        const QImage late = Legend::renderCaption(map, QStringLiteral("clip.mp4"), QStringLiteral("0:59:50"));
+        QCOMPARE(early.size(), late.size());
+        QVERIFY(early != late);
+        QCOMPARE(early.copy(0, 0, 320, 240), late.copy(0, 0, 320, 240));
+    }
+
+    void timePointsSayClockTimeWhenKnown()
+    {
+        QCOMPARE(Legend::timePoint(QStringLiteral("2024-05-01T10:00:00.000000Z"), 600.0),
+                 QStringLiteral("2024-05-01 10:10:00 UTC"));
+        QCOMPARE(Legend::timePoint(QStringLiteral("2024-05-01T23:59:00Z"), 120.5),
+                 QStringLiteral("2024-05-02 00:01:00 UTC"));
+        QCOMPARE(Legend::timePoint(QString(), 3725.9), QStringLiteral("1:02:05"));
+        QCOMPARE(Legend::timePoint(QStringLiteral("not a time"), 59.0), QStringLiteral("0:00:59"));
+        QCOMPARE(Legend::timePoint(QString(), 1e11), QString());
+    }
+
     void masksAreNamedByFileOnceEachAndEmptyOnesLeftOut()
     {
         QCOMPARE(Legend::contentOf("both", "", 8.5, 60.0, {"/cams/left/mask.png", "", "mask.png", "/m/door.png"}, false).mask,

@@ -81,6 +81,20 @@ private slots:
         QVERIFY(page.contains(QStringLiteral("4 videos")));
     }
 
+    void aCardWithAFilmPlaysItBesideItsMapWithTheBrowsersControls()
+    {
+        ReportCard filmed = card("1", "clip.mp4");
+        filmed.filmFile = QStringLiteral("maps/1.timelapse.mp4");
+        const QString page = QString::fromUtf8(ReportPage::render(QStringLiteral("Report"), {filmed, card("2", "b.mp4")}));
+        QCOMPARE(page.count(QStringLiteral("<video")), 1);
+        const int video = page.indexOf(QStringLiteral("<video controls"));
+        QVERIFY(video > 0);
+        QVERIFY(page.indexOf(QStringLiteral("src=\"maps/1.timelapse.mp4\""), video) > video);
+        // Beside the map: in the card's side column, after the map's figure.
+        QVERIFY(page.lastIndexOf(QStringLiteral("<div class=\"side\">"), video)
+                > page.lastIndexOf(QStringLiteral("<figure class=\"map\">"), video));
+    }
+
     void aFailedInputShowsItsErrorAndNoMap()
     {
         const ReportCard failed = ReportPage::inputCard(QStringLiteral("1"), QStringLiteral("/v/x.mp4"), {},
