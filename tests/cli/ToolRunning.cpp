@@ -89,6 +89,14 @@ cv::Mat readEvents(const QString& path)
     return wide;
 }
 
+bool saveMask(const QString& path, const cv::Mat& mask)
+{
+    QImage image(mask.cols, mask.rows, QImage::Format_Grayscale8);
+    for (int y = 0; y < mask.rows; ++y)
+        std::memcpy(image.scanLine(y), mask.ptr(y), static_cast<size_t>(mask.cols));
+    return image.save(path);
+}
+
 QString schemaComplaint(const QString& schema, const QString& manifest)
 {
     const QString script = QStringLiteral(

@@ -47,6 +47,9 @@ cv::Mat readBackground(const QString& path);
 // A 16-bit grey PNG (NAME.events.png) as 32-bit counts; empty when the file is not one.
 cv::Mat readEvents(const QString& path);
 
+// Writes the 8-bit one-channel `mask` as a grey PNG a run's --mask reads.
+bool saveMask(const QString& path, const cv::Mat& mask);
+
 // Validates the JSON file `manifest` against the JSON schema `schema` with Debian's Python;
 // the validator's complaint, empty when it is valid.
 QString schemaComplaint(const QString& schema, const QString& manifest);

@@ -110,14 +110,6 @@ bool sameActivity(const std::vector<ActivityRow>& rows, const Reference::Analysi
     return true;
 }
 
-bool saveMask(const QString& path, const cv::Mat& mask)
-{
-    QImage image(mask.cols, mask.rows, QImage::Format_Grayscale8);
-    for (int y = 0; y < mask.rows; ++y)
-        std::memcpy(image.scanLine(y), mask.ptr(y), static_cast<size_t>(mask.cols));
-    return image.save(path);
-}
-
 // Frames of `size` where pixel (1, 1) changes every 51 frames: `events` separate events.
 std::vector<cv::Mat> blinkingEvery51(cv::Size size, int events)
 {
@@ -212,7 +204,7 @@ private slots:
     {
         cv::Mat mask(32, 48, CV_8UC1, cv::Scalar(255));
         mask(cv::Rect(0, 0, 24, 32)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clip("half.png"), mask));
+        QVERIFY(ToolRunning::saveMask(clip("half.png"), mask));
         QCOMPARE(tool({"--data", clip("speckles.mkv")}).exitCode, 0);
         const cv::Mat whole = readEvents(out("speckles.events.png"));
         const QByteArray wholeMap = readAll(out("speckles.png"));
@@ -241,7 +233,7 @@ private slots:
     {
         cv::Mat small(8, 12, CV_8UC1, cv::Scalar(255));
         small(cv::Rect(3, 2, 7, 5)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clip("small.png"), small));
+        QVERIFY(ToolRunning::saveMask(clip("small.png"), small));
         // Unsmoothed, so that the speckles make events all over the picture.
         QCOMPARE(tool({"--data", "--no-blur", "--mask", clip("small.png"), clip("speckles.mkv")}).exitCode, 0);
         const cv::Mat mask = Reference::nearestMask(small, cv::Size(48, 32));
@@ -256,7 +248,7 @@ private slots:
     {
         cv::Mat mask(32, 48, CV_8UC1, cv::Scalar(255));
         mask(cv::Rect(0, 0, 48, 16)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clip("top.png"), mask));
+        QVERIFY(ToolRunning::saveMask(clip("top.png"), mask));
         QCOMPARE(tool({"--counts", "--mask", clip("top.png"), clip("speckles.mkv")}).exitCode, 0);
         QVERIFY(equal(readGrey8(out("speckles.counts.png")), referenceOver(m_speckles, mask).counts()));
         QCOMPARE(entries(outPath()), (QStringList{"speckles.counts.png", "speckles.png"}));
@@ -385,7 +377,7 @@ private slots:
         QVERIFY(text.open(QIODevice::WriteOnly));
         text.write("not a picture\n");
         text.close();
-        QVERIFY(saveMask(clip("black.png"), cv::Mat(8, 8, CV_8UC1, cv::Scalar(127))));
+        QVERIFY(ToolRunning::saveMask(clip("black.png"), cv::Mat(8, 8, CV_8UC1, cv::Scalar(127))));
         QFile wide(clip("wide.png"));
         QVERIFY(wide.open(QIODevice::WriteOnly));
         wide.write(TestSupport::blackGreyPng(16385, 2, 8));

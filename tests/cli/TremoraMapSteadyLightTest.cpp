@@ -133,14 +133,6 @@ QJsonObject readJson(const QString& path)
     return QJsonDocument::fromJson(readAll(path)).object();
 }
 
-bool saveMask(const QString& path, const cv::Mat& mask)
-{
-    QImage image(mask.cols, mask.rows, QImage::Format_Grayscale8);
-    for (int y = 0; y < mask.rows; ++y)
-        std::memcpy(image.scanLine(y), mask.ptr(y), static_cast<size_t>(mask.cols));
-    return image.save(path);
-}
-
 } // namespace
 
 class TremoraMapSteadyLightTest : public QObject, private ToolRunning::Folders {
@@ -237,7 +229,7 @@ private slots:
     {
         cv::Mat mask(kHeight, kWidth, CV_8UC1, cv::Scalar(255));
         mask(cv::Rect(0, 0, kWidth / 3, kHeight)).setTo(cv::Scalar(0));
-        QVERIFY(saveMask(clip("mask.png"), mask));
+        QVERIFY(ToolRunning::saveMask(clip("mask.png"), mask));
         checkAgainstReference("step", m_step, {"--steady-light", "--mask", clip("mask.png")}, true, 0.5, mask);
     }
 

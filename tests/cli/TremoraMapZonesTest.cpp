@@ -166,14 +166,6 @@ bool sameRows(const std::vector<ZoneRow>& rows, const std::vector<ZoneRow>& expe
     return true;
 }
 
-bool saveMask(const QString& path, const cv::Mat& mask)
-{
-    QImage image(mask.cols, mask.rows, QImage::Format_Grayscale8);
-    for (int y = 0; y < mask.rows; ++y)
-        std::memcpy(image.scanLine(y), mask.ptr(y), static_cast<size_t>(mask.cols));
-    return image.save(path);
-}
-
 // Speckled noise everywhere but in the columns from 36 on, which stay still. Compared
 // unsmoothed (--no-blur), its speckles move single pixels, so every zone sees many pairs.
 std::vector<cv::Mat> stillOnTheRight()
@@ -227,7 +219,7 @@ private slots:
             return std::vector<cv::Point>{{(i / 2) % 40, 4}, {30 - (i / 3) % 30, 18}};
         });
         QVERIFY(ClipMaking::writeGray(clip("squares.mkv"), m_squares));
-        QVERIFY(saveMask(clip("left.png"), maskedOnTheLeft()));
+        QVERIFY(ToolRunning::saveMask(clip("left.png"), maskedOnTheLeft()));
         QVERIFY(writeFile(clip("zones.json"), zoneFileOf(kZones)));
     }
 
