@@ -13,7 +13,7 @@ struct AVBufferRef;
 // once serve the whole video.
 //
 // Buffers handed out stay valid after the planes are gone; their memory goes with the last of
-// them. Used by one thread at a time (the reader's).
+// them. take() is used by one thread at a time (the reader's); giveBack() on any thread.
 class GrayPlanes {
 public:
     GrayPlanes() = default;
@@ -25,6 +25,10 @@ public:
     // A buffer of `bytes`, holding what an earlier picture left in it; null when the system has
     // no memory to give. A new size starts a new pool.
     AVBufferRef* take(std::size_t bytes);
+
+    // Lets go of a plane, in place of av_buffer_unref, so that whoever takes it from the pool
+    // next is seen to come after every use of it here.
+    static void giveBack(AVBufferRef** buffer);
 
 private:
     AVBufferPool* m_pool = nullptr;

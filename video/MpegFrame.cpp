@@ -142,7 +142,7 @@ MpegFrame::MpegFrame(AVFrame* frame, SwsContext** grayScaler, GrayPlanes& grayPl
 
 MpegFrame::~MpegFrame()
 {
-    av_buffer_unref(&m_gray);
+    GrayPlanes::giveBack(&m_gray);
     av_frame_free(&m_frame);
 }
 
