@@ -89,14 +89,15 @@ var Tremora = (function () {
 
   function lineSecond(part, second) { return Math.floor(second + part.offset); }
 
-  // Every part's seconds on the card's line and in its window; overlapping parts add up. A
-  // run in steady light gives each second its scene changes as a fourth value.
-  function lineActivity(card) {
+  // Every part's seconds on the card's line and in its window, from each part's data file
+  // `kind` (".activity") as `rowsOf` picks them; overlapping parts add up. A run in steady
+  // light gives each second its scene changes as a fourth value.
+  function sumOnLine(card, kind, rowsOf) {
     var parts = partsOf(card), w = windowOf(card);
-    return Promise.all(parts.map(function (p) { return load(p.key + ".activity"); })).then(function (all) {
+    return Promise.all(parts.map(function (p) { return load(p.key + kind); })).then(function (all) {
       var bySecond = {};
-      all.forEach(function (activity, i) {
-        activity.seconds.forEach(function (r) {
+      all.forEach(function (data, i) {
+        rowsOf(data).forEach(function (r) {
           var s = lineSecond(parts[i], r[0]);
           if (s < w.from || s >= w.to) return;
           var sum = bySecond[s] || (bySecond[s] = [s, 0, 0]);
@@ -108,6 +109,10 @@ var Tremora = (function () {
       return Object.keys(bySecond).map(Number).sort(function (a, b) { return a - b; })
         .map(function (s) { return bySecond[s]; });
     });
+  }
+
+  function lineActivity(card) {
+    return sumOnLine(card, ".activity", function (activity) { return activity.seconds; });
   }
 
   function el(name, attrs, parent, svg) {
@@ -545,12 +550,11 @@ var Tremora = (function () {
     }, true);
   }
 
-  // A zone's series on the chart instead of the whole picture's, from the select beside it.
+  // A zone's series on the chart instead of the whole picture's, from the select beside it;
+  // a part in which the zone saw nothing has no seconds for it.
   function zoneActivity(card, zone) {
-    var parts = partsOf(card), w = windowOf(card);
-    return load(parts[0].key + ".zones").then(function (zones) {
-      return zones.zones[zone].seconds.map(function (r) { return [lineSecond(parts[0], r[0]), r[1], r[2]]; })
-        .filter(function (r) { return r[0] >= w.from && r[0] < w.to; });
+    return sumOnLine(card, ".zones", function (zones) {
+      return zones.zones[zone] ? zones.zones[zone].seconds : [];
     });
   }
 
