@@ -58,9 +58,14 @@ QString zoneFiguresText(const QJsonObject& zone)
     QStringList parts;
     parts << tr("%1 events").arg(QString::number(zone.value(QLatin1String("events")).toDouble(), 'f', 0))
           << tr("%1 of its pixels").arg(ReportPage::percentText(zone.value(QLatin1String("pixels_with_events_share")).toDouble()));
-    // Without a frame rate the pairs are all that tell the time with motion.
+    // Without a frame rate the pairs are all that tell the time with motion. A zone passed by
+    // now and then moves for less than a second, which a clock would show as none.
     const QJsonValue motion = zone.value(QLatin1String("motion_s"));
-    if (motion.isDouble())
+    if (zone.value(QLatin1String("pairs_with_motion")).toDouble() == 0.0 && zone.contains(QLatin1String("pairs_with_motion")))
+        parts << tr("no motion");
+    else if (motion.isDouble() && motion.toDouble() < 60.0)
+        parts << tr("motion for %1 s").arg(QString::number(motion.toDouble(), 'f', 1));
+    else if (motion.isDouble())
         parts << tr("motion for %1").arg(ReportPage::clockText(motion.toDouble()));
     else if (zone.contains(QLatin1String("pairs_with_motion")))
         parts << tr("motion in %1 pairs").arg(zone.value(QLatin1String("pairs_with_motion")).toInt());

@@ -419,7 +419,8 @@ var Tremora = (function () {
   function outline(svg, zone, className) {
     var g = el("g", { "class": className }, svg, true);
     el("polygon", { points: pointsText(zone.polygon) }, g, true);
-    var size = Math.max(8, svg.viewBox.baseVal.width / 40);
+    // A fortieth of the picture's width, whatever its size: the label keeps its place on the map.
+    var size = svg.viewBox.baseVal.width / 40;
     var label = el("text", { x: zone.polygon[0][0] + 1, y: zone.polygon[0][1] + 1, "dominant-baseline": "hanging",
                              "font-size": size }, g, true);
     label.textContent = zone.name;
@@ -550,11 +551,18 @@ var Tremora = (function () {
     }, true);
   }
 
-  // A zone's series on the chart instead of the whole picture's, from the select beside it;
-  // a part in which the zone saw nothing has no seconds for it.
+  // A zone's series on the chart instead of the whole picture's, from the select beside it.
+  // A zone's data leaves out the seconds in which it saw nothing (and a part in which it saw
+  // nothing at all has none): on the seconds the whole picture has, those show as nothing
+  // rather than as a line drawn across them.
   function zoneActivity(card, zone) {
-    return sumOnLine(card, ".zones", function (zones) {
+    var zoneRows = sumOnLine(card, ".zones", function (zones) {
       return zones.zones[zone] ? zones.zones[zone].seconds : [];
+    });
+    return Promise.all([lineActivity(card), zoneRows]).then(function (both) {
+      var seen = {};
+      both[1].forEach(function (r) { seen[r[0]] = r; });
+      return both[0].map(function (r) { return seen[r[0]] || [r[0], 0, 0]; });
     });
   }
 

@@ -619,14 +619,19 @@ def check_zones_listed_outlined_and_drawn(tool, work):
         ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '0'")
         door = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
-        check(door != whole, "choosing a zone left the chart as it was")
+        # The door holds all of the clip's motion, so its chart may look like the whole
+        # picture's: what tells them apart is where the zone's own seconds come from.
+        door_seconds = zone_line_seconds([(os.path.join(work, "zones-maps", "zoned.zones.csv"), 0)], ZONE_NAMES[0])
+        check(door_seconds and chart_seconds(driver, "card-1")[1] == len(door_seconds),
+              "the door zone's chart: %r seconds (with motion), its table %r" % (chart_seconds(driver, "card-1"), door_seconds))
         zone_seconds = driver.execute_script(
             "return Array.from(document.querySelectorAll('#card-1 .chart .events rect, #card-1 .chart rect.events'))"
             ".length;")
         ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '1'")
         till = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
-        check(till != door, "the second zone's chart is the first's")
+        check(till != door and till != whole, "the till, which saw nothing, has the chart of the door or the whole")
+        check(chart_seconds(driver, "card-1")[1] == 0, "the till's chart shows motion")
         ActionChains(driver).send_keys(Keys.ARROW_UP).send_keys(Keys.ARROW_UP).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === ''")
         check(driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;") == whole,
@@ -665,11 +670,13 @@ def check_zones_listed_outlined_and_drawn(tool, work):
     check(areas == typed_areas and areas[0] > 1000, "areas of the drawn zones: %r, typed: %r" % (areas, typed_areas))
     check(zone_rows(os.path.join(work, "drawn", "zoned.zones.csv"), "by mouse"), "the drawn zone saw no motion")
 
-def chart_points(driver, card_id):
-    """The seconds the card's chart draws: the corners of its line of new events."""
+def chart_seconds(driver, card_id):
+    """The seconds the card's chart draws, and those of them with moving pixels: the corners of
+    its area of moving pixels between its two corners at the foot, and those above the foot."""
     d = driver.execute_script(
-        "var p = document.querySelector('#%s .chart path.events'); return p ? p.getAttribute('d') : '';" % card_id)
-    return len(re.findall(r"[ML]", d))
+        "var p = document.querySelector('#%s .chart path.moving'); return p ? p.getAttribute('d') : '';" % card_id)
+    heights = [float(y) for y in re.findall(r"L[-\d.]+,([-\d.]+)", d)][:-1]
+    return len(heights), sum(1 for y in heights if y < 100)
 
 
 def zone_line_seconds(tables, name):
@@ -723,18 +730,21 @@ def check_combined_and_manifest_cards_chart_their_zones(tool, work):
         options = driver.execute_script(
             "return Array.from(document.querySelectorAll('#card-c .chart-zone option')).map(o => o.textContent);")
         check(options == ["the whole picture"] + ["zone " + n for n in ZONE_NAMES], "combined chart choices: %r" % options)
-        whole = chart_points(driver, "card-c")
+        whole = chart_seconds(driver, "card-c")
         choose_zone_with_keys(driver, "card-c", [Keys.ARROW_DOWN], "0")
-        check(chart_points(driver, "card-c") == len(door),
-              "the combined chart of the door zone draws %d seconds, not %d" % (chart_points(driver, "card-c"), len(door)))
-        check(len(door) < whole, "the door zone's chart is the whole picture's (%d seconds)" % whole)
+        drawn = chart_seconds(driver, "card-c")
+        check(drawn == (whole[0], len(door)),
+              "the combined chart of the door zone: %r seconds (with motion), not %r" % (drawn, (whole[0], len(door))))
+        choose_zone_with_keys(driver, "card-c", [Keys.ARROW_DOWN], "1")
+        check(chart_seconds(driver, "card-c") == (whole[0], 0), "the till saw nothing on the combined chart")
 
         show_card(driver, "card-2")
         check(driver.find_elements(By.CSS_SELECTOR, "#card-2 .zone-list li"), "the manifest's card lists no zone")
         choose_zone_with_keys(driver, "card-2", [Keys.ARROW_DOWN], "0")
         own = zone_line_seconds(tables[1:2], ZONE_NAMES[0])
-        check(chart_points(driver, "card-2") == len(own),
-              "the manifest card's door chart draws %d seconds, not %d" % (chart_points(driver, "card-2"), len(own)))
+        check(chart_seconds(driver, "card-2")[1] == len(own),
+              "the manifest card's door chart: %r seconds (with motion), not %d with motion"
+              % (chart_seconds(driver, "card-2"), len(own)))
         errors = console_errors(driver)
         check(not errors, "console errors on the combined zoned report: %r" % errors)
     finally:
