@@ -27,9 +27,22 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
+// The time of a row of the table at `path`, from its `field`; false, with `error`, for a time
+// beyond any recording, which no second can number.
+bool placeableTime(const QString& path, const QByteArray& field, double* time, QString* error)
+{
+    *time = field.toDouble();
+    if (std::abs(*time) < MotionPass::kLatestTime)
+        return true;
+    *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
+                "its report data can't be placed")
+                 .arg(path, QString::fromLatin1(field));
+    return false;
+}
+
 // An activity table of --data ("pair,time_s,moving_pixels,new_events", and ",scene_change"
 // from a run in steady light) by second; false when it does not read. A time beyond any
-// recording, which no second can number, fails the table with `error`.
+// recording fails the table with `error`.
 bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QString* error)
 {
     QFile table(path);
@@ -40,13 +53,9 @@ bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QS
         const QList<QByteArray> fields = table.readLine().trimmed().split(',');
         if (fields.size() != columns || columns < 4)
             continue;
-        const double time = fields[1].toDouble();
-        if (!(std::abs(time) < MotionPass::kLatestTime)) {
-            *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
-                        "its report data can't be placed")
-                         .arg(path, QString::fromLatin1(fields[1]));
+        double time = 0.0;
+        if (!placeableTime(path, fields[1], &time, error))
             return false;
-        }
         const bool sceneChange = columns > 4 && fields[4] == "1";
         seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong(), sceneChange});
     }
@@ -71,13 +80,9 @@ bool readZones(const QString& path, const QStringList& names, ReportData::Activi
         const QList<QByteArray> fields = line.mid(nameEnd + 1).split(',');
         if (zone < 0 || fields.size() != 4)
             continue;
-        const double time = fields[1].toDouble();
-        if (!(std::abs(time) < MotionPass::kLatestTime)) {
-            *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
-                        "its report data can't be placed")
-                         .arg(path, QString::fromLatin1(fields[1]));
+        double time = 0.0;
+        if (!placeableTime(path, fields[1], &time, error))
             return false;
-        }
         seconds.addZone(static_cast<size_t>(zone), zones, time, fields[2].toLongLong(), fields[3].toLongLong());
     }
     return true;
