@@ -222,11 +222,20 @@ QImage MotionMap::render(const cv::Mat& eventCounts, const cv::Mat& background, 
         || !(scale > 0.0))
         return {};
     QImage map = blankMap(background);
-    if (map.isNull())
+    if (map.isNull() || !renderInto(map, eventCounts, background, scale))
         return {};
+    return map;
+}
+
+bool MotionMap::renderInto(QImage& target, const cv::Mat& eventCounts, const cv::Mat& background, double scale)
+{
+    if (!holdsData(eventCounts) || !holdsData(background) || !matchesExact(eventCounts, background)
+        || !(scale > 0.0) || target.format() != QImage::Format_RGB888 || target.width() < background.cols
+        || target.height() < background.rows)
+        return false;
     // The rows' addresses are taken here: scanLine() of a writable image is for one thread.
-    unsigned char* const bits = map.bits();
-    const qsizetype bytesPerLine = map.bytesPerLine();
+    unsigned char* const bits = target.bits();
+    const qsizetype bytesPerLine = target.bytesPerLine();
     renderInStripes(background.rows, background.cols, [&](int first, int end) {
         for (int y = first; y < end; ++y) {
             const unsigned char* backgroundRow = background.ptr<unsigned char>(y);
@@ -237,7 +246,7 @@ QImage MotionMap::render(const cv::Mat& eventCounts, const cv::Mat& background, 
                 renderExactRow(eventCounts.ptr<std::int32_t>(y), backgroundRow, out, background.cols, scale);
         }
     });
-    return map;
+    return true;
 }
 
 QImage MotionMap::render(const cv::Mat& motionCount, const cv::Mat& background)

@@ -37,4 +37,11 @@ QImage render(const cv::Mat& motionCount, const cv::Mat& background);
 // the map of render() pixel for pixel. A null image as render() gives one. Reentrant.
 QImage render(const cv::Mat& eventCounts, const cv::Mat& background, double scale);
 
+// Renders what render(eventCounts, background, scale) gives into the top-left corner of
+// `target`, a Format_RGB888 image at least that large, and leaves its other pixels as they
+// are: a film, which shows the map again and again, keeps one picture for all of them. False,
+// with `target` untouched, where render() gives a null image or `target` does not fit.
+// Reentrant.
+bool renderInto(QImage& target, const cv::Mat& eventCounts, const cv::Mat& background, double scale);
+
 } // namespace MotionMap

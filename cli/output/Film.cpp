@@ -192,25 +192,27 @@ QString write(const Settings& settings, const QStringList& stepFiles, const cv::
         step = 0;
     Encoder encoder(settings);
     cv::Mat sum(background.size(), CV_32SC1, cv::Scalar(0));
-    QImage map;
+    Legend::CaptionedPictures pictures(QSize(background.cols, background.rows));
+    if (pictures.picture().isNull())
+        return tr("Can't write the time-lapse film '%1'").arg(settings.path);
+    bool drawn = false;
     double lastPairTime = 0.0;
     for (;; ++step) {
         if (canceled(settings))
             return tr("The time-lapse film '%1' was not finished: the run was interrupted").arg(settings.path);
-        // A picture only changes when its events do; its time changes every step.
-        const bool changed = map.isNull() || added.nextStep() <= step
+        // A picture's map only changes when its events do; its time changes every step.
+        const bool changed = !drawn || added.nextStep() <= step
             || (windowSteps > 0 && removed.nextStep() <= step - windowSteps);
         if (!added.applyUpTo(step, sum, 1, &lastPairTime)
             || (windowSteps > 0 && !removed.applyUpTo(step - windowSteps, sum, -1, nullptr)))
             return added.error().isEmpty() ? removed.error() : added.error();
-        if (changed)
-            map = MotionMap::render(sum, background, settings.scale);
-        if (map.isNull())
+        if (changed && !MotionMap::renderInto(pictures.picture(), sum, background, settings.scale))
             return tr("Can't write the time-lapse film '%1'").arg(settings.path);
+        drawn = true;
         const bool last = added.nextStep() == std::numeric_limits<int>::max();
         const double reached = last ? lastPairTime : (step + 1.0) * settings.stepSeconds;
-        const QString error = encoder.add(
-            Legend::renderCaption(map, settings.name, Legend::timePoint(settings.lineClock, reached)));
+        pictures.caption(settings.name, Legend::timePoint(settings.lineClock, reached));
+        const QString error = encoder.add(pictures.picture());
         if (!error.isEmpty())
             return error;
         if (last)

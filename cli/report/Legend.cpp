@@ -360,47 +360,62 @@ QImage render(const QImage& map, const Content& content)
 
 QImage renderCaption(const QImage& map, const QString& name, const QString& time)
 {
-    const int text = textPixels(map.width());
-    const int titleLine = QFontMetrics(fontOf(text + text / 4, true)).height();
-    const int line = QFontMetrics(fontOf(text)).height();
-    // 4:2:0 video halves both sides for its colour.
-    const int width = map.width() + map.width() % 2;
-    const int strip = text / 2 + titleLine + line + text / 2;
-    const int height = map.height() + strip + (map.height() + strip) % 2;
+    CaptionedPictures pictures(map.size());
+    QImage& picture = pictures.picture();
+    if (picture.isNull())
+        return {};
+    const QImage rows = map.convertToFormat(QImage::Format_RGB888);
+    const auto mapBytes = static_cast<size_t>(rows.width()) * 3;
+    for (int row = 0; row < rows.height(); ++row)
+        std::memcpy(picture.scanLine(row), rows.constScanLine(row), mapBytes);
+    pictures.caption(name, time);
+    return picture;
+}
 
-    // A film has a picture for every step, so the strip is painted on its own, in the format
-    // the painter draws fastest, and the map's rows are copied as they are.
-    QImage below(width, height - map.height(), QImage::Format_RGB32);
-    below.fill(kPaper);
-    QPainter painter(&below);
+CaptionedPictures::CaptionedPictures(QSize mapSize)
+    : m_mapHeight(mapSize.height())
+    , m_text(textPixels(mapSize.width()))
+    , m_titleLine(QFontMetrics(fontOf(m_text + m_text / 4, true)).height())
+{
+    const int line = QFontMetrics(fontOf(m_text)).height();
+    // 4:2:0 video halves both sides for its colour.
+    const int width = mapSize.width() + mapSize.width() % 2;
+    const int strip = m_text / 2 + m_titleLine + line + m_text / 2;
+    const int height = m_mapHeight + strip + (m_mapHeight + strip) % 2;
+    m_picture = QImage(width, height, QImage::Format_RGB888);
+    m_strip = QImage(width, height - m_mapHeight, QImage::Format_RGB32);
+    if (m_strip.isNull())
+        m_picture = QImage();
+    // The paper's colour also beside a map of odd width, which no map covers.
+    m_picture.fill(kPaper);
+}
+
+void CaptionedPictures::caption(const QString& name, const QString& time)
+{
+    if (m_picture.isNull())
+        return;
+    m_strip.fill(kPaper);
+    QPainter painter(&m_strip);
     painter.setRenderHint(QPainter::TextAntialiasing);
-    const int left = std::min(text, width / 8);
+    const int width = m_strip.width();
+    const int left = std::min(m_text, width / 8);
     const int textWidth = std::max(1, width - 2 * left);
-    int y = text / 2;
+    int y = m_text / 2;
     painter.setPen(kInk);
-    painter.setFont(fontOf(text + text / 4, true));
+    painter.setFont(fontOf(m_text + m_text / 4, true));
     painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
                      painter.fontMetrics().elidedText(time, Qt::ElideRight, textWidth));
-    y += titleLine;
+    y += m_titleLine;
     painter.setPen(kQuietInk);
-    painter.setFont(fontOf(text));
+    painter.setFont(fontOf(m_text));
     painter.drawText(QPoint(left, y + painter.fontMetrics().ascent()),
                      painter.fontMetrics().elidedText(name, Qt::ElideMiddle, textWidth));
     painter.end();
 
-    QImage picture(width, height, QImage::Format_RGB888);
-    const QImage rows = map.convertToFormat(QImage::Format_RGB888);
-    const QImage strip888 = below.convertToFormat(QImage::Format_RGB888);
-    const auto mapBytes = static_cast<size_t>(rows.width()) * 3;
+    const QImage strip888 = m_strip.convertToFormat(QImage::Format_RGB888);
     const auto rowBytes = static_cast<size_t>(width) * 3;
-    for (int row = 0; row < rows.height(); ++row) {
-        std::memcpy(picture.scanLine(row), rows.constScanLine(row), mapBytes);
-        // The paper's colour beside a map of odd width.
-        std::memcpy(picture.scanLine(row) + mapBytes, strip888.constScanLine(0) + mapBytes, rowBytes - mapBytes);
-    }
     for (int row = 0; row < strip888.height(); ++row)
-        std::memcpy(picture.scanLine(rows.height() + row), strip888.constScanLine(row), rowBytes);
-    return picture;
+        std::memcpy(m_picture.scanLine(m_mapHeight + row), strip888.constScanLine(row), rowBytes);
 }
 
 } // namespace Legend

@@ -71,4 +71,27 @@ QImage render(const QImage& map, const Content& content);
 // QGuiApplication for the fonts, as render() does; any thread, one image per call.
 QImage renderCaption(const QImage& map, const QString& name, const QString& time);
 
+// The pictures of a time-lapse film, one after another in one image laid out as
+// renderCaption() lays it out: the caller renders each map into the picture's top-left
+// corner, and caption() paints the strip below. A film's pictures differ only in their map
+// and time, so after the first nothing is allocated or cleared again. Needs a QGuiApplication
+// for the fonts; one thread at a time.
+class CaptionedPictures {
+public:
+    explicit CaptionedPictures(QSize mapSize);
+
+    // The whole picture, Format_RGB888: the map's place at the top left, paper elsewhere until
+    // caption() is called. Null when there was no memory for it.
+    QImage& picture() { return m_picture; }
+    // Paints the strip with `time` (bold) and `name`; the map's place is left as it is.
+    void caption(const QString& name, const QString& time);
+
+private:
+    QImage m_picture;
+    QImage m_strip; // painted in the format the painter draws fastest, then copied below the map
+    int m_mapHeight = 0;
+    int m_text = 0;
+    int m_titleLine = 0;
+};
+
 } // namespace Legend

@@ -249,6 +249,39 @@ private slots:
         QVERIFY(!MotionMap::render(counts, background, 8.5).isNull());
     }
 
+    void renderIntoALargerPictureDrawsTheMapInItsCornerAndLeavesTheRest()
+    {
+        std::mt19937 random(17);
+        const cv::Mat counts = randomCounts(401, 700, random);
+        cv::Mat exact;
+        counts.convertTo(exact, CV_32SC1);
+        const cv::Mat background = randomMatrix(401, 700, CV_8UC3, random);
+        QImage picture(701, 450, QImage::Format_RGB888);
+        picture.fill(QColor(250, 250, 250));
+        const QImage before = picture.copy();
+        QVERIFY(MotionMap::renderInto(picture, exact, background, 3.0));
+        QCOMPARE(picture.copy(0, 0, 700, 401), MotionMap::render(exact, background, 3.0));
+        QCOMPARE(picture.copy(700, 0, 1, 450), before.copy(700, 0, 1, 450));
+        QCOMPARE(picture.copy(0, 401, 701, 49), before.copy(0, 401, 701, 49));
+    }
+
+    void renderIntoRefusesAPictureItDoesNotFitAndLeavesIt()
+    {
+        const cv::Mat background(4, 6, CV_8UC3, cv::Scalar(1, 2, 3));
+        const cv::Mat counts(4, 6, CV_32SC1, cv::Scalar(2));
+        for (const QImage& refused : {QImage(5, 4, QImage::Format_RGB888), QImage(6, 3, QImage::Format_RGB888),
+                                      QImage(6, 4, QImage::Format_RGB32)}) {
+            QImage picture = refused;
+            picture.fill(Qt::white);
+            const QImage before = picture.copy();
+            QVERIFY(!MotionMap::renderInto(picture, counts, background, 8.5));
+            QCOMPARE(picture, before);
+        }
+        QImage fits(6, 4, QImage::Format_RGB888);
+        QVERIFY(!MotionMap::renderInto(fits, counts, background, 0.0));
+        QVERIFY(MotionMap::renderInto(fits, counts, background, 8.5));
+    }
+
     void renderReadsPaddedRows()
     {
         std::mt19937 random(11);

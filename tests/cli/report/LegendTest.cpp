@@ -3,6 +3,7 @@
 
 #include <QtTest>
 
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -240,6 +241,27 @@ private slots:
         QCOMPARE(early.size(), late.size());
         QVERIFY(early != late);
         QCOMPARE(early.copy(0, 0, 320, 240), late.copy(0, 0, 320, 240));
+    }
+
+    // A film keeps one picture for all its steps: whatever a step painted must not show
+    // through the next one's caption, and a map left in place stays as it was.
+    void aReusedFilmPictureIsTheFreshPictureOfItsLatestStep()
+    {
+        const QImage first = mapOf(321, 241);
+        QImage second = mapOf(321, 241);
+        second.fill(QColor(200, 30, 10));
+        Legend::CaptionedPictures pictures(first.size());
+        QImage& picture = pictures.picture();
+        QVERIFY(!picture.isNull());
+        for (int row = 0; row < first.height(); ++row)
+            std::memcpy(picture.scanLine(row), first.constScanLine(row), static_cast<size_t>(first.width()) * 3);
+        pictures.caption(QStringLiteral("a much longer name of a camera.mp4"), QStringLiteral("2024-05-01 23:59:50 UTC"));
+        pictures.caption(QStringLiteral("clip.mp4"), QStringLiteral("0:00:10"));
+        QCOMPARE(picture, Legend::renderCaption(first, QStringLiteral("clip.mp4"), QStringLiteral("0:00:10")));
+        for (int row = 0; row < second.height(); ++row)
+            std::memcpy(picture.scanLine(row), second.constScanLine(row), static_cast<size_t>(second.width()) * 3);
+        pictures.caption(QStringLiteral("clip.mp4"), QStringLiteral("0:00:20"));
+        QCOMPARE(picture, Legend::renderCaption(second, QStringLiteral("clip.mp4"), QStringLiteral("0:00:20")));
     }
 
     void timePointsSayClockTimeWhenKnown()
