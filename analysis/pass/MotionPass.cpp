@@ -430,9 +430,13 @@ void analyseFrames(MpegReader& reader, FramePtr firstFrame, cv::Size size, int r
                    MotionPassHooks& hooks, Timeline& timeline, MotionPassFacts& facts)
 {
     resetMaps(size, motionCount, background);
-    // Known whether or not a pair is counted, so that a zone without a pixel is told.
-    if (settings.detailed && !settings.zones.empty())
+    // Known before any pair is counted: a zone without a pixel makes the whole count
+    // worthless to the caller, so the pass ends here rather than after the video.
+    if (settings.detailed && !settings.zones.empty()) {
         facts.zones = ZoneSpans(size, settings.zones, MotionPass::maskAt(settings.mask, size));
+        if (facts.zones.hasZoneWithoutPixel())
+            return;
+    }
     hooks.started();
     if (hooks.cancelRequested() || !firstFrame)
         return;

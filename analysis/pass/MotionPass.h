@@ -144,7 +144,8 @@ struct MotionPassFacts {
     // at which an event began in any of its pixels.
     CellEventTimes eventTimes;
     // With MotionPassSettings::zones (and `detailed`): the zones' pixels at the video's size,
-    // once it is known.
+    // once it is known. When one of them has none (ZoneSpans::hasZoneWithoutPixel), the pass
+    // ends right there: started() is never called and no pair is counted.
     ZoneSpans zones;
     // The pass stopped at a pair it could not place (MotionPassOutcome::TimeOutOfRange), and
     // that pair's time, on the slices' time line when slicing or stepping
@@ -155,7 +156,8 @@ struct MotionPassFacts {
 
 enum class MotionPassOutcome {
     OpenFailed, // the file could not be opened as video; nothing was set up or counted
-    Finished,   // the video ended (or could not be read further, or changed its frame size)
+    Finished,   // the video ended (or could not be read further, or changed its frame size),
+                // or a zone has no pixel in it (see MotionPassFacts::zones)
     Canceled,   // cancelRequested() answered true, before the start or during the loop
     // With slices, steps or event times: a pair's time (MotionPassFacts::unplaceableTime) lies
     // beyond MotionPass::kLatestTime, where no slice, step or second can be numbered; the pass

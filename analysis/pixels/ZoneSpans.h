@@ -3,6 +3,7 @@
 #include <opencv2/core/mat.hpp>
 #include <opencv2/core/types.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -40,6 +41,11 @@ public:
     int zones() const { return m_zones; }
     // Per zone, its analysed pixels.
     const std::vector<std::int64_t>& areas() const { return m_areas; }
+    // Whether some zone has no analysed pixel at all.
+    bool hasZoneWithoutPixel() const
+    {
+        return std::any_of(m_areas.begin(), m_areas.end(), [](std::int64_t area) { return area == 0; });
+    }
 
     // Adds, to `tallies` (one per zone), the pixels of row `y` that moved in a pair
     // (`quiet` 0 after it) and the new events among them (`quietBefore`, the row's quiet

@@ -21,6 +21,7 @@
 #include "SliceSet.h"
 #include "Version.h"
 #include "ZoneSpans.h"
+#include "ZoneFigures.h"
 #include "ZonesOutput.h"
 
 #include <QCoreApplication>
@@ -479,44 +480,30 @@ QJsonArray combinedZoneFigures(const std::vector<Item>& items, const cv::Mat& ev
     const std::map<QString, ZoneTimes> times = oneTimeLine ? zoneTimesOf(zonesTable) : std::map<QString, ZoneTimes>();
     QJsonArray figures;
     for (int zone = 0; zone < definitions.size(); ++zone) {
-        double area = 0.0;
-        double pairs = 0.0;
+        ZoneFigures figure;
         double motion = 0.0;
         bool motionKnown = true;
         bool areaKnown = false;
         for (const Item& item : items) {
-            const QJsonObject figure = item.combined ? item.zoneFigures[zone].toObject() : QJsonObject();
-            if (figure.isEmpty())
+            const QJsonObject recorded = item.combined ? item.zoneFigures[zone].toObject() : QJsonObject();
+            if (recorded.isEmpty())
                 continue;
-            area = areaKnown ? area : figure["area_pixels"].toDouble();
+            figure.area = areaKnown ? figure.area : static_cast<std::int64_t>(recorded["area_pixels"].toDouble());
             areaKnown = true;
-            pairs += figure["pairs_with_motion"].toDouble();
-            motion += figure["motion_s"].toDouble();
-            motionKnown = motionKnown && figure["motion_s"].isDouble();
+            figure.pairsWithMotion += static_cast<std::int64_t>(recorded["pairs_with_motion"].toDouble());
+            motion += recorded["motion_s"].toDouble();
+            motionKnown = motionKnown && recorded["motion_s"].isDouble();
         }
-        const ZoneSpans::Totals& total = totals[static_cast<size_t>(zone)];
-        QJsonObject figure = definitions[zone].toObject();
-        figure.insert("area_pixels", area);
-        figure.insert("events", static_cast<double>(total.events));
-        figure.insert("pixels_with_events_share", area > 0.0 ? static_cast<double>(total.pixelsWithEvents) / area : 0.0);
-        figure.insert("pairs_with_motion", pairs);
-        figure.insert("motion_s", motionKnown ? QJsonValue(motion) : QJsonValue());
+        figure.totals = totals[static_cast<size_t>(zone)];
+        figure.motionSeconds = motionKnown ? motion : -1.0;
         const auto seen = times.find(zones[static_cast<size_t>(zone)].name);
-        const bool moved = seen != times.end() && seen->second.moved;
-        QJsonValue busiest;
         if (seen != times.end()) {
-            std::pair<std::int64_t, std::int64_t> most{0, 0};
-            for (const auto& [second, count] : seen->second.eventsBySecond) {
-                if (count > most.second)
-                    most = {second, count};
-            }
-            if (most.second > 0)
-                busiest = QJsonObject{{"start_s", static_cast<double>(most.first)}, {"events", static_cast<double>(most.second)}};
+            figure.moved = seen->second.moved;
+            figure.firstMotion = seen->second.first;
+            figure.lastMotion = seen->second.last;
+            figure.takeBusiestOf(seen->second.eventsBySecond);
         }
-        figure.insert("busiest_second", busiest);
-        figure.insert("first_motion_s", moved ? QJsonValue(seen->second.first) : QJsonValue());
-        figure.insert("last_motion_s", moved ? QJsonValue(seen->second.last) : QJsonValue());
-        figures.append(figure);
+        figures.append(figure.toJson(definitions[zone].toObject()));
     }
     return figures;
 }
@@ -571,9 +558,10 @@ QString writeFilm(const MapToolOptions& options, const std::vector<Item>& items,
 
 // Writes the combined files in the order of Outputs (the film before the manifest that names
 // it); the error, empty on success. `sceneChanges` receives the inputs' scene changes, -1 when
-// they were not counted in steady light or the run writes no data.
+// they were not counted in steady light or the run writes no data; `zoneFigures` each zone's
+// figures as the manifest records them, none without zones.
 QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& items, const CombinedMap& map,
-                     const Outputs& outputs, const FilmLine& line, std::int64_t* sceneChanges)
+                     const Outputs& outputs, const FilmLine& line, std::int64_t* sceneChanges, QJsonArray* zoneFigures)
 {
     const double scale = scaleOf(options, map.sum());
     for (const QString& path : outputs.all()) {
@@ -620,8 +608,10 @@ QString writeOutputs(const MapToolOptions& options, const std::vector<Item>& ite
             return error;
     }
     QJsonObject manifest = manifestOf(options, items, map, scale, oneTimeLine, outputs);
-    if (!outputs.zones.isEmpty())
-        manifest.insert("zones", combinedZoneFigures(items, events, oneTimeLine, outputs.zones));
+    if (!outputs.zones.isEmpty()) {
+        *zoneFigures = combinedZoneFigures(items, events, oneTimeLine, outputs.zones);
+        manifest.insert("zones", *zoneFigures);
+    }
     // Only when the inputs were counted in steady light, so that other manifests stay as they were.
     if (*sceneChanges >= 0)
         manifest.insert("scene_changes", QJsonObject{{"count", static_cast<double>(*sceneChanges)}});
@@ -673,7 +663,7 @@ public:
     {
         if (m_map.inputs() == 0)
             return {tr("Nothing to combine into '%1'").arg(m_options.combineName)};
-        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs, m_line, &m_sceneChanges);
+        const QString error = writeOutputs(m_options, m_items, m_map, m_outputs, m_line, &m_sceneChanges, &m_zoneFigures);
         return error.isEmpty() ? QStringList() : QStringList{error};
     }
 
@@ -703,6 +693,7 @@ private:
     const Outputs& m_outputs;
     const FilmLine m_line;
     std::int64_t m_sceneChanges = -1; // as writeOutputs() counted them
+    QJsonArray m_zoneFigures;         // as writeOutputs() summed them
 };
 
 // The inputs combined, as parts of one time line: by clock time when every one records it,
@@ -768,6 +759,7 @@ ReportCard Combination::combinedCard(const QString& staging, const std::vector<R
     const double pixels = static_cast<double>(m_map.sum().total());
     card.figures = ReportPage::countFigures(cv::sum(m_map.sum())[0], largest, cv::countNonZero(m_map.sum()) / pixels,
                                             m_sceneChanges);
+    card.zones = m_zoneFigures;
     card.figures.insert(card.figures.begin(),
                         {{tr("Videos"), leftOut == 0 ? QString::number(m_map.inputs())
                                                      : tr("%1 (%2 left out)").arg(m_map.inputs()).arg(leftOut)},

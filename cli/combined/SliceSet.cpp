@@ -9,6 +9,7 @@
 #include "MotionPass.h"
 #include "OutputFile.h"
 #include "OutputPlan.h"
+#include "ZoneFigures.h"
 #include "ZoneSpans.h"
 
 #include <QCoreApplication>
@@ -55,28 +56,6 @@ QString labelOf(double seconds, const QDateTime& lineClock)
     return QStringLiteral("%1h%2m%3s").arg(hours, 2, 10, zero).arg(minutes, 2, 10, zero).arg(secondsOfMinute, 2, 10, zero);
 }
 
-// Each zone's figures in a slice's summed events (`sum`, 32-bit), counted as its
-// events picture would hold them (saturating at 65535).
-QJsonArray zoneFiguresOf(const std::vector<Zone>& zones, const cv::Mat& mask, const cv::Mat& sum)
-{
-    cv::Mat events;
-    sum.convertTo(events, CV_16UC1);
-    const ZoneSpans spans(events.size(), ZoneFile::polygonsOf(zones), MotionPass::maskAt(mask, events.size()));
-    const std::vector<ZoneSpans::Totals> totals = spans.totalsOf(events);
-    const QJsonArray definitions = ZoneFile::toJson(zones);
-    QJsonArray figures;
-    for (size_t zone = 0; zone < zones.size(); ++zone) {
-        const auto area = static_cast<double>(spans.areas()[zone]);
-        QJsonObject figure = definitions[static_cast<int>(zone)].toObject();
-        figure.insert("area_pixels", area);
-        figure.insert("events", static_cast<double>(totals[zone].events));
-        figure.insert("pixels_with_events_share",
-                      area > 0.0 ? static_cast<double>(totals[zone].pixelsWithEvents) / area : 0.0);
-        figures.append(figure);
-    }
-    return figures;
-}
-
 } // namespace
 
 SliceSet::SliceSet(const Settings& settings)
@@ -106,13 +85,25 @@ QString SliceSet::tempFile() const
     return m_folder.filePath(QStringLiteral("%1.png").arg(m_files++));
 }
 
-QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges)
+void SliceSet::ZoneSeen::add(double lineTime, const ZoneSpans::Tally& tally)
+{
+    if (tally.movingPixels > 0) {
+        firstMotion = pairsWithMotion == 0 ? lineTime : std::min(firstMotion, lineTime);
+        lastMotion = pairsWithMotion == 0 ? lineTime : std::max(lastMotion, lineTime);
+        ++pairsWithMotion;
+    }
+    if (tally.newEvents > 0)
+        eventsBySecond[static_cast<std::int64_t>(std::floor(lineTime))] += tally.newEvents;
+}
+
+QString SliceSet::addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges,
+                           std::vector<ZoneSeen> zones)
 {
     const QString file = tempFile();
     if (!Utils::saveImage(MapImages::eventsImage(events), file))
         return tr("Can't save file '%1'").arg(file);
     QMutexLocker lock(&m_mutex);
-    m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs, sceneChanges});
+    m_series[static_cast<size_t>(series)].slices[slice].push_back({source, file, pairs, sceneChanges, std::move(zones)});
     return {};
 }
 
@@ -186,6 +177,50 @@ cv::Mat SliceSet::sumOf(const std::vector<Piece>& pieces, QString& error) const
         cv::add(sum, events, sum, cv::noArray(), CV_32SC1);
     }
     return sum;
+}
+
+// Each zone's figures in a slice: its events from the slice's summed events (`sum`,
+// 32-bit), counted as its events picture would hold them (saturating at 65535); its pairs,
+// seconds and times from what the pieces' pairs saw, the seconds of inputs that share a
+// second of the time line adding up.
+QJsonArray SliceSet::zoneFiguresOf(const cv::Mat& sum, const std::vector<Piece>& pieces) const
+{
+    const std::vector<Zone>& zones = m_settings.zones;
+    cv::Mat events;
+    sum.convertTo(events, CV_16UC1);
+    const ZoneSpans spans(events.size(), ZoneFile::polygonsOf(zones), MotionPass::maskAt(m_settings.mask, events.size()));
+    const std::vector<ZoneSpans::Totals> totals = spans.totalsOf(events);
+    const QJsonArray definitions = ZoneFile::toJson(zones);
+    QJsonArray figures;
+    for (size_t zone = 0; zone < zones.size(); ++zone) {
+        ZoneFigures figure;
+        figure.area = spans.areas()[zone];
+        figure.totals = totals[zone];
+        double motion = 0.0;
+        bool motionKnown = true;
+        std::map<std::int64_t, std::int64_t> eventsBySecond;
+        for (const Piece& piece : pieces) {
+            const auto source = m_sources.find(piece.source);
+            if (source == m_sources.end() || zone >= piece.zones.size())
+                continue;
+            const ZoneSeen& seen = piece.zones[zone];
+            const double frameRate = source->second.frameRate;
+            motionKnown = motionKnown && frameRate > 0.0;
+            motion += frameRate > 0.0 ? static_cast<double>(seen.pairsWithMotion) / frameRate : 0.0;
+            figure.pairsWithMotion += seen.pairsWithMotion;
+            if (seen.pairsWithMotion > 0) {
+                figure.firstMotion = figure.moved ? std::min(figure.firstMotion, seen.firstMotion) : seen.firstMotion;
+                figure.lastMotion = figure.moved ? std::max(figure.lastMotion, seen.lastMotion) : seen.lastMotion;
+                figure.moved = true;
+            }
+            for (const auto& [second, count] : seen.eventsBySecond)
+                eventsBySecond[second] += count;
+        }
+        figure.motionSeconds = motionKnown ? motion : -1.0;
+        figure.takeBusiestOf(eventsBySecond);
+        figures.append(figure.toJson(definitions[static_cast<int>(zone)].toObject()));
+    }
+    return figures;
 }
 
 QString SliceSet::labelOf(const Series& series, int slice) const
@@ -330,7 +365,7 @@ QString SliceSet::writeSlice(const Series& series, int slice, const std::vector<
     outcome.footageSeconds = footageKnown ? footage : -1.0;
     outcome.sceneChanges = m_settings.steadyLight ? sceneChanges : -1;
     if (!m_settings.zones.empty())
-        outcome.zones = zoneFiguresOf(m_settings.zones, m_settings.mask, sum);
+        outcome.zones = zoneFiguresOf(sum, pieces);
     if (m_settings.legends || m_settings.reportLegends) {
         Legend::Content content = Legend::contentOf(
             series.name, Legend::timeSpan(series.lineClock, start, std::clamp(end - start, 0.0, m_settings.sliceSeconds)),

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MapToolOptions.h"
+#include "ZoneSpans.h"
 
 #include <QJsonArray>
 #include <QMutex>
@@ -55,9 +56,21 @@ public:
         double pixelsWithEventsShare = 0.0;
         double footageSeconds = -1.0; // pairs at their frame rates; -1 when a rate is unknown
         std::int64_t sceneChanges = -1; // pairs that were scene changes; -1 unless in steady light
-        // With zones: each zone's name, polygon, area in analysed pixels, events and share of
-        // its pixels with an event in the slice, as the manifest names them.
+        // With zones: each zone's figures over the slice's pairs alone, the same figures and
+        // names as an input's manifest gives over the whole video (ZoneFigures), its times on
+        // the series' time line.
         QJsonArray zones;
+    };
+
+    // What one zone saw in an input's pairs within one slice (with --zones), at the pairs'
+    // times on the series' time line.
+    struct ZoneSeen {
+        std::int64_t pairsWithMotion = 0;
+        double firstMotion = 0.0; // meaningful once a pair has motion
+        double lastMotion = 0.0;
+        std::map<std::int64_t, std::int64_t> eventsBySecond; // seconds with new events only
+
+        void add(double lineTime, const ZoneSpans::Tally& tally);
     };
 
     explicit SliceSet(const Settings& settings);
@@ -89,8 +102,10 @@ public:
 
     // Pool threads. The events (16-bit) that began in slice `slice` of `series`, in the pairs
     // of the input at `source` (its place in the run), over `pairs` pairs of which
-    // `sceneChanges` were scene changes. The error, empty on success.
-    QString addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges);
+    // `sceneChanges` were scene changes; with zones, what each zone saw in those pairs. The
+    // error, empty on success.
+    QString addPiece(int series, int source, int slice, const cv::Mat& events, int pairs, int sceneChanges,
+                     std::vector<ZoneSeen> zones = {});
 
     // Pool threads. The input at `source` has been analysed and belongs in its series: its
     // background (8-bit R,G,B), the seconds on the series' time line its pairs ran from and
@@ -113,6 +128,7 @@ private:
         QString file;
         int pairs = 0;
         int sceneChanges = 0;
+        std::vector<ZoneSeen> zones;
     };
     struct Source {
         QString background;  // file
@@ -128,6 +144,7 @@ private:
     };
 
     cv::Mat sumOf(const std::vector<Piece>& pieces, QString& error) const;
+    QJsonArray zoneFiguresOf(const cv::Mat& sum, const std::vector<Piece>& pieces) const;
     // Why `slices` of a series cannot all be written; while `planning`, before any analysis,
     // the text ends with `subject` (what is not done because of it).
     static QString namesError(const Settings& settings, const QString& pattern, const QString& lineClock,

@@ -1,6 +1,7 @@
 #include "ZonesOutput.h"
 
 #include "OutputFile.h"
+#include "ZoneFigures.h"
 
 #include <QCoreApplication>
 #include <QJsonObject>
@@ -134,22 +135,17 @@ QJsonArray ZonesOutput::figuresOf(const FinishedInput& finished)
     for (size_t zone = 0; zone < m_zones.size(); ++zone) {
         Seen& seen = m_seen[zone];
         seen.closeSecond();
-        const std::int64_t area = zone < facts.zones.areas().size() ? facts.zones.areas()[zone] : 0;
-        const bool moved = seen.pairsWithMotion > 0;
-        QJsonObject figure = definitions[static_cast<int>(zone)].toObject();
-        figure.insert("area_pixels", static_cast<double>(area));
-        figure.insert("events", static_cast<double>(totals[zone].events));
-        figure.insert("pixels_with_events_share",
-                      area > 0 ? static_cast<double>(totals[zone].pixelsWithEvents) / static_cast<double>(area) : 0.0);
-        figure.insert("pairs_with_motion", static_cast<double>(seen.pairsWithMotion));
-        figure.insert("motion_s", frameRate > 0.0 ? QJsonValue(seen.pairsWithMotion / frameRate) : QJsonValue());
-        figure.insert("busiest_second",
-                      seen.busiestEvents > 0 ? QJsonValue(QJsonObject{{"start_s", static_cast<double>(seen.busiestSecond)},
-                                                                      {"events", static_cast<double>(seen.busiestEvents)}})
-                                             : QJsonValue());
-        figure.insert("first_motion_s", moved ? QJsonValue(seen.firstMotion) : QJsonValue());
-        figure.insert("last_motion_s", moved ? QJsonValue(seen.lastMotion) : QJsonValue());
-        figures.append(figure);
+        ZoneFigures figure;
+        figure.area = zone < facts.zones.areas().size() ? facts.zones.areas()[zone] : 0;
+        figure.totals = totals[zone];
+        figure.pairsWithMotion = seen.pairsWithMotion;
+        figure.motionSeconds = frameRate > 0.0 ? static_cast<double>(seen.pairsWithMotion) / frameRate : -1.0;
+        figure.moved = seen.pairsWithMotion > 0;
+        figure.firstMotion = seen.firstMotion;
+        figure.lastMotion = seen.lastMotion;
+        figure.busiestSecond = seen.busiestSecond;
+        figure.busiestEvents = seen.busiestEvents;
+        figures.append(figure.toJson(definitions[static_cast<int>(zone)].toObject()));
     }
     return figures;
 }

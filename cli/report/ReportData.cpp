@@ -19,21 +19,31 @@ void addTo(std::vector<ReportData::Second>& seconds, std::int64_t second, std::i
     last.sceneChanges += sceneChange ? 1 : 0;
 }
 
+std::int64_t secondOf(double time)
+{
+    return static_cast<std::int64_t>(time < 0.0 ? 0.0 : time);
+}
+
 } // namespace
 
 void ActivityBySecond::add(const MotionPassHooks::PairRecord& record)
 {
-    const auto second = static_cast<std::int64_t>(record.time < 0.0 ? 0.0 : record.time);
-    addTo(m_seconds, second, record.movingPixels, record.newEvents, record.sceneChange);
+    addTo(m_seconds, secondOf(record.time), record.movingPixels, record.newEvents, record.sceneChange);
     m_sceneChanges += record.sceneChange ? 1 : 0;
     if (!record.zones)
         return;
-    m_zones.resize(record.zones->size());
-    for (size_t zone = 0; zone < m_zones.size(); ++zone) {
+    for (size_t zone = 0; zone < record.zones->size(); ++zone) {
         const ZoneSpans::Tally& tally = (*record.zones)[zone];
-        if (tally.movingPixels != 0 || tally.newEvents != 0)
-            addTo(m_zones[zone], second, tally.movingPixels, tally.newEvents, false);
+        addZone(zone, record.zones->size(), record.time, tally.movingPixels, tally.newEvents);
     }
+}
+
+void ActivityBySecond::addZone(size_t zone, size_t zones, double time, std::int64_t movingPixels,
+                               std::int64_t newEvents)
+{
+    m_zones.resize(std::max(m_zones.size(), zones));
+    if (zone < m_zones.size() && (movingPixels != 0 || newEvents != 0))
+        addTo(m_zones[zone], secondOf(time), movingPixels, newEvents, false);
 }
 
 namespace {

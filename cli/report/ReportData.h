@@ -38,6 +38,9 @@ public:
     // With zones (PairRecord::zones): each zone's seconds alike, those in which it saw
     // nothing left out.
     const std::vector<std::vector<Second>>& zones() const { return m_zones; }
+    // A row of a zones table read back: what zone `zone` of `zones` saw in the pair at
+    // `time`. Rows of each zone in the order of time, as the table holds them.
+    void addZone(size_t zone, size_t zones, double time, std::int64_t movingPixels, std::int64_t newEvents);
 
 private:
     std::vector<Second> m_seconds;

@@ -58,9 +58,14 @@ QString zoneFiguresText(const QJsonObject& zone)
     QStringList parts;
     parts << tr("%1 events").arg(QString::number(zone.value(QLatin1String("events")).toDouble(), 'f', 0))
           << tr("%1 of its pixels").arg(ReportPage::percentText(zone.value(QLatin1String("pixels_with_events_share")).toDouble()));
-    // A slice's zones have no time figures: only what its summed events tell.
+    // Without a frame rate the pairs are all that tell the time with motion. A zone passed by
+    // now and then moves for less than a second, which a clock would show as none.
     const QJsonValue motion = zone.value(QLatin1String("motion_s"));
-    if (motion.isDouble())
+    if (zone.value(QLatin1String("pairs_with_motion")).toDouble() == 0.0 && zone.contains(QLatin1String("pairs_with_motion")))
+        parts << tr("no motion");
+    else if (motion.isDouble() && motion.toDouble() < 60.0)
+        parts << tr("motion for %1 s").arg(QString::number(motion.toDouble(), 'f', 1));
+    else if (motion.isDouble())
         parts << tr("motion for %1").arg(ReportPage::clockText(motion.toDouble()));
     else if (zone.contains(QLatin1String("pairs_with_motion")))
         parts << tr("motion in %1 pairs").arg(zone.value(QLatin1String("pairs_with_motion")).toInt());
@@ -104,14 +109,11 @@ QString zoneChoiceHtml(const ReportCard& card)
     return html + QStringLiteral("</select></label>");
 }
 
-// The zones' names and polygons, for the page to outline them on the map.
-QString zoneOutlinesJson(const ReportCard& card)
+// The zones with their figures as the card lists them, for the page to outline them on the
+// map, and for anyone reading the page to take the exact figures the text rounds.
+QString zonesJson(const ReportCard& card)
 {
-    QJsonArray outlines;
-    for (const QJsonValue& zone : card.zones)
-        outlines.append(QJsonObject{{"name", zone.toObject().value(QLatin1String("name"))},
-                                    {"polygon", zone.toObject().value(QLatin1String("polygon"))}});
-    return QString::fromUtf8(QJsonDocument(outlines).toJson(QJsonDocument::Compact));
+    return QString::fromUtf8(QJsonDocument(card.zones).toJson(QJsonDocument::Compact));
 }
 
 QString outcomeHtml(const ReportCard& card)
@@ -221,7 +223,7 @@ QString cardHtml(const ReportCard& card)
         + attribute("data-creation", card.creationTime) + attribute("data-parts", partsJson(card.parts))
         + windowAttributes(card) + attribute("data-activity", card.hasActivity ? QStringLiteral("1") : QStringLiteral("0"))
         + attribute("data-cells", card.hasCells ? QStringLiteral("1") : QStringLiteral("0"))
-        + (card.zones.isEmpty() ? QString() : attribute("data-zones", zoneOutlinesJson(card)))
+        + (card.zones.isEmpty() ? QString() : attribute("data-zones", zonesJson(card)))
         + attribute("aria-labelledby", QStringLiteral("title-") + card.key) + QStringLiteral(">");
     html += QStringLiteral("<h2") + attribute("id", QStringLiteral("title-") + card.key) + QStringLiteral(">");
     if (card.videoHref.isEmpty())

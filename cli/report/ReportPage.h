@@ -38,7 +38,7 @@ struct ReportCard {
     std::vector<std::pair<QString, QString>> figures; // label and value, in order
     bool hasActivity = false; // some part's data/KEY.activity.js exists
     bool hasCells = false;    // some part's data/KEY.cells.js exists
-    bool hasZoneSeries = false; // the first part's data/KEY.zones.js exists
+    bool hasZoneSeries = false; // every part's data/KEY.zones.js exists
     std::vector<ReportPart> parts; // the videos drawn: this card's own for an input's card
     double from = -1.0;   // the window of the line in seconds; -1: the whole line
     double to = -1.0;

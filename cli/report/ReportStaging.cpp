@@ -6,6 +6,8 @@
 #include "MapScale.h"
 #include "MotionMap.h"
 #include "OutputFile.h"
+#include "ZoneFile.h"
+#include "ZonesOutput.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -25,9 +27,22 @@ QString tr(const char* text)
     return QCoreApplication::translate("MapTool", text);
 }
 
+// The time of a row of the table at `path`, from its `field`; false, with `error`, for a time
+// beyond any recording, which no second can number.
+bool placeableTime(const QString& path, const QByteArray& field, double* time, QString* error)
+{
+    *time = field.toDouble();
+    if (std::abs(*time) < MotionPass::kLatestTime)
+        return true;
+    *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
+                "its report data can't be placed")
+                 .arg(path, QString::fromLatin1(field));
+    return false;
+}
+
 // An activity table of --data ("pair,time_s,moving_pixels,new_events", and ",scene_change"
 // from a run in steady light) by second; false when it does not read. A time beyond any
-// recording, which no second can number, fails the table with `error`.
+// recording fails the table with `error`.
 bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QString* error)
 {
     QFile table(path);
@@ -38,17 +53,49 @@ bool readActivity(const QString& path, ReportData::ActivityBySecond& seconds, QS
         const QList<QByteArray> fields = table.readLine().trimmed().split(',');
         if (fields.size() != columns || columns < 4)
             continue;
-        const double time = fields[1].toDouble();
-        if (!(std::abs(time) < MotionPass::kLatestTime)) {
-            *error = tr("'%1' has a time of %2 seconds, beyond any real recording (a damaged file?): "
-                        "its report data can't be placed")
-                         .arg(path, QString::fromLatin1(fields[1]));
+        double time = 0.0;
+        if (!placeableTime(path, fields[1], &time, error))
             return false;
-        }
         const bool sceneChange = columns > 4 && fields[4] == "1";
         seconds.add({fields[0].toInt(), time, fields[2].toLongLong(), fields[3].toLongLong(), sceneChange});
     }
     return true;
+}
+
+// A zones table of --data ("zone,pair,time_s,moving_pixels,new_events", the name quoted)
+// into `seconds`, each zone at its place among `names` (the manifest's zones in order); false
+// when it does not read. A time beyond any recording fails it as it fails the activity table.
+bool readZones(const QString& path, const QStringList& names, ReportData::ActivityBySecond& seconds, QString* error)
+{
+    QFile table(path);
+    if (!table.open(QIODevice::ReadOnly))
+        return false;
+    table.readLine();
+    const auto zones = static_cast<size_t>(names.size());
+    while (!table.atEnd()) {
+        const QByteArray line = table.readLine().trimmed();
+        QString name;
+        const int nameEnd = ZonesOutput::quotedFieldEnd(line, 0, &name);
+        const int zone = nameEnd < 0 ? -1 : names.indexOf(name);
+        const QList<QByteArray> fields = line.mid(nameEnd + 1).split(',');
+        if (zone < 0 || fields.size() != 4)
+            continue;
+        double time = 0.0;
+        if (!placeableTime(path, fields[1], &time, error))
+            return false;
+        seconds.addZone(static_cast<size_t>(zone), zones, time, fields[2].toLongLong(), fields[3].toLongLong());
+    }
+    return true;
+}
+
+// The names of the zones the manifest's run counted, in their order; none without zones.
+QStringList zoneNamesOf(const QJsonObject& manifest)
+{
+    QStringList names;
+    for (const Zone& zone : ZoneFile::fromJson(
+             manifest.value(QLatin1String("parameters")).toObject().value(QLatin1String("zones")).toArray()))
+        names << zone.name;
+    return names;
 }
 
 QJsonObject readJson(const QString& path)
@@ -174,7 +221,14 @@ QString writeManifestInput(const QString& staging, const QString& key, const QSt
         return error;
     ReportData::ActivityBySecond seconds;
     if (!header.activityPath.isEmpty() && readActivity(header.activityPath, seconds, &error)) {
-        error = writeData(staging, key, seconds.seconds(), steadyLight, CellEventTimes(), events.cols, events.rows);
+        const QStringList zoneNames = zoneNamesOf(*manifest);
+        // A table that does not open leaves the card without its zones' series, as a missing
+        // activity table leaves it without a chart.
+        if (!header.zonesPath.isEmpty() && !zoneNames.isEmpty() && !readZones(header.zonesPath, zoneNames, seconds, &error)
+            && !error.isEmpty())
+            return error;
+        error = writeData(staging, key, seconds.seconds(), steadyLight, CellEventTimes(), events.cols, events.rows,
+                          seconds.zones());
         if (!error.isEmpty())
             return error;
     }

@@ -110,6 +110,8 @@ public:
         ++m_pairsCounted;
         m_pairsWithMotion += record.movingPixels > 0 ? 1 : 0;
         ++m_slicePairs;
+        if (m_slices.set && record.zones)
+            addToSliceZones(record);
         if (record.sceneChange) {
             ++m_sliceSceneChanges;
             m_sceneChanges.add(record.time);
@@ -125,9 +127,11 @@ public:
     {
         const int pairs = std::exchange(m_slicePairs, 0);
         const int sceneChanges = std::exchange(m_sliceSceneChanges, 0);
+        std::vector<SliceSet::ZoneSeen> zones = std::exchange(m_sliceZones, {});
         if (!m_slices.set || !m_sliceError.isEmpty() || cv::countNonZero(exactCounts) == 0)
             return;
-        m_sliceError = m_slices.set->addPiece(m_slices.series, m_job.index, slice, exactCounts, pairs, sceneChanges);
+        m_sliceError = m_slices.set->addPiece(m_slices.series, m_job.index, slice, exactCounts, pairs, sceneChanges,
+                                              std::move(zones));
     }
     // Only the final map is written, so intermediate ones are never rendered.
     void refresh(Refresh) override {}
@@ -143,6 +147,15 @@ public:
     const Manifest::SceneChanges& sceneChanges() const { return m_sceneChanges; }
 
 private:
+    // On the slices' time line, where the slices' seconds are numbered.
+    void addToSliceZones(const PairRecord& record)
+    {
+        m_sliceZones.resize(record.zones->size());
+        const double lineTime = record.time + m_job.input.sliceOffset;
+        for (size_t zone = 0; zone < m_sliceZones.size(); ++zone)
+            m_sliceZones[zone].add(lineTime, (*record.zones)[zone]);
+    }
+
     FileJob& m_job;
     const std::atomic<int>& m_cancel;
     AtomicCounter& m_pairs;
@@ -154,6 +167,7 @@ private:
     std::int64_t m_pairsWithMotion = 0;
     int m_slicePairs = 0;
     int m_sliceSceneChanges = 0;
+    std::vector<SliceSet::ZoneSeen> m_sliceZones;
     Manifest::SceneChanges m_sceneChanges;
     double m_firstPairTime = 0.0;
     double m_lastPairTime = 0.0;
@@ -584,9 +598,11 @@ private:
             card.hasActivity = card.hasActivity || QFileInfo::exists(data + part.key + QStringLiteral(".activity.js"));
             card.hasCells = card.hasCells || QFileInfo::exists(data + part.key + QStringLiteral(".cells.js"));
         }
-        // The page charts a zone of the first part only: a card of several has none.
-        card.hasZoneSeries = card.parts.size() == 1
-                             && QFileInfo::exists(data + card.parts.front().key + QStringLiteral(".zones.js"));
+        // A zone's series sums every part's on the card's line, so each part must bring its own.
+        card.hasZoneSeries = !card.parts.empty()
+                             && std::all_of(card.parts.begin(), card.parts.end(), [&](const ReportPart& part) {
+                                    return QFileInfo::exists(data + part.key + QStringLiteral(".zones.js"));
+                                });
         return card;
     }
 

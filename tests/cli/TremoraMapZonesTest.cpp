@@ -75,16 +75,20 @@ QString fieldAt(const QString& line, int& at)
     return field;
 }
 
-// The rows of a zones table; none when its header is not the documented one.
-std::vector<ZoneRow> readZoneRows(const QString& path)
+// The rows of a zones table, or of a combined one (led by the file) when `combined`; none
+// when its header is not the documented one.
+std::vector<ZoneRow> readZoneRows(const QString& path, bool combined = false)
 {
     const QStringList lines = QString::fromUtf8(readAll(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    if (lines.isEmpty() || lines.front() != QLatin1String("zone,pair,time_s,moving_pixels,new_events"))
+    const QString header = QLatin1String(combined ? "file," : "") + QLatin1String("zone,pair,time_s,moving_pixels,new_events");
+    if (lines.isEmpty() || lines.front() != header)
         return {};
     std::vector<ZoneRow> rows;
     for (int i = 1; i < lines.size(); ++i) {
         int at = 0;
         ZoneRow row;
+        if (combined)
+            fieldAt(lines[i], at);
         row.zone = fieldAt(lines[i], at);
         row.pair = fieldAt(lines[i], at).toInt();
         row.time = fieldAt(lines[i], at).toDouble();
@@ -188,6 +192,91 @@ QJsonObject readJson(const QString& path)
     return QJsonDocument::fromJson(readAll(path)).object();
 }
 
+// The text of an HTML attribute's value as the page escapes it.
+QString unescapeHtml(QString text)
+{
+    text.replace(QLatin1String("&quot;"), QLatin1String("\""))
+        .replace(QLatin1String("&#39;"), QLatin1String("'"))
+        .replace(QLatin1String("&lt;"), QLatin1String("<"))
+        .replace(QLatin1String("&gt;"), QLatin1String(">"));
+    return text.replace(QLatin1String("&amp;"), QLatin1String("&"));
+}
+
+// The value of `name` in the opening tag of the card keyed `key` on `page`; empty when absent.
+QString cardAttribute(const QString& page, const QString& key, const QString& name)
+{
+    const int card = page.indexOf(QStringLiteral("<article class=\"card\" id=\"card-%1\"").arg(key));
+    if (card < 0)
+        return {};
+    const QString tag = page.mid(card, page.indexOf(QLatin1Char('>'), card) - card);
+    const QString opening = QLatin1Char(' ') + name + QStringLiteral("=\"");
+    const int from = tag.indexOf(opening);
+    if (from < 0)
+        return {};
+    const int start = from + opening.size();
+    return unescapeHtml(tag.mid(start, tag.indexOf(QLatin1Char('"'), start) - start));
+}
+
+// The whole card keyed `key` on `page`, from its opening tag to its end.
+QString cardHtml(const QString& page, const QString& key)
+{
+    const int card = page.indexOf(QStringLiteral("<article class=\"card\" id=\"card-%1\"").arg(key));
+    return card < 0 ? QString() : page.mid(card, page.indexOf(QStringLiteral("</article>"), card) - card);
+}
+
+// One zone's figures over the rows of a time span by the plain rule: pairs with motion and
+// their seconds at kFps, the first and last of them, the events, and the second with the
+// most new events (the earliest of equals), null where there is nothing to tell.
+QJsonObject referenceFigures(const std::vector<ZoneRow>& rows, const QString& zone, double from, double to)
+{
+    long long pairs = 0;
+    long long events = 0;
+    QJsonValue first;
+    QJsonValue last;
+    std::map<long long, long long> bySecond;
+    for (const ZoneRow& row : rows) {
+        if (row.zone != zone || row.time < from || row.time >= to)
+            continue;
+        events += row.newEvents;
+        if (row.newEvents > 0)
+            bySecond[static_cast<long long>(std::floor(row.time))] += row.newEvents;
+        if (row.moving == 0)
+            continue;
+        ++pairs;
+        first = first.isNull() ? QJsonValue(row.time) : first;
+        last = row.time;
+    }
+    QJsonValue busiest;
+    long long most = 0;
+    for (const auto& [second, count] : bySecond) {
+        if (count > most) {
+            most = count;
+            busiest = QJsonObject{{"start_s", static_cast<double>(second)}, {"events", static_cast<double>(count)}};
+        }
+    }
+    return {{"pairs_with_motion", static_cast<double>(pairs)}, {"motion_s", static_cast<double>(pairs) / kFps},
+            {"first_motion_s", first}, {"last_motion_s", last}, {"events", static_cast<double>(events)},
+            {"busiest_second", busiest}};
+}
+
+// Whether every figure of `expected` is in `figure`, times to the table's microseconds; a
+// warning names the first that differs.
+bool hasFigures(const QJsonObject& figure, const QJsonObject& expected, const QString& what)
+{
+    for (auto it = expected.begin(); it != expected.end(); ++it) {
+        const QJsonValue got = figure.value(it.key());
+        const bool same = it->isDouble() && got.isDouble() ? std::abs(got.toDouble() - it->toDouble()) < 1e-5
+                                                           : got == *it;
+        if (!same) {
+            qWarning("%s: %s is %s, expected %s", qPrintable(what), qPrintable(it.key()),
+                     QJsonDocument(QJsonArray{got}).toJson(QJsonDocument::Compact).constData(),
+                     QJsonDocument(QJsonArray{*it}).toJson(QJsonDocument::Compact).constData());
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 class TremoraMapZonesTest : public QObject, private ToolRunning::Folders {
@@ -206,6 +295,22 @@ private:
                                      {"-c:v", "ffv1", "-metadata", "creation_time=2024-05-01T10:00:00Z"})
                && ClipMaking::writeGray(clip("noon.mkv"), stillOnTheRight(),
                                         {"-c:v", "ffv1", "-metadata", "creation_time=2024-05-01T10:00:02Z"});
+    }
+
+    // The day clips with the zones: analysed one by one into `each` (their manifests), and
+    // combined from the videos into `fromVideos`, with a report in its report/ when `report`.
+    bool analyseDay(const QString& each, const QString& fromVideos, bool report)
+    {
+        if (!writeDayClips())
+            return false;
+        const QStringList zones{"--no-blur", "--zones", clip("zones.json")};
+        const QStringList reportOptions = report ? QStringList{"--report", fromVideos + "/report"} : QStringList();
+        const ToolRunning::Result combining = tool(zones + QStringList{"-o", fromVideos, "--combine", "day"} + reportOptions
+                                                   + QStringList{clip("morning.mkv"), clip("noon.mkv")});
+        if (combining.exitCode != 0)
+            qWarning("%s", combining.err.constData());
+        return tool(zones + QStringList{"-o", each, clip("morning.mkv"), clip("noon.mkv")}).exitCode == 0
+               && combining.exitCode == 0;
     }
 
 private slots:
@@ -398,6 +503,102 @@ private slots:
         QCOMPARE(slices, 3);
     }
 
+    // Every slice card's zones, against the plain rule over the rows of `table` (a combined
+    // one when `combined`) whose time lies in the slice. The number of slice cards checked.
+    int checkSliceZones(const QString& report, const QString& table, bool combined)
+    {
+        const std::vector<ZoneRow> rows = readZoneRows(table, combined);
+        if (rows.empty())
+            return -1;
+        const QString page = QString::fromUtf8(readAll(report + "/index.html"));
+        int slices = 0;
+        for (int slice = 1; !cardHtml(page, QStringLiteral("s%1").arg(slice)).isEmpty(); ++slice) {
+            const QString key = QStringLiteral("s%1").arg(slice);
+            const double from = cardAttribute(page, key, "data-from").toDouble();
+            const double to = cardAttribute(page, key, "data-to").toDouble();
+            const QJsonArray figures = QJsonDocument::fromJson(cardAttribute(page, key, "data-zones").toUtf8()).array();
+            if (figures.size() != static_cast<int>(kZones.size()))
+                return -1;
+            for (size_t zone = 0; zone < kZones.size(); ++zone) {
+                const QString what = QStringLiteral("slice from %1 s, zone %2").arg(from).arg(kZones[zone].name);
+                if (!hasFigures(figures[static_cast<int>(zone)].toObject(),
+                                referenceFigures(rows, kZones[zone].name, from, to), what))
+                    return -1;
+            }
+            ++slices;
+        }
+        return slices;
+    }
+
+    void eachSlicesZoneFiguresAreThoseOfItsOwnPairs()
+    {
+        const QString report = outPath() + QStringLiteral("/report");
+        QCOMPARE(tool({"--no-blur", "--zones", clip("zones.json"), "--slice", "2s", "--report", report, clip("shop.mkv")})
+                     .exitCode,
+                 0);
+        // 6.4 seconds of motion in slices of 2: four slices.
+        QCOMPARE(checkSliceZones(report, out("shop.zones.csv"), false), 4);
+        // The busiest second of the first slice is within it, not the video's.
+        const QJsonArray first = QJsonDocument::fromJson(
+            cardAttribute(QString::fromUtf8(readAll(report + "/index.html")), "s1", "data-zones").toUtf8()).array();
+        QVERIFY(first[0].toObject()["busiest_second"].toObject()["start_s"].toDouble() < 2.0);
+    }
+
+    void slicesOfCombinedVideosAddUpTheZonesOfEveryVideoInThem()
+    {
+        QVERIFY(writeDayClips());
+        const QString report = outPath() + QStringLiteral("/report");
+        const ToolRunning::Result run = tool({"--no-blur", "--zones", clip("zones.json"), "--slice", "2s", "--combine",
+                                              "day", "--report", report, clip("morning.mkv"), clip("noon.mkv")});
+        QVERIFY2(run.exitCode == 0, run.err.constData());
+        // Noon starts 2 seconds after morning: 8.4 seconds on one line, the middle slices
+        // with pairs of both videos.
+        QCOMPARE(checkSliceZones(report, out("day.zones.csv"), true), 5);
+    }
+
+    void theCombinedCardListsItsZonesSummedAndChartsThem()
+    {
+        const QString fromVideos = outPath() + QStringLiteral("/videos");
+        QVERIFY(analyseDay(outPath() + QStringLiteral("/each"), fromVideos, true));
+        const QString page = QString::fromUtf8(readAll(fromVideos + "/report/index.html"));
+        const QJsonArray summed = readJson(fromVideos + "/day.json")["zones"].toArray();
+        QCOMPARE(summed.size(), static_cast<int>(kZones.size()));
+        QCOMPARE(QJsonDocument::fromJson(cardAttribute(page, "c", "data-zones").toUtf8()).array(), summed);
+        const QString card = cardHtml(page, "c");
+        for (int zone = 0; zone < summed.size(); ++zone) {
+            const QString listed = QStringLiteral("<li data-zone=\"%1\"><span class=\"zone-name\">%2</span> %3 events")
+                                       .arg(zone)
+                                       .arg(kZones[static_cast<size_t>(zone)].name.toHtmlEscaped().replace('\'', "&#39;"))
+                                       .arg(static_cast<qint64>(summed[zone].toObject()["events"].toDouble()));
+            QVERIFY2(card.contains(listed), qPrintable(listed));
+            QVERIFY(card.contains(QStringLiteral("<option value=\"%1\">").arg(zone)));
+        }
+        QVERIFY(card.contains("class=\"chart-zone\""));
+        // Its zone series are those of its videos, which its chart adds up on the line.
+        QVERIFY(QFile::exists(fromVideos + "/report/data/1.zones.js") && QFile::exists(fromVideos + "/report/data/2.zones.js"));
+    }
+
+    void aManifestsCardChartsItsZonesFromItsTableAsItsVideoWould()
+    {
+        const QString each = outPath() + QStringLiteral("/each");
+        const QString fromVideos = outPath() + QStringLiteral("/videos");
+        const QString fromManifests = outPath() + QStringLiteral("/manifests");
+        QVERIFY(analyseDay(each, fromVideos, true));
+        const ToolRunning::Result run = tool({"-o", fromManifests, "--combine", "day", "--report", fromManifests + "/report",
+                                              each + "/morning.json", each + "/noon.json"});
+        QVERIFY2(run.exitCode == 0, run.err.constData());
+        const QString page = QString::fromUtf8(readAll(fromManifests + "/report/index.html"));
+        for (const QString& key : {QStringLiteral("1"), QStringLiteral("2")}) {
+            const QByteArray series = readAll(fromManifests + "/report/data/" + key + ".zones.js");
+            QVERIFY2(series.contains("\"seconds\":[["), qPrintable(key));
+            QCOMPARE(series, readAll(fromVideos + "/report/data/" + key + ".zones.js"));
+            QVERIFY2(cardHtml(page, key).contains("class=\"chart-zone\""), qPrintable(key));
+        }
+        QVERIFY(cardHtml(page, "c").contains("class=\"chart-zone\""));
+        QCOMPARE(QJsonDocument::fromJson(cardAttribute(page, "c", "data-zones").toUtf8()).array(),
+                 readJson(fromVideos + "/day.json")["zones"].toArray());
+    }
+
     void theLegendOutlinesTheZonesAndTheMapStaysWithoutThem()
     {
         QVERIFY(writeFile(clip("one.json"), zoneFileOf({{"box", {{10, 6}, {37, 6}, {37, 25}, {10, 25}}}})));
@@ -443,6 +644,27 @@ private slots:
         QVERIFY(QFile::exists(out("wide.zones.csv")) && QFile::exists(out("wide.png")));
     }
 
+    void aZoneWithoutAPixelStopsItsVideoBeforeAnyPairIsCounted()
+    {
+        QVERIFY(writeFile(clip("outside.json"), zoneFileOf({{"near", {{0, 0}, {10, 0}, {0, 10}}},
+                                                            {"outside", {{60, 40}, {90, 40}, {90, 75}}}})));
+        QVERIFY(writeFile(clip("hidden.json"), zoneFileOf({{"hidden", {{0, 0}, {5, 0}, {5, 31}, {0, 31}}}})));
+        const std::vector<QStringList> runs{{"--zones", clip("outside.json"), clip("shop.mkv")},
+                                            {"--zones", clip("hidden.json"), "--mask", clip("left.png"), clip("shop.mkv")}};
+        for (const QStringList& arguments : runs) {
+            QVERIFY(renew());
+            const ToolRunning::Result run = tool(arguments);
+            QCOMPARE(run.exitCode, 1);
+            QCOMPARE(run.err.trimmed().count('\n'), 0);
+            // The manifest records how far the pass got: not a single pair.
+            const QJsonObject manifest = readJson(out("shop.json"));
+            QCOMPARE(manifest["outcome"].toObject()["status"].toString(), QStringLiteral("failed"));
+            QVERIFY2(manifest.contains("pairs_analysed") && manifest["pairs_analysed"].toInt() == 0,
+                     qPrintable(QString::number(manifest["pairs_analysed"].toInt())));
+            QVERIFY(manifest["frames_decoded"].toInt() <= 1);
+        }
+    }
+
     void aZoneEntirelyUnderTheMaskFailsTheVideo()
     {
         QVERIFY(writeFile(clip("hidden.json"), zoneFileOf({{"hidden", {{0, 0}, {5, 0}, {5, 31}, {0, 31}}}})));
@@ -453,15 +675,10 @@ private slots:
 
     void combiningVideosAndCombiningTheirManifestsGiveTheSameZones()
     {
-        QVERIFY(writeDayClips());
         const QString each = outPath() + QStringLiteral("/each");
         const QString fromVideos = outPath() + QStringLiteral("/videos");
         const QString fromManifests = outPath() + QStringLiteral("/manifests");
-        const QStringList zones{"--no-blur", "--zones", clip("zones.json")};
-        QCOMPARE(tool(zones + QStringList{"-o", each, clip("morning.mkv"), clip("noon.mkv")}).exitCode, 0);
-        const ToolRunning::Result combining =
-            tool(zones + QStringList{"-o", fromVideos, "--combine", "day", clip("morning.mkv"), clip("noon.mkv")});
-        QVERIFY2(combining.exitCode == 0, combining.err.constData());
+        QVERIFY(analyseDay(each, fromVideos, false));
         QCOMPARE(tool({"--data", "-o", fromManifests, "--combine", "day", each + "/morning.json", each + "/noon.json"})
                      .exitCode,
                  0);

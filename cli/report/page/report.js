@@ -89,14 +89,15 @@ var Tremora = (function () {
 
   function lineSecond(part, second) { return Math.floor(second + part.offset); }
 
-  // Every part's seconds on the card's line and in its window; overlapping parts add up. A
-  // run in steady light gives each second its scene changes as a fourth value.
-  function lineActivity(card) {
+  // Every part's seconds on the card's line and in its window, from each part's data file
+  // `kind` (".activity") as `rowsOf` picks them; overlapping parts add up. A run in steady
+  // light gives each second its scene changes as a fourth value.
+  function sumOnLine(card, kind, rowsOf) {
     var parts = partsOf(card), w = windowOf(card);
-    return Promise.all(parts.map(function (p) { return load(p.key + ".activity"); })).then(function (all) {
+    return Promise.all(parts.map(function (p) { return load(p.key + kind); })).then(function (all) {
       var bySecond = {};
-      all.forEach(function (activity, i) {
-        activity.seconds.forEach(function (r) {
+      all.forEach(function (data, i) {
+        rowsOf(data).forEach(function (r) {
           var s = lineSecond(parts[i], r[0]);
           if (s < w.from || s >= w.to) return;
           var sum = bySecond[s] || (bySecond[s] = [s, 0, 0]);
@@ -108,6 +109,10 @@ var Tremora = (function () {
       return Object.keys(bySecond).map(Number).sort(function (a, b) { return a - b; })
         .map(function (s) { return bySecond[s]; });
     });
+  }
+
+  function lineActivity(card) {
+    return sumOnLine(card, ".activity", function (activity) { return activity.seconds; });
   }
 
   function el(name, attrs, parent, svg) {
@@ -414,7 +419,8 @@ var Tremora = (function () {
   function outline(svg, zone, className) {
     var g = el("g", { "class": className }, svg, true);
     el("polygon", { points: pointsText(zone.polygon) }, g, true);
-    var size = Math.max(8, svg.viewBox.baseVal.width / 40);
+    // A fortieth of the picture's width, whatever its size: the label keeps its place on the map.
+    var size = svg.viewBox.baseVal.width / 40;
     var label = el("text", { x: zone.polygon[0][0] + 1, y: zone.polygon[0][1] + 1, "dominant-baseline": "hanging",
                              "font-size": size }, g, true);
     label.textContent = zone.name;
@@ -546,11 +552,17 @@ var Tremora = (function () {
   }
 
   // A zone's series on the chart instead of the whole picture's, from the select beside it.
+  // A zone's data leaves out the seconds in which it saw nothing (and a part in which it saw
+  // nothing at all has none): on the seconds the whole picture has, those show as nothing
+  // rather than as a line drawn across them.
   function zoneActivity(card, zone) {
-    var parts = partsOf(card), w = windowOf(card);
-    return load(parts[0].key + ".zones").then(function (zones) {
-      return zones.zones[zone].seconds.map(function (r) { return [lineSecond(parts[0], r[0]), r[1], r[2]]; })
-        .filter(function (r) { return r[0] >= w.from && r[0] < w.to; });
+    var zoneRows = sumOnLine(card, ".zones", function (zones) {
+      return zones.zones[zone] ? zones.zones[zone].seconds : [];
+    });
+    return Promise.all([lineActivity(card), zoneRows]).then(function (both) {
+      var seen = {};
+      both[1].forEach(function (r) { seen[r[0]] = r; });
+      return both[0].map(function (r) { return seen[r[0]] || [r[0], 0, 0]; });
     });
   }
 

@@ -2,6 +2,7 @@
 
 #include <QtTest>
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QUrl>
 
@@ -79,6 +80,20 @@ private slots:
                  qPrintable(QStringLiteral("%1 %2 %3 %4").arg(escaped).arg(nine).arg(ten).arg(zeta)));
         QVERIFY(page.contains(QStringLiteral("loading=\"lazy\"")));
         QVERIFY(page.contains(QStringLiteral("4 videos")));
+    }
+
+    void aZonesTimeWithMotionReadsInSecondsUnderAMinuteAndNoneSaysSo()
+    {
+        const auto zone = [](const char* name, double pairs, double seconds) {
+            return QJsonObject{{"name", name}, {"polygon", QJsonArray{}}, {"events", pairs * 3},
+                               {"pixels_with_events_share", 0.5}, {"pairs_with_motion", pairs}, {"motion_s", seconds}};
+        };
+        ReportCard zoned = card("1", "shop.mp4");
+        zoned.zones = {zone("door", 8, 0.32), zone("till", 0, 0.0), zone("aisle", 2500, 100.0)};
+        const QString page = QString::fromUtf8(ReportPage::render(QStringLiteral("Report"), {zoned}));
+        QVERIFY(page.contains(QStringLiteral(">door</span> 24 events · 50.0% of its pixels · motion for 0.3 s</li>")));
+        QVERIFY(page.contains(QStringLiteral(">till</span> 0 events · 50.0% of its pixels · no motion</li>")));
+        QVERIFY(page.contains(QStringLiteral(">aisle</span> 7500 events · 50.0% of its pixels · motion for 1:40</li>")));
     }
 
     void aCardWithAFilmPlaysItBesideItsMapWithTheBrowsersControls()

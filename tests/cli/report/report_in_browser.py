@@ -619,14 +619,19 @@ def check_zones_listed_outlined_and_drawn(tool, work):
         ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '0'")
         door = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
-        check(door != whole, "choosing a zone left the chart as it was")
+        # The door holds all of the clip's motion, so its chart may look like the whole
+        # picture's: what tells them apart is where the zone's own seconds come from.
+        door_seconds = zone_line_seconds([(os.path.join(work, "zones-maps", "zoned.zones.csv"), 0)], ZONE_NAMES[0])
+        check(door_seconds and chart_seconds(driver, "card-1")[1] == len(door_seconds),
+              "the door zone's chart: %r seconds (with motion), its table %r" % (chart_seconds(driver, "card-1"), door_seconds))
         zone_seconds = driver.execute_script(
             "return Array.from(document.querySelectorAll('#card-1 .chart .events rect, #card-1 .chart rect.events'))"
             ".length;")
         ActionChains(driver).send_keys(Keys.ARROW_DOWN).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === '1'")
         till = driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;")
-        check(till != door, "the second zone's chart is the first's")
+        check(till != door and till != whole, "the till, which saw nothing, has the chart of the door or the whole")
+        check(chart_seconds(driver, "card-1")[1] == 0, "the till's chart shows motion")
         ActionChains(driver).send_keys(Keys.ARROW_UP).send_keys(Keys.ARROW_UP).perform()
         wait_for(driver, "return document.getElementById('card-1').dataset.chartZone === ''")
         check(driver.execute_script("return document.querySelector('#card-1 .chart svg').innerHTML;") == whole,
@@ -664,6 +669,87 @@ def check_zones_listed_outlined_and_drawn(tool, work):
     typed_areas = [z["area_pixels"] for z in json.load(open(os.path.join(work, "typed", "zoned.json")))["zones"]]
     check(areas == typed_areas and areas[0] > 1000, "areas of the drawn zones: %r, typed: %r" % (areas, typed_areas))
     check(zone_rows(os.path.join(work, "drawn", "zoned.zones.csv"), "by mouse"), "the drawn zone saw no motion")
+
+def chart_seconds(driver, card_id):
+    """The seconds the card's chart draws, and those of them with moving pixels: the corners of
+    its area of moving pixels between its two corners at the foot, and those above the foot."""
+    d = driver.execute_script(
+        "var p = document.querySelector('#%s .chart path.moving'); return p ? p.getAttribute('d') : '';" % card_id)
+    heights = [float(y) for y in re.findall(r"L[-\d.]+,([-\d.]+)", d)][:-1]
+    return len(heights), sum(1 for y in heights if y < 100)
+
+
+def zone_line_seconds(tables, name):
+    """The seconds in which the zone `name` saw something, on the line of `tables` (each a
+    zones table and the second its video starts at on the line)."""
+    seconds = set()
+    for path, offset in tables:
+        for row in zone_rows(path, name):
+            seconds.add(int(float(row.split(",")[1]) + offset))
+    return seconds
+
+
+def choose_zone_with_keys(driver, card_id, presses, expected):
+    choice = driver.find_element(By.CSS_SELECTOR, "#%s .chart-zone" % card_id)
+    driver.execute_script("arguments[0].scrollIntoView({block: 'center'}); arguments[0].focus()", choice)
+    ActionChains(driver).send_keys(*presses).perform()
+    wait_for(driver, "return document.getElementById('%s').dataset.chartZone === '%s'" % (card_id, expected))
+
+
+def check_combined_and_manifest_cards_chart_their_zones(tool, work):
+    """Two zoned clips recorded 20 s apart, each analysed with --data and then combined from
+    their manifests: the combined card lists the summed zones, and it and each manifest's
+    card chart a zone's series chosen with the keys, the combined one both videos' on one line."""
+    first = os.path.join(work, "zoned.mp4")
+    later = os.path.join(work, "zoned-later.mp4")
+    make_clip(later, recorded="2024-05-01T10:00:20Z")
+    zone_file = os.path.join(work, "zones.json")
+    each = os.path.join(work, "zoned-each")
+    result = run_tool(tool, ["-o", each, "--zones", zone_file, first, later])
+    check(result.returncode == 0, "the zoned clips: %s" % result.stderr)
+    report = os.path.join(work, "zoned-combined-report")
+    maps = os.path.join(work, "zoned-combined")
+    result = run_tool(tool, ["-o", maps, "--combine", "day", "--report", report,
+                             os.path.join(each, "zoned.json"), os.path.join(each, "zoned-later.json")])
+    check(result.returncode == 0, "combining the zoned manifests: %s" % result.stderr)
+    summed = json.load(open(os.path.join(maps, "day.json"), encoding="utf-8"))["zones"]
+    tables = [(os.path.join(each, "zoned.zones.csv"), 0), (os.path.join(each, "zoned-later.zones.csv"), 20)]
+    door = zone_line_seconds(tables, ZONE_NAMES[0])
+    check(door & set(range(0, 20)) and door & set(range(20, 40)), "the door zone saw both videos: %r" % door)
+    driver = browser()
+    try:
+        open_report(driver, report)
+        show_card(driver, "card-c")
+        listed = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-c .zone-list li'))"
+            ".map(li => [li.querySelector('.zone-name').textContent, li.textContent, li.children.length]);")
+        check([l[0] for l in listed] == ZONE_NAMES, "the combined card's zones: %r" % listed)
+        check(all(l[2] == 1 for l in listed), "a zone's name made markup on the combined card: %r" % listed)
+        for entry, figures in zip(listed, summed):
+            check("%d events" % figures["events"] in entry[1], "summed figures not listed: %r" % entry[1])
+        options = driver.execute_script(
+            "return Array.from(document.querySelectorAll('#card-c .chart-zone option')).map(o => o.textContent);")
+        check(options == ["the whole picture"] + ["zone " + n for n in ZONE_NAMES], "combined chart choices: %r" % options)
+        whole = chart_seconds(driver, "card-c")
+        choose_zone_with_keys(driver, "card-c", [Keys.ARROW_DOWN], "0")
+        drawn = chart_seconds(driver, "card-c")
+        check(drawn == (whole[0], len(door)),
+              "the combined chart of the door zone: %r seconds (with motion), not %r" % (drawn, (whole[0], len(door))))
+        choose_zone_with_keys(driver, "card-c", [Keys.ARROW_DOWN], "1")
+        check(chart_seconds(driver, "card-c") == (whole[0], 0), "the till saw nothing on the combined chart")
+
+        show_card(driver, "card-2")
+        check(driver.find_elements(By.CSS_SELECTOR, "#card-2 .zone-list li"), "the manifest's card lists no zone")
+        choose_zone_with_keys(driver, "card-2", [Keys.ARROW_DOWN], "0")
+        own = zone_line_seconds(tables[1:2], ZONE_NAMES[0])
+        check(chart_seconds(driver, "card-2")[1] == len(own),
+              "the manifest card's door chart: %r seconds (with motion), not %d with motion"
+              % (chart_seconds(driver, "card-2"), len(own)))
+        errors = console_errors(driver)
+        check(not errors, "console errors on the combined zoned report: %r" % errors)
+    finally:
+        driver.quit()
+
 
 def screenshot(tool, work, demo, out, keys_out):
     report = os.path.join(work, "demo-report")
@@ -716,6 +802,7 @@ def main():
         scene_shot = os.path.splitext(args.screenshot)[0] + "-scene-change.png" if args.screenshot else None
         check_steady_light_marks_scene_changes(args.tool, args.work, scene_shot)
         check_zones_listed_outlined_and_drawn(args.tool, args.work)
+        check_combined_and_manifest_cards_chart_their_zones(args.tool, args.work)
         if args.demo and args.screenshot:
             if not os.path.exists(args.demo):
                 make_demo_clip(args.demo)
