@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QJsonDocument>
 
 #include <cstring>
 
@@ -60,6 +61,11 @@ QByteArray readAll(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QJsonObject readJson(const QString& path)
+{
+    return QJsonDocument::fromJson(readAll(path)).object();
 }
 
 QStringList entries(const QString& folder)

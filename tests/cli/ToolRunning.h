@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -37,6 +38,9 @@ bool makeClip(const QString& path, int frames, const QString& size = QStringLite
 bool makeFarTimestampClip(const QString& path);
 
 QByteArray readAll(const QString& path);
+
+// The JSON object in the file at `path` (a manifest); empty when it holds none.
+QJsonObject readJson(const QString& path);
 
 // What `folder` holds, hidden and system entries (a dangling link) included, sorted by name.
 QStringList entries(const QString& folder);

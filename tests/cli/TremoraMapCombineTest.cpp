@@ -27,12 +27,8 @@ namespace {
 using ToolRunning::entries;
 using ToolRunning::readBackground;
 using ToolRunning::readAll;
+using ToolRunning::readJson;
 using ToolRunning::readEvents;
-
-QJsonObject readJson(const QString& path)
-{
-    return QJsonDocument::fromJson(readAll(path)).object();
-}
 
 bool writeFile(const QString& path, const QByteArray& bytes)
 {

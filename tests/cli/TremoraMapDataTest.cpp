@@ -31,6 +31,7 @@ using ToolRunning::entries;
 
 using ClipMaking::speckledNoise;
 using ToolRunning::readAll;
+using ToolRunning::readJson;
 using ToolRunning::readEvents;
 
 QString schemaComplaint(const QString& manifest)
@@ -72,11 +73,6 @@ cv::Mat readGrey8(const QString& path)
     for (int y = 0; y < image.height(); ++y)
         std::memcpy(out.ptr(y), image.constScanLine(y), static_cast<size_t>(image.width()));
     return out;
-}
-
-QJsonObject readJson(const QString& path)
-{
-    return QJsonDocument::fromJson(readAll(path)).object();
 }
 
 bool equal(const cv::Mat& a, const cv::Mat& b)

@@ -22,6 +22,7 @@
 namespace {
 
 using ToolRunning::readAll;
+using ToolRunning::readJson;
 using ToolRunning::readEvents;
 
 constexpr int kWidth = 64;
@@ -126,11 +127,6 @@ int sceneChangesOf(const Reference::Analysis& reference)
     for (const auto& pair : reference.activity())
         count += pair.sceneChange ? 1 : 0;
     return count;
-}
-
-QJsonObject readJson(const QString& path)
-{
-    return QJsonDocument::fromJson(readAll(path)).object();
 }
 
 } // namespace

@@ -22,6 +22,7 @@
 namespace {
 
 using ToolRunning::readAll;
+using ToolRunning::readJson;
 using ToolRunning::readEvents;
 
 const cv::Size kSize(48, 32);
@@ -185,11 +186,6 @@ cv::Mat maskedOnTheLeft()
     cv::Mat mask(kSize, CV_8UC1, cv::Scalar(255));
     mask(cv::Rect(0, 0, 6, kSize.height)).setTo(cv::Scalar(0));
     return mask;
-}
-
-QJsonObject readJson(const QString& path)
-{
-    return QJsonDocument::fromJson(readAll(path)).object();
 }
 
 // The text of an HTML attribute's value as the page escapes it.
