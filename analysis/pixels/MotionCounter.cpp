@@ -74,18 +74,18 @@ MotionCounter::MotionCounter(cv::Size size, bool blur, int stripes, const Detail
     if (m_exact)
         m_events = cv::Mat(size, CV_16UC1, cv::Scalar(0));
     if (detail.steadyLight)
-        setUpSteadyLight(size, detail.mask, detail.sceneChangeShare);
+        setUpSteadyLight(size, detail.sceneChangeShare);
 }
 
-void MotionCounter::setUpSteadyLight(cv::Size size, const cv::Mat& mask, double sceneChangeShare)
+void MotionCounter::setUpSteadyLight(cv::Size size, double sceneChangeShare)
 {
     m_steadyLight = true;
     m_sceneChangeShare = sceneChangeShare;
     if (m_blur)
         LargePageMats::create(m_current, size, CV_8UC1, cv::Scalar(0));
-    // The light is measured over the analysed pixels, with or without the detail.
+    // The light is measured over the pixels the count analyses: without the detail, all.
     if (m_mask.empty())
-        m_mask = analysedPixels(size, mask);
+        m_mask = analysedPixels(size, cv::Mat());
     if (!m_detailed) {
         LargePageMats::create(m_quietAfter, size, CV_8UC1, cv::Scalar(0));
         m_discardedEvents.assign(static_cast<size_t>(m_stripes) * static_cast<size_t>(size.width), 0);
@@ -330,26 +330,45 @@ void MotionCounter::smoothAndTallyRows(const cv::Mat& frame, int stripe, int fir
 {
     LightCounts& tally = m_lightTallies[static_cast<size_t>(stripe)];
     tally = {};
-    const int width = m_previous.cols;
-    const std::uint8_t threshold = thresholdByte(m_threshold);
     for (int y = firstRow; y < endRow; ++y) {
-        const std::uint8_t* current = frame.ptr<std::uint8_t>(y);
-        if (m_blur) {
-            std::uint8_t* smoothed = m_current.ptr<std::uint8_t>(y);
-            MotionKernels::meansOf49(columnSums(frame, y, firstRow, sums), smoothed, width);
-            current = smoothed;
-        }
-        const std::uint8_t* mask = m_masked ? m_mask.ptr<std::uint8_t>(y) : nullptr;
         const MotionKernels::LightTally row =
-            MotionKernels::tallyLight(current, m_previous.ptr<std::uint8_t>(y), mask, width, threshold);
+            countedAlong ? smoothCountAndTallyRow(frame, y, firstRow, sums, *countedAlong)
+                         : smoothAndTallyRow(frame, y, firstRow, sums);
         tally.darker += row.darker;
         tally.notBrighter += row.notBrighter;
         tally.beyondThreshold += row.beyondThreshold;
-        if (countedAlong)
-            MotionKernels::countRowApart(current, m_previous.ptr<std::uint8_t>(y), m_quiet.ptr<std::uint8_t>(y),
-                                         m_quietAfter.ptr<std::uint8_t>(y), countedAlong->ptr<std::uint8_t>(y), width,
-                                         threshold);
     }
+}
+
+MotionKernels::LightTally MotionCounter::smoothAndTallyRow(const cv::Mat& frame, int y, int firstRow,
+                                                           std::uint16_t* sums)
+{
+    const int width = m_previous.cols;
+    const std::uint8_t* current = frame.ptr<std::uint8_t>(y);
+    if (m_blur) {
+        std::uint8_t* smoothed = m_current.ptr<std::uint8_t>(y);
+        MotionKernels::meansOf49(columnSums(frame, y, firstRow, sums), smoothed, width);
+        current = smoothed;
+    }
+    const std::uint8_t* mask = m_masked ? m_mask.ptr<std::uint8_t>(y) : nullptr;
+    return MotionKernels::tallyLight(current, m_previous.ptr<std::uint8_t>(y), mask, width, thresholdByte(m_threshold));
+}
+
+MotionKernels::LightTally MotionCounter::smoothCountAndTallyRow(const cv::Mat& frame, int y, int firstRow,
+                                                                std::uint16_t* sums, cv::Mat& motionCount)
+{
+    const int width = m_previous.cols;
+    const std::uint8_t threshold = thresholdByte(m_threshold);
+    const std::uint8_t* previous = m_previous.ptr<std::uint8_t>(y);
+    const std::uint8_t* quiet = m_quiet.ptr<std::uint8_t>(y);
+    std::uint8_t* quietAfter = m_quietAfter.ptr<std::uint8_t>(y);
+    std::uint8_t* counts = motionCount.ptr<std::uint8_t>(y);
+    if (m_blur)
+        return MotionKernels::countBlurredRowApartTallyingLight(columnSums(frame, y, firstRow, sums),
+                                                                m_current.ptr<std::uint8_t>(y), previous, quiet,
+                                                                quietAfter, counts, width, threshold);
+    return MotionKernels::countRowApartTallyingLight(frame.ptr<std::uint8_t>(y), previous, quiet, quietAfter, counts,
+                                                     width, threshold);
 }
 
 int MotionCounter::lightShift(const cv::Mat& current)

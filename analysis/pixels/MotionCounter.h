@@ -1,5 +1,6 @@
 #pragma once
 
+#include "MotionKernels.h"
 #include "ParallelStripes.h"
 #include "ZoneSpans.h"
 
@@ -139,7 +140,7 @@ private:
     void countRowsDetailed(const cv::Mat& frame, cv::Mat& motionCount, int stripe, int firstRow, int endRow,
                            std::uint16_t* sums);
     void setUpCells(cv::Size size, int cellSize);
-    void setUpSteadyLight(cv::Size size, const cv::Mat& mask, double sceneChangeShare);
+    void setUpSteadyLight(cv::Size size, double sceneChangeShare);
     // Exact counting only: notes the count matrix given for this pair.
     void takeCountsGiven(const cv::Mat& motionCount);
     // Flags, in the stripe's own `hits`, the cells of row `y` where a pixel's quiet count went
@@ -163,6 +164,10 @@ private:
     // pairs into m_quietAfter.
     void smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow, std::uint16_t* sums,
                             cv::Mat* countedAlong);
+    MotionKernels::LightTally smoothAndTallyRow(const cv::Mat& frame, int y, int firstRow, std::uint16_t* sums);
+    // The same counting row `y` along, in one sweep that reads each of its rows once.
+    MotionKernels::LightTally smoothCountAndTallyRow(const cv::Mat& frame, int y, int firstRow, std::uint16_t* sums,
+                                                     cv::Mat& motionCount);
     // Keeps the count smoothAndTallyRows made along where the light did not change and the scene
     // did not either; otherwise takes it back and counts as the pair's light and scene say.
     void settleCountMadeAlong(const cv::Mat& current, cv::Mat& motionCount);

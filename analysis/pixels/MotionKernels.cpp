@@ -42,17 +42,6 @@ inline void countPixel(uint8_t current, uint8_t& previous, uint8_t& quiet, uint8
     previous = current;
 }
 
-// countPixel with `previous` and `quiet` left as they are and the new quiet count written to
-// `quietAfter`, so that the pair can still be taken back.
-inline void countPixelApart(uint8_t current, uint8_t previous, uint8_t quiet, uint8_t& quietAfter, uint8_t& count,
-                            uint8_t threshold)
-{
-    uint8_t before = previous;
-    uint8_t after = quiet;
-    countPixel(current, before, after, count, threshold);
-    quietAfter = after;
-}
-
 // What the detailed rule does once it knows whether the pixel moved: returns 1 for a new
 // event, else 0. A pixel that moved is left with `quiet` at 0, which is how the row's moving
 // pixels are counted.
@@ -116,14 +105,6 @@ TREMORA_KERNEL void count(const uint8_t* __restrict current, uint8_t* __restrict
 {
     for (int x = 0; x < width; ++x)
         countPixel(current[x], previous[x], quiet[x], counts[x], threshold);
-}
-
-TREMORA_KERNEL void countApart(const uint8_t* __restrict current, const uint8_t* __restrict previous,
-                               const uint8_t* __restrict quiet, uint8_t* __restrict quietAfter,
-                               uint8_t* __restrict counts, int width, uint8_t threshold)
-{
-    for (int x = 0; x < width; ++x)
-        countPixelApart(current[x], previous[x], quiet[x], quietAfter[x], counts[x], threshold);
 }
 
 TREMORA_KERNEL void countBlurred(const uint16_t* __restrict columnSums, uint8_t* __restrict previous,
@@ -247,6 +228,65 @@ TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t
     return tally;
 }
 
+// Counts the pair as countPixel does, with `previous` and `quiet` left as they are and the
+// new quiet counts written to `quietAfter`, while tallying the light (as `light`, every pixel
+// analysed). `currentAt(x)` gives pixel x of the new picture.
+template <typename Current>
+TREMORA_KERNEL LightTally countApartTallying(const Current& currentAt, const uint8_t* __restrict previous,
+                                             const uint8_t* __restrict quiet, uint8_t* __restrict quietAfter,
+                                             uint8_t* __restrict counts, int width, uint8_t threshold)
+{
+    LightTally tally;
+    for (int offset = 0; offset < width; offset += kByteBlock) {
+        const int end = width - offset < kByteBlock ? width : offset + kByteBlock;
+        uint8_t darker = 0;
+        uint8_t notBrighter = 0;
+        uint8_t beyond = 0;
+        TREMORA_ROWS_APART
+        for (int x = offset; x < end; ++x) {
+            const uint8_t current = currentAt(x);
+            const uint8_t before = previous[x];
+            const uint8_t high = current > before ? current : before;
+            const uint8_t low = current > before ? before : current;
+            const bool moved = static_cast<uint8_t>(high - low) > threshold;
+            darker = static_cast<uint8_t>(darker + (current < before ? 1 : 0));
+            notBrighter = static_cast<uint8_t>(notBrighter + (current <= before ? 1 : 0));
+            beyond = static_cast<uint8_t>(beyond + (moved ? 1 : 0));
+            const uint8_t wasQuiet = quiet[x];
+            counts[x] = static_cast<uint8_t>(counts[x] + ((moved & (wasQuiet == kQuietForNewEvent)) ? 1 : 0));
+            const uint8_t older =
+                static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
+            quietAfter[x] = moved ? uint8_t{0} : older;
+        }
+        tally.darker += darker;
+        tally.notBrighter += notBrighter;
+        tally.beyondThreshold += beyond;
+    }
+    return tally;
+}
+
+TREMORA_KERNEL LightTally countApartWithLight(const uint8_t* __restrict current, const uint8_t* previous,
+                                              const uint8_t* quiet, uint8_t* quietAfter, uint8_t* counts, int width,
+                                              uint8_t threshold)
+{
+    return countApartTallying([current](int x) { return current[x]; }, previous, quiet, quietAfter, counts, width,
+                              threshold);
+}
+
+TREMORA_KERNEL LightTally countBlurredApartWithLight(const uint16_t* __restrict columnSums,
+                                                     uint8_t* __restrict current, const uint8_t* previous,
+                                                     const uint8_t* quiet, uint8_t* quietAfter, uint8_t* counts,
+                                                     int width, uint8_t threshold)
+{
+    return countApartTallying(
+        [columnSums, current](int x) {
+            const uint8_t mean = mean49(sum7(columnSums + x));
+            current[x] = mean;
+            return mean;
+        },
+        previous, quiet, quietAfter, counts, width, threshold);
+}
+
 TREMORA_KERNEL uint32_t movingShifted(const uint8_t* __restrict current, const uint8_t* __restrict previous,
                                       const uint8_t* __restrict mask, int width, int16_t shift, uint8_t threshold)
 {
@@ -308,13 +348,6 @@ __attribute__((target("avx2"))) void countAvx2(const uint8_t* current, uint8_t* 
     count(current, previous, quiet, counts, width, threshold);
 }
 
-__attribute__((target("avx2"))) void countApartAvx2(const uint8_t* current, const uint8_t* previous,
-                                                   const uint8_t* quiet, uint8_t* quietAfter, uint8_t* counts,
-                                                   int width, uint8_t threshold)
-{
-    countApart(current, previous, quiet, quietAfter, counts, width, threshold);
-}
-
 __attribute__((target("avx2"))) void countBlurredAvx2(const uint16_t* columnSums, uint8_t* previous, uint8_t* quiet,
                                                      uint8_t* counts, int width, uint8_t threshold)
 {
@@ -345,6 +378,22 @@ __attribute__((target("avx2"))) LightTally lightEverywhereAvx2(const uint8_t* cu
                                                                int width, uint8_t threshold)
 {
     return light(current, previous, [](int) -> uint8_t { return 1; }, width, threshold);
+}
+
+__attribute__((target("avx2"))) LightTally countApartWithLightAvx2(const uint8_t* current, const uint8_t* previous,
+                                                                   const uint8_t* quiet, uint8_t* quietAfter,
+                                                                   uint8_t* counts, int width, uint8_t threshold)
+{
+    return countApartWithLight(current, previous, quiet, quietAfter, counts, width, threshold);
+}
+
+__attribute__((target("avx2"))) LightTally countBlurredApartWithLightAvx2(const uint16_t* columnSums,
+                                                                          uint8_t* current, const uint8_t* previous,
+                                                                          const uint8_t* quiet, uint8_t* quietAfter,
+                                                                          uint8_t* counts, int width,
+                                                                          uint8_t threshold)
+{
+    return countBlurredApartWithLight(columnSums, current, previous, quiet, quietAfter, counts, width, threshold);
 }
 
 __attribute__((target("avx2"))) uint32_t movingShiftedAvx2(const uint8_t* current, const uint8_t* previous,
@@ -400,16 +449,6 @@ void countRow(const uint8_t* current, uint8_t* previous, uint8_t* quiet, uint8_t
         return countAvx2(current, previous, quiet, counts, width, threshold);
 #endif
     count(current, previous, quiet, counts, width, threshold);
-}
-
-void countRowApart(const uint8_t* current, const uint8_t* previous, const uint8_t* quiet, uint8_t* quietAfter,
-                   uint8_t* counts, int width, uint8_t threshold)
-{
-#ifdef TREMORA_AVX2_DISPATCH
-    if (hasAvx2)
-        return countApartAvx2(current, previous, quiet, quietAfter, counts, width, threshold);
-#endif
-    countApart(current, previous, quiet, quietAfter, counts, width, threshold);
 }
 
 // Only pairs in which the light or the scene changed come here, so a plain loop does.
@@ -477,6 +516,28 @@ LightTally tallyLight(const uint8_t* current, const uint8_t* previous, const uin
     if (mask)
         return light(current, previous, [mask](int x) -> uint8_t { return mask[x] != 0 ? 1 : 0; }, width, threshold);
     return light(current, previous, [](int) -> uint8_t { return 1; }, width, threshold);
+}
+
+LightTally countRowApartTallyingLight(const uint8_t* current, const uint8_t* previous, const uint8_t* quiet,
+                                      uint8_t* quietAfter, uint8_t* counts, int width, uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countApartWithLightAvx2(current, previous, quiet, quietAfter, counts, width, threshold);
+#endif
+    return countApartWithLight(current, previous, quiet, quietAfter, counts, width, threshold);
+}
+
+LightTally countBlurredRowApartTallyingLight(const uint16_t* columnSums, uint8_t* current, const uint8_t* previous,
+                                             const uint8_t* quiet, uint8_t* quietAfter, uint8_t* counts, int width,
+                                             uint8_t threshold)
+{
+#ifdef TREMORA_AVX2_DISPATCH
+    if (hasAvx2)
+        return countBlurredApartWithLightAvx2(columnSums, current, previous, quiet, quietAfter, counts, width,
+                                              threshold);
+#endif
+    return countBlurredApartWithLight(columnSums, current, previous, quiet, quietAfter, counts, width, threshold);
 }
 
 // Only pairs in which the light changed come here, so a plain loop does.

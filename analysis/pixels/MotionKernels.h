@@ -31,12 +31,8 @@ void meansOf49(const std::uint16_t* columnSums, std::uint8_t* out, int width);
 void countRow(const std::uint8_t* current, std::uint8_t* previous, std::uint8_t* quiet, std::uint8_t* count,
               int width, std::uint8_t threshold);
 
-// countRow that leaves `previous` and `quiet` as they were and writes the new quiet counts to
-// `quietAfter`: a pair counted this way can be taken back with uncountRow.
-void countRowApart(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* quiet,
-                   std::uint8_t* quietAfter, std::uint8_t* count, int width, std::uint8_t threshold);
-
-// Takes back the new events countRowApart added to `count` from the same rows.
+// Takes back the new events countRowApartTallyingLight or countBlurredRowApartTallyingLight
+// added to `count` from the same rows.
 void uncountRow(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* quiet,
                 std::uint8_t* count, int width, std::uint8_t threshold);
 
@@ -82,6 +78,21 @@ struct LightTally {
 };
 LightTally tallyLight(const std::uint8_t* current, const std::uint8_t* previous, const std::uint8_t* mask, int width,
                       std::uint8_t threshold);
+
+// countRow that leaves `previous` and `quiet` as they were and writes the new quiet counts to
+// `quietAfter`, so that the pair can be taken back with uncountRow, and in the same sweep
+// tallies the row's light as tallyLight does over every pixel: the pair is counted as if the
+// light had not changed, and the tally tells whether it had. Each row is read once.
+LightTally countRowApartTallyingLight(const std::uint8_t* current, const std::uint8_t* previous,
+                                      const std::uint8_t* quiet, std::uint8_t* quietAfter, std::uint8_t* count,
+                                      int width, std::uint8_t threshold);
+
+// The same with the row's new picture given as column sums, as meansOf49 turns them into
+// pixels, which are also written to `current`.
+LightTally countBlurredRowApartTallyingLight(const std::uint16_t* columnSums, std::uint8_t* current,
+                                             const std::uint8_t* previous, const std::uint8_t* quiet,
+                                             std::uint8_t* quietAfter, std::uint8_t* count, int width,
+                                             std::uint8_t threshold);
 
 // Bins of a histogram of differences current - previous: bin d + 255 for d in [-255, 255].
 constexpr int kDifferenceBins = 511;

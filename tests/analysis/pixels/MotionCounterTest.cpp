@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <vector>
@@ -709,36 +710,77 @@ private slots:
         }
     }
 
-    // A pair counted apart leaves the picture and the quiet pairs as they were, writes the
-    // rule's new quiet pairs beside them, and is taken back to the counts it started from, also
-    // where a count wrapped.
-    void aRowCountedApartFollowsTheRuleAndIsTakenBackExactly()
+    void aRowCountedApartFollowsTheRuleTalliesTheLightAndIsTakenBackExactly_data()
     {
+        QTest::addColumn<bool>("blur");
+        QTest::newRow("sharp") << false;
+        QTest::newRow("blurred") << true;
+    }
+
+    // A pair counted apart leaves the picture and the quiet pairs as they were, writes the
+    // rule's new quiet pairs beside them, tallies the row's light, and is taken back to the
+    // counts it started from, also where a count wrapped. Long runs of darker pixels would
+    // overflow a tally kept in too few bits.
+    void aRowCountedApartFollowsTheRuleTalliesTheLightAndIsTakenBackExactly()
+    {
+        QFETCH(bool, blur);
         const int width = 1013; // whole vectors and a tail
         const std::uint8_t threshold = 20;
         cv::RNG random(23);
+        std::vector<std::uint16_t> columnSums(width + 6);
+        for (std::uint16_t& sum : columnSums)
+            sum = static_cast<std::uint16_t>(random.uniform(0, 7 * 255 + 1));
         std::vector<std::uint8_t> current(width), previous(width), quiet(width), counts(width);
         for (int x = 0; x < width; ++x) {
-            current[static_cast<size_t>(x)] = static_cast<std::uint8_t>(random.uniform(0, 256));
-            previous[static_cast<size_t>(x)] = static_cast<std::uint8_t>(random.uniform(0, 256));
-            quiet[static_cast<size_t>(x)] = static_cast<std::uint8_t>(std::min(random.uniform(0, 80), 50));
-            counts[static_cast<size_t>(x)] = static_cast<std::uint8_t>(x % 3 == 0 ? 255 : random.uniform(0, 256));
+            const size_t i = static_cast<size_t>(x);
+            if (blur) {
+                int sum49 = 0;
+                for (int k = 0; k < 7; ++k)
+                    sum49 += columnSums[i + static_cast<size_t>(k)];
+                current[i] = static_cast<std::uint8_t>(std::lround(sum49 / 49.0));
+            } else {
+                current[i] = static_cast<std::uint8_t>(random.uniform(0, 256));
+            }
+            const bool darkRun = x >= 100 && x < 700;
+            previous[i] = darkRun ? static_cast<std::uint8_t>(std::min(current[i] + 1 + x % 40, 255))
+                                  : static_cast<std::uint8_t>(random.uniform(0, 256));
+            quiet[i] = static_cast<std::uint8_t>(std::min(random.uniform(0, 80), 50));
+            counts[i] = static_cast<std::uint8_t>(x % 3 == 0 ? 255 : random.uniform(0, 256));
         }
+        const std::vector<std::uint8_t> expectedCurrent = current;
         const std::vector<std::uint8_t> previousBefore = previous, quietBefore = quiet, countsBefore = counts;
         std::vector<std::uint8_t> quietAfter(width, 99);
-        MotionKernels::countRowApart(current.data(), previous.data(), quiet.data(), quietAfter.data(), counts.data(),
-                                     width, threshold);
+        if (blur)
+            std::fill(current.begin(), current.end(), std::uint8_t{7});
+        const MotionKernels::LightTally light = blur
+            ? MotionKernels::countBlurredRowApartTallyingLight(columnSums.data(), current.data(), previous.data(),
+                                                              quiet.data(), quietAfter.data(), counts.data(), width,
+                                                              threshold)
+            : MotionKernels::countRowApartTallyingLight(current.data(), previous.data(), quiet.data(),
+                                                        quietAfter.data(), counts.data(), width, threshold);
+        QCOMPARE(current, expectedCurrent);
         QCOMPARE(previous, previousBefore);
         QCOMPARE(quiet, quietBefore);
         int newEvents = 0;
+        int darker = 0;
+        int notBrighter = 0;
+        int beyond = 0;
         for (size_t x = 0; x < current.size(); ++x) {
-            const bool moved = std::abs(int(current[x]) - int(previous[x])) > threshold;
+            const int difference = int(current[x]) - int(previous[x]);
+            const bool moved = std::abs(difference) > threshold;
             const bool newEvent = moved && quiet[x] == 50;
             newEvents += newEvent ? 1 : 0;
+            darker += difference < 0 ? 1 : 0;
+            notBrighter += difference <= 0 ? 1 : 0;
+            beyond += moved ? 1 : 0;
             QCOMPARE(int(counts[x]), (countsBefore[x] + (newEvent ? 1 : 0)) % 256);
             QCOMPARE(int(quietAfter[x]), moved ? 0 : std::min(quiet[x] + 1, 50));
         }
         QVERIFY(newEvents > 10);
+        QVERIFY(darker > 600);
+        QCOMPARE(int(light.darker), darker);
+        QCOMPARE(int(light.notBrighter), notBrighter);
+        QCOMPARE(int(light.beyondThreshold), beyond);
         MotionKernels::uncountRow(current.data(), previous.data(), quiet.data(), counts.data(), width, threshold);
         QCOMPARE(counts, countsBefore);
     }
