@@ -202,10 +202,21 @@ TREMORA_KERNEL RowTally countBlurredDetailed(const uint16_t* columnSums, uint8_t
 // vectors, so that only a row's last block has pixels left over for the scalar tail.
 constexpr int kByteBlock = 224;
 
-// `Analysed(x)` is 1 where pixel x is analysed, else 0.
-template <typename Analysed>
-TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t* __restrict previous,
-                                const Analysed& analysedAt, int width, uint8_t threshold)
+// Adds one pixel's light to a block's tallies, where `analysed` is 1; nothing where it is 0.
+TREMORA_KERNEL void addLight(uint8_t current, uint8_t previous, uint8_t analysed, uint8_t threshold,
+                             uint8_t& darker, uint8_t& notBrighter, uint8_t& beyond)
+{
+    const uint8_t high = current > previous ? current : previous;
+    const uint8_t low = current > previous ? previous : current;
+    darker = static_cast<uint8_t>(darker + (analysed & (current < previous ? 1 : 0)));
+    notBrighter = static_cast<uint8_t>(notBrighter + (analysed & (current <= previous ? 1 : 0)));
+    beyond = static_cast<uint8_t>(beyond + (analysed & (static_cast<uint8_t>(high - low) > threshold ? 1 : 0)));
+}
+
+// Runs `pixel(x, darker, notBrighter, beyond)` for every pixel of a row, the tallies in bytes
+// block by block, and returns their sum.
+template <typename Pixel>
+TREMORA_KERNEL LightTally tallyInByteBlocks(int width, const Pixel& pixel)
 {
     LightTally tally;
     for (int offset = 0; offset < width; offset += kByteBlock) {
@@ -213,19 +224,24 @@ TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t
         uint8_t darker = 0;
         uint8_t notBrighter = 0;
         uint8_t beyond = 0;
-        for (int x = offset; x < end; ++x) {
-            const uint8_t analysed = analysedAt(x);
-            const uint8_t high = current[x] > previous[x] ? current[x] : previous[x];
-            const uint8_t low = current[x] > previous[x] ? previous[x] : current[x];
-            darker = static_cast<uint8_t>(darker + (analysed & (current[x] < previous[x] ? 1 : 0)));
-            notBrighter = static_cast<uint8_t>(notBrighter + (analysed & (current[x] <= previous[x] ? 1 : 0)));
-            beyond = static_cast<uint8_t>(beyond + (analysed & (static_cast<uint8_t>(high - low) > threshold ? 1 : 0)));
-        }
+        TREMORA_ROWS_APART
+        for (int x = offset; x < end; ++x)
+            pixel(x, darker, notBrighter, beyond);
         tally.darker += darker;
         tally.notBrighter += notBrighter;
         tally.beyondThreshold += beyond;
     }
     return tally;
+}
+
+// `Analysed(x)` is 1 where pixel x is analysed, else 0.
+template <typename Analysed>
+TREMORA_KERNEL LightTally light(const uint8_t* __restrict current, const uint8_t* __restrict previous,
+                                const Analysed& analysedAt, int width, uint8_t threshold)
+{
+    return tallyInByteBlocks(width, [&](int x, uint8_t& darker, uint8_t& notBrighter, uint8_t& beyond) {
+        addLight(current[x], previous[x], analysedAt(x), threshold, darker, notBrighter, beyond);
+    });
 }
 
 // Counts the pair as countPixel does, with `previous` and `quiet` left as they are and the
@@ -236,33 +252,14 @@ TREMORA_KERNEL LightTally countApartTallying(const Current& currentAt, const uin
                                              const uint8_t* __restrict quiet, uint8_t* __restrict quietAfter,
                                              uint8_t* __restrict counts, int width, uint8_t threshold)
 {
-    LightTally tally;
-    for (int offset = 0; offset < width; offset += kByteBlock) {
-        const int end = width - offset < kByteBlock ? width : offset + kByteBlock;
-        uint8_t darker = 0;
-        uint8_t notBrighter = 0;
-        uint8_t beyond = 0;
-        TREMORA_ROWS_APART
-        for (int x = offset; x < end; ++x) {
-            const uint8_t current = currentAt(x);
-            const uint8_t before = previous[x];
-            const uint8_t high = current > before ? current : before;
-            const uint8_t low = current > before ? before : current;
-            const bool moved = static_cast<uint8_t>(high - low) > threshold;
-            darker = static_cast<uint8_t>(darker + (current < before ? 1 : 0));
-            notBrighter = static_cast<uint8_t>(notBrighter + (current <= before ? 1 : 0));
-            beyond = static_cast<uint8_t>(beyond + (moved ? 1 : 0));
-            const uint8_t wasQuiet = quiet[x];
-            counts[x] = static_cast<uint8_t>(counts[x] + ((moved & (wasQuiet == kQuietForNewEvent)) ? 1 : 0));
-            const uint8_t older =
-                static_cast<uint8_t>(wasQuiet < kQuietForNewEvent ? wasQuiet + 1 : kQuietForNewEvent);
-            quietAfter[x] = moved ? uint8_t{0} : older;
-        }
-        tally.darker += darker;
-        tally.notBrighter += notBrighter;
-        tally.beyondThreshold += beyond;
-    }
-    return tally;
+    return tallyInByteBlocks(width, [&](int x, uint8_t& darker, uint8_t& notBrighter, uint8_t& beyond) {
+        const uint8_t current = currentAt(x);
+        addLight(current, previous[x], 1, threshold, darker, notBrighter, beyond);
+        uint8_t picture = previous[x];
+        uint8_t quietNow = quiet[x];
+        countPixel(current, picture, quietNow, counts[x], threshold);
+        quietAfter[x] = quietNow;
+    });
 }
 
 TREMORA_KERNEL LightTally countApartWithLight(const uint8_t* __restrict current, const uint8_t* previous,
