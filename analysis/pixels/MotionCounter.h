@@ -164,6 +164,8 @@ private:
     // pairs into m_quietAfter.
     void smoothAndTallyRows(const cv::Mat& frame, int stripe, int firstRow, int endRow, std::uint16_t* sums,
                             cv::Mat* countedAlong);
+    // Row `y` of the stripe that starts at `firstRow`: smoothed (with blur) into m_current, its
+    // light tallied.
     MotionKernels::LightTally smoothAndTallyRow(const cv::Mat& frame, int y, int firstRow, std::uint16_t* sums);
     // The same counting row `y` along, in one sweep that reads each of its rows once.
     MotionKernels::LightTally smoothCountAndTallyRow(const cv::Mat& frame, int y, int firstRow, std::uint16_t* sums,
